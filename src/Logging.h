@@ -1,0 +1,72 @@
+// The process logger: set-up, and the one way to write to it.
+#pragma once
+
+#include <spdlog/spdlog.h>
+
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+// Makes the logger `name` the default one: a console sink "[%l] %v" on standard output and a file sink
+// "[%c][%L] %v" on `directory`/`name`.txt, 10 MiB a file, five older files kept; warnings are flushed at
+// once. Applies SPDLOG_LEVEL from the environment, then from the arguments. May be called again.
+// Throws spdlog::spdlog_ex if the log file cannot be opened. Main thread only.
+void SetUpLogging(const std::string& name, int argc, char** argv, const std::string& directory);
+
+// Writes `text` to standard output as it is: for the few messages that do not go to the log. Thread-safe.
+void PrintToConsole(const char* text);
+
+// A log text with its arguments checked, and the place that logs it. The constructor runs at compile time
+// only, so a text that came from a peer cannot become a format.
+template <typename... Args>
+struct LogText {
+  template <std::size_t N>
+  // NOLINTNEXTLINE(google-explicit-constructor): callers write the bare text
+  consteval LogText(const char (&literal)[N], const char* sourceFile = __builtin_FILE(),
+                    int sourceLine = __builtin_LINE())
+      : text(literal), file(BaseName(sourceFile)), line(sourceLine) {}
+
+  fmt::format_string<Args...> text;
+  const char* file;
+  int line;
+
+ private:
+  static consteval const char* BaseName(const char* path) {
+    const char* base = path;
+    for (const char* c = path; *c != '\0'; ++c) {
+      if (*c == '/') base = c + 1;
+    }
+    return base;
+  }
+};
+
+// Logs under one function's name. A function that logs holds one of these, since neither `__func__` nor
+// what clang 14 offers in its place carries the class. Immutable; thread-safe as the default logger is.
+class LogScope {
+ public:
+  explicit constexpr LogScope(const char* qualifiedFunction) : function_(qualifiedFunction) {}
+
+  template <typename... Args>
+  void Info(LogText<std::type_identity_t<Args>...> text, Args&&... args) const {
+    Write(spdlog::level::info, text, std::forward<Args>(args)...);
+  }
+  template <typename... Args>
+  void Warn(LogText<std::type_identity_t<Args>...> text, Args&&... args) const {
+    Write(spdlog::level::warn, text, std::forward<Args>(args)...);
+  }
+  template <typename... Args>
+  void Error(LogText<std::type_identity_t<Args>...> text, Args&&... args) const {
+    Write(spdlog::level::err, text, std::forward<Args>(args)...);
+  }
+
+ private:
+  template <typename... Args>
+  void Write(spdlog::level::level_enum level, const LogText<std::type_identity_t<Args>...>& text,
+             Args&&... args) const {
+    spdlog::default_logger_raw()->log(spdlog::source_loc{text.file, text.line, function_}, level, text.text,
+                                      std::forward<Args>(args)...);
+  }
+
+  const char* function_;
+};
