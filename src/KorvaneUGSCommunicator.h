@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <utility>
+
+// How requests reach the server and replies leave it. Identities, payloads and replies are byte strings.
+//
+// Order of calls: construct, SetPort, Start, SetRequestCallback; destroying the object stops it. Everything
+// that the callback touches must outlive the object, not only the callback's removal: a call may be on its
+// way while the callback is being emptied.
+class KorvaneUGSCommunicator {
+ public:
+  using RequestCallback = std::function<void(const std::string& identity, const std::string& payload)>;
+
+  KorvaneUGSCommunicator() = default;
+  virtual ~KorvaneUGSCommunicator() = default;
+  KorvaneUGSCommunicator(const KorvaneUGSCommunicator&) = delete;
+  KorvaneUGSCommunicator& operator=(const KorvaneUGSCommunicator&) = delete;
+
+  // Owner's thread. Begins to serve, or stops and begins again; blocks only in the second case (1.3 s). True
+  // does not mean that the port could be bound. Throws std::system_error without a thread.
+  virtual bool Start() = 0;
+
+  // Any thread. Sends `reply` to the peer `identity`, or drops it if the transport is not serving, the peer
+  // is gone or its queue is full. Does not block on the network and does not throw.
+  virtual void Reply(std::string identity, std::string reply) = 0;
+
+  // Owner's thread. The TCP port for the next Start.
+  virtual bool SetPort(std::uint32_t port) = 0;
+
+  // Any thread. An empty callback makes the transport drop requests.
+  void SetRequestCallback(RequestCallback callback) {
+    const std::scoped_lock lock(callbackMutex_);
+    requestCallback.swap(callback);
+  }
+
+  // Called once per request on the transport's own thread, with no lock held; must return quickly, since
+  // nothing is received meanwhile. Use SetRequestCallback while the transport is running.
+  RequestCallback requestCallback;
+
+ protected:
+  [[nodiscard]] RequestCallback CopyRequestCallback() {
+    const std::scoped_lock lock(callbackMutex_);
+    return requestCallback;
+  }
+
+ private:
+  std::mutex callbackMutex_;  // guards requestCallback; held only to copy or assign it
+};

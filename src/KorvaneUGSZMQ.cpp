@@ -1,0 +1,203 @@
+#include "KorvaneUGSZMQ.h"
+
+#include <sys/random.h>
+
+#include <array>
+#include <chrono>
+#include <cstdlib>
+#include <zmq.hpp>
+
+#include "Logging.h"
+
+using std::chrono::milliseconds;
+
+namespace {
+
+constexpr const char* kForwardingEndpoint = "inproc://WaitingThreadWorker";
+constexpr int kIoThreads = 1;
+constexpr int kMaxSockets = 1023;
+constexpr milliseconds kPollTimeout(1000);  // bounds the time to notice a stop
+constexpr int kLinger = 100;                // milliseconds for replies still under way at a stop
+constexpr milliseconds kGraceBeforeTerm(200);
+
+// A ROUTER names its peers by counting up from a number that libzmq draws from rand() and never seeds. A peer
+// that claims the next name ends the process in an assertion, so the number must not be the same each time.
+void SeedPeerNames() {
+  unsigned seed = 0;
+  if (getrandom(&seed, sizeof seed, 0) == sizeof seed) std::srand(seed);
+}
+
+std::shared_ptr<zmq::socket_t> CreateSocket(zmq::context_t& context, zmq::socket_type type,
+                                            const std::string& endpoint) {
+  static constexpr LogScope log("KorvaneUGSZMQ::CreateSocket");
+  try {
+    auto socket = std::make_shared<zmq::socket_t>(context, type);
+    socket->bind(endpoint);
+    return socket;
+  } catch (const zmq::error_t& error) {
+    log.Error("0x0081: {}: {}", endpoint, error.what());
+    return nullptr;
+  }
+}
+
+bool Receive(zmq::socket_t& socket, zmq::message_t& frame) {
+  return socket.recv(frame, zmq::recv_flags::dontwait).has_value();
+}
+
+}  // namespace
+
+// Takes frames two at a time, across message boundaries, and never waits for the second one: after a message
+// with an odd number of frames such a wait would hold back every reply and the stop with it.
+class KorvaneUGSZMQ::FramePairs {
+ public:
+  struct Pair {
+    zmq::message_t identity;
+    zmq::message_t payload;
+  };
+
+  // The next pair, or nothing if a frame of it has yet to arrive; a first frame is then kept.
+  std::optional<Pair> Take(zmq::socket_t& socket) {
+    if (!hasIdentity_) hasIdentity_ = Receive(socket, identity_);
+    zmq::message_t payload;
+    if (!hasIdentity_ || !Receive(socket, payload)) return std::nullopt;
+    hasIdentity_ = false;
+    return Pair{std::move(identity_), std::move(payload)};
+  }
+
+ private:
+  zmq::message_t identity_;
+  bool hasIdentity_ = false;
+};
+
+KorvaneUGSZMQ::~KorvaneUGSZMQ() {
+  Stop();
+}
+
+bool KorvaneUGSZMQ::SetPort(std::uint32_t port) {
+  port_ = port;
+  return true;
+}
+
+bool KorvaneUGSZMQ::Start() {
+  Stop();
+  running_ = true;
+  worker_ = std::thread(&KorvaneUGSZMQ::WaitingThreadWorker, this, port_);
+  return true;
+}
+
+void KorvaneUGSZMQ::Stop() {
+  running_ = false;
+  if (worker_.joinable()) worker_.join();
+}
+
+void KorvaneUGSZMQ::WaitingThreadWorker(std::uint32_t port) {
+  static constexpr LogScope log("KorvaneUGSZMQ::WaitingThreadWorker");
+  const auto context = std::make_shared<zmq::context_t>(kIoThreads, kMaxSockets);
+  auto forwarding = CreateSocket(*context, zmq::socket_type::pair, kForwardingEndpoint);
+  SeedPeerNames();
+  auto router = CreateSocket(*context, zmq::socket_type::router, "tcp://0.0.0.0:" + std::to_string(port));
+  {
+    // Published after the channel is bound: a Reply never connects to an endpoint that is not there yet.
+    const std::scoped_lock lock(mutex_);
+    replySocket_.reset();
+    context_ = context;
+  }
+
+  if (forwarding != nullptr && router != nullptr) ProcessWork(*router, *forwarding);
+
+  std::shared_ptr<zmq::socket_t> replySocket;
+  {
+    const std::scoped_lock lock(mutex_);
+    context_.reset();
+    replySocket = std::move(replySocket_);
+  }
+  if (replySocket != nullptr) {
+    log.Info("Cleaning up Reply socket in main thread!");
+    replySocket.reset();
+  }
+  forwarding.reset();
+  if (router != nullptr) {
+    try {
+      router->set(zmq::sockopt::linger, kLinger);
+    } catch (const zmq::error_t& error) {
+      log.Info("Socket linger could not be set: {}", error.what());
+    }
+    router.reset();
+  }
+  std::this_thread::sleep_for(kGraceBeforeTerm);
+  context->shutdown();
+  context->close();
+}
+
+void KorvaneUGSZMQ::ProcessWork(zmq::socket_t& router, zmq::socket_t& forwarding) {
+  static constexpr LogScope log("KorvaneUGSZMQ::ProcessWork");
+  FramePairs pairs;
+  while (running_) {
+    try {
+      std::array<zmq::pollitem_t, 2> items{
+          {{router.handle(), 0, ZMQ_POLLIN, 0}, {forwarding.handle(), 0, ZMQ_POLLIN, 0}}};
+      zmq::poll(items, kPollTimeout);
+      if ((items[0].revents & ZMQ_POLLIN) != 0) TakeRequest(router, pairs);
+      if ((items[1].revents & ZMQ_POLLIN) != 0) ForwardReply(router, forwarding);
+    } catch (const zmq::error_t& error) {
+      log.Error("0x0082 {}", error.what());
+    } catch (const std::exception& error) {
+      log.Error("0x0083 {}", error.what());
+    }
+  }
+}
+
+void KorvaneUGSZMQ::TakeRequest(zmq::socket_t& router, FramePairs& pairs) {
+  static constexpr LogScope log("KorvaneUGSZMQ::ProcessWork");
+  const auto pair = pairs.Take(router);
+  if (!pair) return;
+  if (pair->identity.empty() || pair->payload.empty()) {
+    log.Error("0x0084 Invalid incoming data");
+    return;
+  }
+  if (const RequestCallback callback = CopyRequestCallback()) {
+    callback(pair->identity.to_string(), pair->payload.to_string());
+  }
+}
+
+void KorvaneUGSZMQ::ForwardReply(zmq::socket_t& router, zmq::socket_t& forwarding) {
+  zmq::message_t identity;
+  zmq::message_t reply;
+  // A frame that stands alone is a reply whose identity was lost to a full channel: it belongs to nobody.
+  // Pairing it with the next frame would shift every later reply.
+  if (!Receive(forwarding, identity) || !identity.more() || !Receive(forwarding, reply)) return;
+  router.send(identity, zmq::send_flags::sndmore);
+  router.send(reply, zmq::send_flags::dontwait);
+}
+
+void KorvaneUGSZMQ::Reply(std::string identity, std::string reply) {
+  static constexpr LogScope log("KorvaneUGSZMQ::Reply");
+  const std::scoped_lock lock(mutex_);
+  if (context_ == nullptr) {
+    if (replySocket_ != nullptr) {
+      log.Info("Closing up Reply channel");
+      replySocket_.reset();
+    }
+    return;
+  }
+  if (replySocket_ == nullptr) {
+    log.Info("Creating response socket and connecting back");
+    try {
+      auto socket = std::make_shared<zmq::socket_t>(*context_, zmq::socket_type::pair);
+      socket->connect(kForwardingEndpoint);
+      replySocket_ = std::move(socket);
+    } catch (const zmq::error_t& error) {
+      log.Error("0x0085: {}", error.what());
+      return;
+    }
+  }
+  try {
+    // Neither send may wait: the worker takes this mutex when it stops reading the channel. What does not
+    // fit into the channel is lost.
+    replySocket_->send(zmq::buffer(identity), zmq::send_flags::sndmore | zmq::send_flags::dontwait);
+    replySocket_->send(zmq::buffer(reply), zmq::send_flags::dontwait);
+  } catch (const zmq::error_t& error) {
+    log.Error("0x0086: {}", error.what());
+    replySocket_.reset();
+  }
+}
