@@ -1,0 +1,37 @@
+#include "ProcessSignals.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+
+ProcessSignals::ProcessSignals() {
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+  sigemptyset(&handled_);
+  for (const int signal : {SIGINT, SIGTERM, SIGTSTP}) sigaddset(&handled_, signal);
+  struct sigaction hangup = {};
+  if (sigaction(SIGHUP, nullptr, &hangup) != 0 || hangup.sa_handler != SIG_IGN) sigaddset(&handled_, SIGHUP);
+  pthread_sigmask(SIG_BLOCK, &handled_, nullptr);
+}
+
+int ProcessSignals::WaitUntil(std::chrono::steady_clock::time_point deadline) const {
+  using std::chrono::nanoseconds;
+  using std::chrono::seconds;
+  while (true) {
+    const auto left = std::max<nanoseconds>(deadline - std::chrono::steady_clock::now(), nanoseconds(0));
+    const auto whole = std::chrono::duration_cast<seconds>(left);
+    const timespec timeout{whole.count(), (left - whole).count()};
+    const int signal = sigtimedwait(&handled_, nullptr, &timeout);
+    if (signal > 0) return signal;
+    if (errno != EINTR) return 0;
+  }
+}
+
+void ProcessSignals::StopProcess() {
+  sigset_t stop;
+  sigemptyset(&stop);
+  sigaddset(&stop, SIGTSTP);
+  std::raise(SIGTSTP);
+  pthread_sigmask(SIG_UNBLOCK, &stop, nullptr);  // stops here
+  pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+}

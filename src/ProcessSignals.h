@@ -1,0 +1,24 @@
+#pragma once
+
+#include <chrono>
+#include <csignal>
+
+// The signals that the main loop acts on: SIGINT, SIGTERM, SIGHUP (unless it was ignored at start, as nohup
+// does) and SIGTSTP. They are blocked in every thread and taken from the queue here, so no handler runs, no
+// system call elsewhere is interrupted, and process 1 of a container gets them too. SIGPIPE and SIGXFSZ are
+// ignored: a console or a log that cannot be written does not stop the counting.
+//
+// Construct before the first thread exists. Main thread only.
+class ProcessSignals {
+ public:
+  ProcessSignals();
+
+  // Sleeps until `deadline` or one of the signals, and returns it; 0 if the deadline came first.
+  [[nodiscard]] int WaitUntil(std::chrono::steady_clock::time_point deadline) const;
+
+  // Stops the process as SIGTSTP does by default, until it is continued.
+  static void StopProcess();
+
+ private:
+  sigset_t handled_;
+};

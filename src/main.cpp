@@ -1,0 +1,106 @@
+// KorvaneUGS: keeps the newest report of every video-analytics instance of a site and the fleet's totals.
+// This file is the order of start-up, the main loop and the shutdown; docs/architecture.md is the map.
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <ratio>
+#include <string>
+
+#include "ConsoleKeyboard.h"
+#include "Deadline.h"
+#include "KorvaneControllerServer.h"
+#include "Logging.h"
+#include "ProcessSignals.h"
+
+namespace {
+
+// The system time in 100-nanosecond ticks.
+using Ticks = std::chrono::duration<std::int64_t, std::ratio<1, 10'000'000>>;
+
+constexpr bool kEncrypted = true;
+constexpr std::chrono::seconds kLogFlushPeriod(5);
+constexpr std::chrono::seconds kLoopPeriod(1);
+constexpr Ticks kRefreshPeriod = std::chrono::minutes(30);
+
+Ticks SystemTicks() {
+  return std::chrono::duration_cast<Ticks>(std::chrono::system_clock::now().time_since_epoch());
+}
+
+// A closed standard descriptor would be reused by the log file or a socket, and written to as the console.
+void OccupyStandardDescriptors() {
+  for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
+    if (fcntl(descriptor, F_GETFD) == -1) open("/dev/null", O_RDWR);
+  }
+}
+
+// Every peer takes a descriptor; at the soft limit new ones are refused, at a full core's cost.
+void RaiseOpenFileLimit(const LogScope& log) {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+    limit.rlim_cur = limit.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &limit) == 0) return;
+  }
+  log.Warn("The limit of open files could not be raised: {}",
+           std::strerror(errno));  // NOLINT(concurrency-mt-unsafe)
+}
+
+bool IsQuitKey(std::optional<char> key) {
+  return key == ConsoleKeyboard::kEscape || key == 'Q' || key == 'q';
+}
+
+// Sleeps to the end of the turn. True if a signal asked the server to end.
+bool WaitForQuitSignal(const ProcessSignals& signals, ConsoleKeyboard& keyboard) {
+  const auto deadline = DeadlineAfter(kLoopPeriod);
+  while (const int signal = signals.WaitUntil(deadline)) {
+    if (signal != SIGTSTP) return true;
+    keyboard.ReleaseTerminal();
+    ProcessSignals::StopProcess();
+  }
+  return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  static constexpr LogScope log("main");
+  OccupyStandardDescriptors();
+  const ProcessSignals signals;
+  const std::string logDirectory = "logs";
+  const std::string logName = "KorvaneUGS.log";
+  SetUpLogging(logName, argc, argv, logDirectory);
+  spdlog::flush_every(kLogFlushPeriod);
+  log.Warn("UGS version {}", UGSDefs::kVersion);
+  RaiseOpenFileLimit(log);
+
+  auto server = std::make_unique<KorvaneControllerServer>(kEncrypted, UGSDefs::kPort);
+  server->Start();
+  PrintToConsole("\n");
+  PrintToConsole("Press a key to exit...\n");
+  ConsoleKeyboard keyboard;
+  bool quit = false;
+  Ticks lastBuild = SystemTicks();
+  log.Info("Total cameras in use : {}", server->Records().TotalCameras());
+  server->Records().PrintStatus();
+
+  while (!quit) {
+    quit = IsQuitKey(keyboard.ReadKey());
+    if (SystemTicks() - lastBuild >= kRefreshPeriod) {
+      log.Info("Refreshing UGS server...");
+      auto fresh = std::make_unique<KorvaneControllerServer>(kEncrypted, UGSDefs::kPort);
+      server.reset();  // the port must be free before the new server binds it
+      server = std::move(fresh);
+      server->Start();
+      lastBuild = SystemTicks();
+    }
+    quit = quit || WaitForQuitSignal(signals, keyboard);
+  }
+  return 0;
+}
