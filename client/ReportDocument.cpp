@@ -1,0 +1,77 @@
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "UgsClient.h"
+#include "UsageCounts.h"
+
+namespace ugs {
+namespace {
+
+using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
+
+void WriteString(Writer& writer, const std::string& text) {
+  writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+}
+
+void WriteRequest(Writer& writer, const Report& report) {
+  writer.StartObject();
+  writer.Key("KorvaneID");
+  WriteString(writer, report.id);
+  writer.Key("DockerID");
+  WriteString(writer, report.container);
+  writer.Key("CamRtspUrls");
+  writer.StartArray();
+  for (const std::string& url : report.cameras) WriteString(writer, url);
+  writer.EndArray();
+  writer.Key("InUse");
+  writer.StartObject();
+  for (const std::string& key : CountKeys(report.layout)) {
+    const auto count = report.counts.find(key);
+    writer.Key(key.c_str());
+    writer.Uint(count == report.counts.end() ? 0 : count->second);
+  }
+  writer.EndObject();
+  writer.EndObject();
+}
+
+}  // namespace
+
+std::vector<std::string> LayoutNames() {
+  std::vector<std::string> names;
+  for (const Layout& layout : kLayouts) names.emplace_back(layout.name);
+  return names;
+}
+
+std::vector<std::string> CountKeys(std::string_view layout) {
+  std::vector<std::string> keys;
+  for (const Layout& candidate : kLayouts) {
+    for (const CountField& field : candidate.addedCounts) keys.emplace_back(field.key);
+    if (layout == candidate.name) return keys;
+  }
+  throw std::invalid_argument("there is no layout \"" + std::string(layout) + "\"");
+}
+
+std::string WriteDocument(const Report& report) {
+  const std::vector<std::string> keys = CountKeys(report.layout);
+  for (const auto& [key, count] : report.counts) {
+    if (std::ranges::find(keys, key) == keys.end()) {
+      throw std::invalid_argument("layout " + report.layout + " carries no count \"" + key + "\"");
+    }
+  }
+  rapidjson::StringBuffer buffer;
+  Writer writer(buffer);
+  if (report.layout == kLayouts.front().name) {
+    WriteRequest(writer, report);
+  } else {
+    writer.StartObject();
+    writer.Key(report.layout.c_str());
+    WriteRequest(writer, report);
+    writer.EndObject();
+  }
+  return {buffer.GetString(), buffer.GetSize()};
+}
+
+}  // namespace ugs

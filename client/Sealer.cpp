@@ -1,0 +1,113 @@
+#include "Sealer.h"
+
+#include <openssl/bio.h>
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rand.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+
+#include <array>
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+namespace ugs {
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+using AesKey = std::array<unsigned char, 32>;
+using Iv = std::array<unsigned char, 16>;
+
+using BioPtr = std::unique_ptr<BIO, decltype(&BIO_free)>;
+using CipherPtr = std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)>;
+using KeyContextPtr = std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)>;
+
+void Require(bool succeeded, const char* step) {
+  if (!succeeded) throw std::runtime_error(std::string("cannot seal the request: ") + step);
+}
+
+template <typename Buffer>
+std::string Base64(const Buffer& bytes) {
+  std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');  // EVP_EncodeBlock ends its output with a NUL
+  EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                  reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
+  text.pop_back();
+  return text;
+}
+
+Bytes WrapKey(EVP_PKEY* publicKey, const AesKey& key) {
+  const KeyContextPtr context(EVP_PKEY_CTX_new(publicKey, nullptr), EVP_PKEY_CTX_free);
+  std::size_t length = 0;
+  Require(context != nullptr && EVP_PKEY_encrypt_init(context.get()) == 1 &&
+              EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1 &&
+              EVP_PKEY_encrypt(context.get(), nullptr, &length, key.data(), key.size()) == 1,
+          "RSA set-up");
+  Bytes block(length);
+  Require(EVP_PKEY_encrypt(context.get(), block.data(), &length, key.data(), key.size()) == 1,
+          "the RSA key is too short to wrap an AES-256 key");
+  block.resize(length);
+  return block;
+}
+
+Bytes Encrypt(const AesKey& key, const Iv& iv, std::string_view plaintext) {
+  const CipherPtr context(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
+  Bytes ciphertext(plaintext.size() + iv.size());
+  int length = 0;
+  int lastBlock = 0;
+  Require(context != nullptr &&
+              EVP_EncryptInit_ex(context.get(), EVP_aes_256_cbc(), nullptr, key.data(), iv.data()) == 1 &&
+              EVP_EncryptUpdate(context.get(), ciphertext.data(), &length,
+                                reinterpret_cast<const unsigned char*>(plaintext.data()),
+                                static_cast<int>(plaintext.size())) == 1 &&
+              EVP_EncryptFinal_ex(context.get(), ciphertext.data() + length, &lastBlock) == 1,
+          "AES");
+  ciphertext.resize(static_cast<std::size_t>(length + lastBlock));
+  return ciphertext;
+}
+
+EVP_PKEY* ReadPublicKey(const std::string& pem) {
+  const BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), BIO_free);
+  return bio == nullptr ? nullptr : PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr);
+}
+
+}  // namespace
+
+Sealer::Sealer(const std::string& publicKeyPem) : key_(ReadPublicKey(publicKeyPem), EVP_PKEY_free) {
+  if (key_ == nullptr || EVP_PKEY_get_base_id(key_.get()) != EVP_PKEY_RSA) {
+    throw std::invalid_argument("not the PEM text of an RSA public key");
+  }
+}
+
+std::string Sealer::Seal(std::string_view plaintext) const {
+  AesKey key;
+  Iv iv;
+  Require(RAND_bytes(key.data(), key.size()) == 1 && RAND_bytes(iv.data(), iv.size()) == 1, "random bytes");
+  // Wiped on the way out by an exception, too.
+  const std::unique_ptr<AesKey, void (*)(AesKey*)> wipe(
+      &key, [](AesKey* secret) { OPENSSL_cleanse(secret->data(), secret->size()); });
+  const std::string document = R"({"data1":")" + Base64(WrapKey(key_.get(), key)) + R"(","data2":")" +
+                               Base64(iv) + R"(","data3":")" + Base64(Encrypt(key, iv, plaintext)) + R"("})";
+  return Base64(document);
+}
+
+std::string Sealer::Fingerprint() const {
+  unsigned char* der = nullptr;
+  const int length = i2d_PUBKEY(key_.get(), &der);
+  const std::unique_ptr<unsigned char, void (*)(unsigned char*)> owner(
+      der, [](unsigned char* bytes) { OPENSSL_free(bytes); });
+  std::array<unsigned char, 32> digest{};
+  Require(length > 0 && EVP_Digest(der, static_cast<std::size_t>(length), digest.data(), nullptr,
+                                   EVP_sha256(), nullptr) == 1,
+          "SHA-256");
+  constexpr std::string_view digits = "0123456789abcdef";
+  std::string text;
+  for (const unsigned char byte : digest) {
+    text += digits[byte >> 4];
+    text += digits[byte & 15];
+  }
+  return text;
+}
+
+}  // namespace ugs

@@ -1,0 +1,21 @@
+# Runs at build time: makes the key pair in KEY_DIR with KEYGEN if there is none, and writes OUTPUT, the
+# source that carries its scrambled private key. Never replaces a key. DEPFILE makes a new key rebuild it.
+set(private ${KEY_DIR}/private.scrambled)
+if(NOT EXISTS ${private})
+  execute_process(COMMAND ${KEYGEN} keygen --out ${KEY_DIR} OUTPUT_QUIET RESULT_VARIABLE failed)
+  if(failed)
+    message(FATAL_ERROR "No key pair could be made in ${KEY_DIR}.")
+  endif()
+endif()
+execute_process(COMMAND ${KEYGEN} fingerprint --key ${KEY_DIR}/public.pem OUTPUT_VARIABLE fingerprint)
+string(STRIP "${fingerprint}" fingerprint)
+message(STATUS "Key pair of ${KEY_DIR}, SHA-256 of the public key: ${fingerprint}")
+file(READ ${private} scrambled)
+string(STRIP "${scrambled}" scrambled)
+file(CONFIGURE OUTPUT ${OUTPUT} @ONLY CONTENT [[
+// Generated from the key pair of this build; do not commit.
+#include "KorvaneControllerServer.h"
+
+std::string_view ScrambledPrivateKey() { return "@scrambled@"; }
+]])
+file(WRITE ${DEPFILE} "${OUTPUT}: ${private}\n")

@@ -1,0 +1,145 @@
+#include "Keygen.h"
+
+#include <fcntl.h>
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "Envelope.h"
+#include "KorvaneControllerServer.h"
+#include "Sealer.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// About half of all RSA-2048 keys have a PKCS #1 PEM of this size (without its last newline), and only these
+// give a scrambled text of 2232 characters, the room that a server has for it.
+constexpr int kModulusBits = 2048;
+constexpr std::size_t kPemSize = 1674;
+
+using KeyPtr = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
+using BioPtr = std::unique_ptr<BIO, decltype(&BIO_free)>;
+
+// What `write` puts into a memory BIO, without the last newline.
+template <typename Write>
+std::string PemText(Write write) {
+  const BioPtr bio(BIO_new(BIO_s_secmem()), BIO_free);
+  char* data = nullptr;
+  if (bio == nullptr || write(bio.get()) != 1) throw std::runtime_error("the key cannot be written as PEM");
+  const long size = BIO_get_mem_data(bio.get(), &data);
+  return {data, static_cast<std::size_t>(size) - 1};
+}
+
+std::string PrivatePem(EVP_PKEY* key) {
+  return PemText([key](BIO* bio) {
+    return PEM_write_bio_PrivateKey_traditional(bio, key, nullptr, nullptr, 0, nullptr, nullptr);
+  });
+}
+
+std::string PublicPem(EVP_PKEY* key) {
+  return PemText([key](BIO* bio) { return PEM_write_bio_PUBKEY(bio, key); }) + "\n";
+}
+
+KeyPtr GenerateKey() {
+  while (true) {
+    KeyPtr key(EVP_RSA_gen(kModulusBits), EVP_PKEY_free);
+    if (key == nullptr) throw std::runtime_error("OpenSSL could not make an RSA key");
+    std::string pem = PrivatePem(key.get());
+    const WipeOnExit wipe(pem);
+    if (pem.size() == kPemSize) return key;
+  }
+}
+
+int NotePasswordWanted(char* /*buffer*/, int /*size*/, int /*writing*/, void* wanted) {
+  *static_cast<bool*>(wanted) = true;
+  return -1;
+}
+
+KeyPtr ReadKey(const fs::path& file) {
+  const BioPtr bio(BIO_new_file(file.c_str(), "r"), BIO_free);
+  if (bio == nullptr) throw std::runtime_error("cannot read " + file.string());
+  bool passwordWanted = false;
+  KeyPtr key(PEM_read_bio_PrivateKey(bio.get(), nullptr, NotePasswordWanted, &passwordWanted), EVP_PKEY_free);
+  if (passwordWanted) {
+    throw std::runtime_error(file.string() + " is encrypted; decrypt it first: openssl rsa -in " +
+                             file.string() + " -out PLAIN.pem");
+  }
+  if (key == nullptr || EVP_PKEY_get_base_id(key.get()) != EVP_PKEY_RSA) {
+    throw std::runtime_error(file.string() + " does not hold an RSA private key in PEM (PKCS #1 or PKCS #8)");
+  }
+  return key;
+}
+
+// Opens with the server's own code what the client library seals.
+void ProvePair(const std::string& scrambled, const ugs::Sealer& sealer) {
+  KorvaneControllerServer server(true, 0, scrambled, nullptr);
+  if (server.ProcessData(sealer.Seal(UGSDefs::kGreeting)) != UGSDefs::Hello) {
+    throw std::runtime_error("the key pair does not open what it seals");
+  }
+}
+
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int descriptor) : descriptor_(descriptor) {}
+  ~FileDescriptor() { close(descriptor_); }
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  [[nodiscard]] int Get() const { return descriptor_; }
+
+ private:
+  const int descriptor_;
+};
+
+void CreateFile(const fs::path& file, mode_t mode, const std::string& content) {
+  const auto fail = [&](const char* what) {
+    throw std::system_error(errno, std::generic_category(), std::string(what) + " " + file.string());
+  };
+  const int descriptor = open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+  if (descriptor == -1) fail("cannot create");
+  const FileDescriptor owner(descriptor);
+  if (fchmod(descriptor, mode) != 0) fail("cannot set the mode of");
+  if (write(descriptor, content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
+      fsync(descriptor) != 0) {
+    fail("cannot write");
+  }
+}
+
+}  // namespace
+
+std::string MakeKeyPair(const fs::path& directory, const std::optional<fs::path>& from) {
+  const fs::path privateFile = directory / "private.scrambled";
+  const fs::path publicFile = directory / "public.pem";
+  for (const fs::path& file : {privateFile, publicFile}) {
+    if (fs::exists(file)) throw std::runtime_error(file.string() + " exists and will not be overwritten");
+  }
+  const KeyPtr key = from ? ReadKey(*from) : GenerateKey();
+  std::string pem = PrivatePem(key.get());
+  const WipeOnExit wipe(pem);
+  const std::string scrambled = ScrambleKey(pem);
+  const std::string publicPem = PublicPem(key.get());
+  const ugs::Sealer sealer(publicPem);
+  ProvePair(scrambled, sealer);
+
+  fs::create_directories(directory);
+  CreateFile(privateFile, 0600, scrambled);
+  try {
+    CreateFile(publicFile, 0644, publicPem);
+  } catch (...) {
+    fs::remove(privateFile);  // half a pair would only stand in the way of the next try
+    throw;
+  }
+  return sealer.Fingerprint();
+}

@@ -1,0 +1,189 @@
+// `ugs`: the tool beside the server. One subcommand per task; each returns the exit code of the program.
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <iterator>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "Keygen.h"
+#include "Sealer.h"
+#include "UGSDefs.h"
+#include "UgsClient.h"
+
+namespace {
+
+enum ExitCode : int {
+  kDone = 0,        // the server answered 0, or 1 to the greeting
+  kRefused = 1,     // the server answered something else
+  kUsageError = 2,  // the command or a file it names cannot be used
+  kNoAnswer = 3,
+};
+
+using Command = std::function<int()>;
+
+std::string ReadText(const std::string& file) {
+  if (file == "-") return {std::istreambuf_iterator<char>(std::cin), {}};
+  std::ifstream stream(file, std::ios::binary);
+  std::string text{std::istreambuf_iterator<char>(stream), {}};
+  if (!stream) throw std::runtime_error("cannot read " + file);
+  return text;
+}
+
+// What every subcommand that talks to the server takes.
+struct Target {
+  std::string server = "127.0.0.1";
+  std::string key = "keys/public.pem";
+  double timeout = 5;
+
+  void AddOptions(CLI::App& command) {
+    command.add_option("--server", server, "HOST[:PORT] of the server; port 9304 if left out")
+        ->capture_default_str();
+    command.add_option("--key", key, "the server's public key, a PEM file")->capture_default_str();
+    command.add_option("--timeout", timeout, "seconds to wait for the answer")
+        ->check(CLI::Range(0.001, 86400.0))
+        ->capture_default_str();
+  }
+
+  [[nodiscard]] ugs::Client Connect() const {
+    try {
+      const std::chrono::duration<double> seconds(timeout);
+      return {server, ReadText(key), std::chrono::ceil<std::chrono::milliseconds>(seconds)};
+    } catch (const std::invalid_argument& error) {
+      throw std::invalid_argument(std::string(error.what()) + " (--server " + server + ", --key " + key +
+                                  ")");
+    }
+  }
+
+  [[nodiscard]] int Conclude(std::optional<int> code, int expected) const {
+    if (!code) {
+      const ugs::Address address = ugs::ParseAddress(server);
+      std::cerr << "ugs: no answer from host " << address.host << ", port " << address.port << " within "
+                << timeout << " s\n";
+      return kNoAnswer;
+    }
+    static const std::map<int, std::string> meanings{
+        {UGSDefs::Ok, "counted"},
+        {UGSDefs::Hello, "hello"},
+        {UGSDefs::Failed, "refused; the server's log says why"},
+    };
+    const auto meaning = meanings.find(*code);
+    std::cout << *code << " (" << (meaning == meanings.end() ? "unknown code" : meaning->second) << ")\n";
+    return *code == expected ? kDone : kRefused;
+  }
+};
+
+std::map<std::string, std::uint32_t> ParseCounts(const std::vector<std::string>& uses) {
+  std::map<std::string, std::uint32_t> counts;
+  for (const std::string& use : uses) {
+    const std::size_t equals = use.find('=');
+    std::uint32_t count = 0;
+    if (equals == std::string::npos || !CLI::detail::lexical_cast(use.substr(equals + 1), count)) {
+      throw std::invalid_argument("--use " + use + " is not NAME=COUNT with a count from 0 to 4294967295");
+    }
+    counts[use.substr(0, equals)] = count;
+  }
+  return counts;
+}
+
+Command AddKeygen(CLI::App& app) {
+  auto* command = app.add_subcommand("keygen", "make the key pair of a server");
+  struct Options {
+    std::string out = "keys";
+    std::string from;
+  };
+  const auto options = std::make_shared<Options>();
+  command->add_option("--out", options->out, "directory for private.scrambled and public.pem")
+      ->capture_default_str();
+  command->add_option("--from", options->from,
+                      "take this unencrypted RSA private key (PEM), so that instances keep their public key");
+  return [options] {
+    const auto from =
+        options->from.empty() ? std::nullopt : std::optional<std::filesystem::path>(options->from);
+    const std::string fingerprint = MakeKeyPair(options->out, from);
+    std::cout << "Made the key pair in " << options->out << ". SHA-256 of the public key: " << fingerprint
+              << "\n";
+    return kDone;
+  };
+}
+
+Command AddFingerprint(CLI::App& app) {
+  auto* command = app.add_subcommand("fingerprint", "print the SHA-256 of a public key");
+  const auto key = std::make_shared<std::string>("keys/public.pem");
+  command->add_option("--key", *key, "the public key, a PEM file")->capture_default_str();
+  return [key] {
+    std::cout << ugs::Sealer(ReadText(*key)).Fingerprint() << "\n";
+    return kDone;
+  };
+}
+
+Command AddReport(CLI::App& app) {
+  auto* command = app.add_subcommand("report", "send one report and print the reply code");
+  struct Options {
+    Target target;
+    ugs::Report report;
+    std::vector<std::string> uses;
+    std::string json;
+  };
+  const auto options = std::make_shared<Options>();
+  options->target.AddOptions(*command);
+  auto* id = command->add_option("--id", options->report.id, "identity of the instance (KorvaneID)");
+  command->add_option("--docker", options->report.container, "identity of its container (DockerID)");
+  command->add_option("--camera", options->report.cameras, "RTSP URL of a camera; may be repeated");
+  command->add_option("--use", options->uses, "NAME=COUNT, as in MaxCameras=4; may be repeated");
+  command->add_option("--layout", options->report.layout, "layout of the document")
+      ->check(CLI::IsMember(ugs::LayoutNames()))
+      ->capture_default_str();
+  command
+      ->add_option("--json", options->json, "send the document in this file (- for standard input) as it is")
+      ->excludes(id);
+  return [options] {
+    if (options->json.empty() && (options->report.id.empty() || options->report.cameras.empty())) {
+      throw std::invalid_argument("report needs --id and at least one --camera, or --json");
+    }
+    options->report.counts = ParseCounts(options->uses);
+    const std::string document =
+        options->json.empty() ? ugs::WriteDocument(options->report) : ReadText(options->json);
+    return options->target.Conclude(options->target.Connect().SendDocument(document), UGSDefs::Ok);
+  };
+}
+
+Command AddPing(CLI::App& app) {
+  auto* command = app.add_subcommand("ping", "send the greeting: is the server there, with this key?");
+  const auto target = std::make_shared<Target>();
+  target->AddOptions(*command);
+  return [target] {
+    return target->Conclude(target->Connect().Greet(), UGSDefs::Hello);
+  };
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Keys, reports and checks for a KorvaneUGS server.", "ugs");
+  app.require_subcommand(1);
+  app.footer("Exit codes: 0 done, 1 the server refused, 2 usage error, 3 no answer.");
+  const std::map<std::string, Command> commands{
+      {"keygen", AddKeygen(app)},
+      {"fingerprint", AddFingerprint(app)},
+      {"report", AddReport(app)},
+      {"ping", AddPing(app)},
+  };
+  try {
+    app.parse(argc, argv);
+    return commands.at(app.get_subcommands().front()->get_name())();
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? kDone : kUsageError;
+  } catch (const std::exception& error) {
+    std::cerr << "ugs: " << error.what() << "\n";
+    return kUsageError;
+  }
+}
