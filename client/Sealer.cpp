@@ -63,7 +63,7 @@ Bytes Encrypt(const AesKey& key, const Iv& iv, std::string_view plaintext) {
                                 static_cast<int>(plaintext.size())) == 1 &&
               EVP_EncryptFinal_ex(context.get(), ciphertext.data() + length, &lastBlock) == 1,
           "AES");
-  ciphertext.resize(static_cast<std::size_t>(length + lastBlock));
+  ciphertext.resize(static_cast<std::size_t>(length) + static_cast<std::size_t>(lastBlock));
   return ciphertext;
 }
 

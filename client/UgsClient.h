@@ -15,11 +15,12 @@ namespace ugs {
 // What one instance is using. The server identifies the instance by `id` followed by `cameras`, in order:
 // both must be non-empty for the report to be counted.
 struct Report {
-  std::string id;
-  std::string container;
-  std::vector<std::string> cameras;             // RTSP URLs
-  std::map<std::string, std::uint32_t> counts;  // by JSON key ("MaxCameras"); those left out are sent as 0
-  std::string layout = "v6";                    // "legacy", "v4", "v5" or "v6"
+  std::string id = {};
+  std::string container = {};
+  std::vector<std::string> cameras = {};  // RTSP URLs
+  std::map<std::string, std::uint32_t> counts =
+      {};                     // by JSON key ("MaxCameras"); those left out are sent as 0
+  std::string layout = "v6";  // "legacy", "v4", "v5" or "v6"
 };
 
 // The keys that `layout` carries, in the order of the document. Throws std::invalid_argument for an unknown

@@ -83,9 +83,6 @@ std::size_t KeyLength(const std::string& typed) {
 
 ConsoleKeyboard::ConsoleKeyboard() : isTerminal_(isatty(STDIN_FILENO) == 1) {
   if (!isTerminal_) return;
-  // The terminal stops background jobs that write to it (where it has `tostop`) or read from it by these.
-  std::signal(SIGTTOU, SIG_IGN);
-  std::signal(SIGTTIN, SIG_IGN);
   for (const int signal : kFatalSignals) {
     struct sigaction action = {};
     if (sigaction(signal, nullptr, &action) != 0 || action.sa_handler != SIG_DFL) continue;

@@ -25,12 +25,12 @@ constexpr std::string_view kScrambleKey = "k4vqzle";
 using BioPtr = std::unique_ptr<BIO, decltype(&BIO_free)>;
 using RsaPtr = std::unique_ptr<RSA, decltype(&RSA_free)>;
 
-constexpr std::array<signed char, 256> kBase64Values = [] {
+constexpr std::array<int, 256> kBase64Values = [] {
   constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::array<signed char, 256> values{};
+  std::array<int, 256> values{};
   values.fill(-1);
   for (std::size_t i = 0; i < alphabet.size(); ++i) {
-    values[static_cast<unsigned char>(alphabet[i])] = static_cast<signed char>(i);
+    values[static_cast<unsigned char>(alphabet[i])] = static_cast<int>(i);
   }
   return values;
 }();

@@ -9,7 +9,7 @@
 #include <memory>
 
 namespace {
-constexpr std::size_t kMaxFileSize = 10 * 1024 * 1024;
+constexpr std::size_t kMaxFileSize = 10'485'760;
 constexpr std::size_t kOlderFiles = 5;
 }  // namespace
 

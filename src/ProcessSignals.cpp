@@ -5,8 +5,7 @@
 #include <ctime>
 
 ProcessSignals::ProcessSignals() {
-  std::signal(SIGPIPE, SIG_IGN);
-  std::signal(SIGXFSZ, SIG_IGN);
+  for (const int signal : {SIGPIPE, SIGXFSZ, SIGTTOU, SIGTTIN}) std::signal(signal, SIG_IGN);
   sigemptyset(&handled_);
   for (const int signal : {SIGINT, SIGTERM, SIGTSTP}) sigaddset(&handled_, signal);
   struct sigaction hangup = {};

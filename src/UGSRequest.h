@@ -19,11 +19,11 @@ class UGSRequest {
  public:
   // The newest report of one instance.
   struct RequestData {
-    std::vector<std::string> camRtspUrls;
-    std::string korvaneId;
-    std::string dockerId;
+    std::vector<std::string> camRtspUrls = {};
+    std::string korvaneId = {};
+    std::string dockerId = {};
     std::int32_t timeStamp = -1;  // seconds since 1970-01-01 UTC; -1 until the registry stamps it
-    UsageCounts counts;
+    UsageCounts counts = {};
   };
 
   // Chooses the layout by the member "v6", "v5" or "v4" of `root`, in that order; without one of them it is

@@ -1,0 +1,111 @@
+// What the unit tests share: a log that can be read back, a clock that stands still, report documents,
+// sealed envelopes and peers.
+#pragma once
+
+#include <spdlog/sinks/base_sink.h>
+#include <spdlog/spdlog.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <vector>
+#include <zmq.hpp>
+
+#include "Sealer.h"
+#include "UGSRequest.h"
+
+struct LogLine {
+  spdlog::level::level_enum level;
+  std::string function;
+  std::string text;
+
+  friend bool operator==(const LogLine&, const LogLine&) = default;
+  friend std::ostream& operator<<(std::ostream& out, const LogLine& line) {
+    return out << spdlog::level::to_string_view(line.level).data() << " " << line.function << ": "
+               << line.text;
+  }
+};
+
+LogLine ErrorLine(std::string function, std::string text);
+LogLine InfoLine(std::string function, std::string text);
+
+// Stands in for the process logger while it lives. Thread-safe.
+class CapturedLog {
+ public:
+  CapturedLog();
+  ~CapturedLog();
+  CapturedLog(const CapturedLog&) = delete;
+  CapturedLog& operator=(const CapturedLog&) = delete;
+
+  std::vector<LogLine> Lines() const;
+  std::vector<std::string> Texts() const;
+  std::size_t Count(const std::string& text) const;
+  std::vector<std::string> Files() const;  // the source file of each line
+  void Clear();
+
+ private:
+  class Sink;
+  std::shared_ptr<spdlog::logger> before_;
+  std::shared_ptr<Sink> sink_;
+};
+
+// Stands in for the process-wide clock while it lives.
+class StandingClock {
+ public:
+  explicit StandingClock(std::int32_t start);
+  ~StandingClock();
+  StandingClock(const StandingClock&) = delete;
+  StandingClock& operator=(const StandingClock&) = delete;
+
+  std::int32_t now;
+
+ private:
+  std::function<std::int32_t()> before_;
+};
+
+// True as soon as `condition` is; false if it is not within 20 s.
+bool Await(const std::function<bool()>& condition);
+
+// A document of `layout` ("" for legacy) as text, with each key's count taken from `counts` or 0. Members of
+// the request and of "InUse" named in `without` are left out; `raw` replaces a member's JSON text.
+struct DocumentText {
+  std::string layout = "v6";
+  std::map<std::string, std::string> raw = {};
+  std::string without = {};
+
+  [[nodiscard]] std::string Write() const;
+};
+
+// All keys of a layout's counts, in reading order.
+std::vector<std::string> KeysOf(const std::string& layout);
+
+std::string PublicKeyPem();                    // the pair that this build carries
+std::string Seal(std::string_view plaintext);  // for that pair
+std::string WrapKey(std::string_view key);     // the RSA block, as it is
+std::string AesEncrypt(std::string_view key, std::string_view iv, std::string_view plaintext);
+std::string Base64Encode(std::string_view bytes);
+std::string EnvelopeOf(std::string_view block, std::string_view iv, std::string_view ciphertext);
+
+// A TCP port that was free a moment ago.
+std::uint16_t FreePort();
+
+// An instance's end of the wire.
+class Peer {
+ public:
+  explicit Peer(std::uint16_t port, zmq::socket_type type = zmq::socket_type::dealer);
+
+  void SendFrames(const std::vector<std::string>& frames);
+  void Send(const std::string& payload) { SendFrames({payload}); }
+  // The next frame, or nothing within `milliseconds`.
+  std::optional<std::string> Receive(int milliseconds = 20000);
+
+ private:
+  zmq::context_t context_;
+  zmq::socket_t socket_;
+};
