@@ -7,8 +7,8 @@
 // does) and SIGTSTP. They are blocked in every thread and taken from the queue here, so no handler runs, no
 // system call elsewhere is interrupted, and process 1 of a container gets them too.
 //
-// Ignored are SIGPIPE and SIGXFSZ, since a console or a log that cannot be written does not stop the counting,
-// and SIGTTOU and SIGTTIN, by which a terminal stops a background job.
+// Ignored are SIGPIPE and SIGXFSZ, since a console or a log that cannot be written does not stop the
+// counting, and SIGTTOU and SIGTTIN, by which a terminal stops a background job.
 //
 // Construct before the first thread exists and before the first output. Main thread only.
 class ProcessSignals {
