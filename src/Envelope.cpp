@@ -111,12 +111,9 @@ std::int32_t RsaPrivateDecrypt(const std::string& pemKey, const std::string& tex
   }
   Bytes opened(static_cast<std::size_t>(RSA_size(key.get())));
   const std::string block = Base64Decode(std::string_view(text).substr(0, length));
-  const int openedLength =
-      block.size() > opened.size()  // an oversized block cannot be opened; its length may not fit an int
-          ? -1
-          : RSA_private_decrypt(static_cast<int>(block.size()),
-                                reinterpret_cast<const unsigned char*>(block.data()), opened.data(),
-                                key.get(), RSA_PKCS1_PADDING);
+  const int openedLength = RSA_private_decrypt(static_cast<int>(block.size()),
+                                               reinterpret_cast<const unsigned char*>(block.data()),
+                                               opened.data(), key.get(), RSA_PKCS1_PADDING);
   if (openedLength < 0) {
     PrintToConsole("Envelope Error 0x00AE09: Failed to decrypt the file info\n");
     return -1;

@@ -48,8 +48,7 @@ void RaiseOpenFileLimit(const LogScope& log) {
     limit.rlim_cur = limit.rlim_max;
     if (setrlimit(RLIMIT_NOFILE, &limit) == 0) return;
   }
-  log.Warn("The limit of open files could not be raised: {}",
-           std::strerror(errno));  // NOLINT(concurrency-mt-unsafe)
+  log.Warn("The limit of open files could not be raised: {}", std::strerror(errno));
 }
 
 bool IsQuitKey(std::optional<char> key) {

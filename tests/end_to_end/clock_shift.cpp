@@ -19,7 +19,7 @@ time_t Shift() {
   std::array<char, 32> text{};
   const ssize_t length = read(descriptor, text.data(), text.size() - 1);
   close(descriptor);
-  return length > 0 ? std::atol(text.data()) : 0;
+  return length > 0 ? std::strtol(text.data(), nullptr, 10) : 0;
 }
 
 }  // namespace
