@@ -75,12 +75,4 @@ TEST_F(LoggingTest, TheCommandLineWinsOverTheEnvironment) {
   EXPECT_EQ(SetUpWith({"SPDLOG_LEVEL=Name.log=err,other=trace"}), spdlog::level::err);
 }
 
-TEST_F(LoggingTest, ALineKnowsWhereItWasWritten) {
-  const CapturedLog captured;
-  static constexpr LogScope log("Some::Function");
-  log.Error("text");
-  EXPECT_EQ(captured.Lines(), std::vector{ErrorLine("Some::Function", "text")});
-  EXPECT_EQ(captured.Files(), std::vector<std::string>{"LoggingTest.cpp"});
-}
-
 }  // namespace

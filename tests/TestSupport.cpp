@@ -1,13 +1,12 @@
 #include "TestSupport.h"
 
 #include <arpa/inet.h>
-#include <openssl/bio.h>
+#include <gtest/gtest.h>
 #include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/rsa.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <stdexcept>
@@ -18,31 +17,24 @@
 
 class CapturedLog::Sink : public spdlog::sinks::base_sink<std::mutex> {
  public:
-  std::vector<LogLine> Lines() {
+  // Calls `use` with the lines, under the sink's lock.
+  template <typename Use>
+  auto WithLines(Use use) {
     const std::scoped_lock lock(mutex_);
-    return lines_;
-  }
-  std::vector<std::string> Files() {
-    const std::scoped_lock lock(mutex_);
-    return files_;
-  }
-  void Clear() {
-    const std::scoped_lock lock(mutex_);
-    lines_.clear();
-    files_.clear();
+    return use(lines_);
   }
 
  protected:
   void sink_it_(const spdlog::details::log_msg& message) override {
-    lines_.push_back({message.level, message.source.funcname,
-                      std::string(message.payload.data(), message.payload.size())});
-    files_.push_back(std::string(message.source.filename) + (message.source.line > 0 ? "" : ":0"));
+    const spdlog::source_loc& source = message.source;
+    EXPECT_TRUE(std::string_view(source.filename).ends_with(".cpp") && source.line > 0)
+        << message.payload.data();
+    lines_.push_back({message.level, source.funcname, {message.payload.data(), message.payload.size()}});
   }
   void flush_() override {}
 
  private:
   std::vector<LogLine> lines_;
-  std::vector<std::string> files_;
 };
 
 LogLine ErrorLine(std::string function, std::string text) {
@@ -59,7 +51,7 @@ CapturedLog::~CapturedLog() {
   spdlog::set_default_logger(before_);
 }
 std::vector<LogLine> CapturedLog::Lines() const {
-  return sink_->Lines();
+  return sink_->WithLines([](const auto& lines) { return lines; });
 }
 std::vector<std::string> CapturedLog::Texts() const {
   std::vector<std::string> texts;
@@ -67,14 +59,10 @@ std::vector<std::string> CapturedLog::Texts() const {
   return texts;
 }
 std::size_t CapturedLog::Count(const std::string& text) const {
-  const auto texts = Texts();
-  return static_cast<std::size_t>(std::count(texts.begin(), texts.end(), text));
-}
-std::vector<std::string> CapturedLog::Files() const {
-  return sink_->Files();
+  return static_cast<std::size_t>(std::ranges::count(Texts(), text));
 }
 void CapturedLog::Clear() {
-  sink_->Clear();
+  sink_->WithLines([](auto& lines) { lines.clear(); });
 }
 
 StandingClock::StandingClock(std::int32_t start) : now(start), before_(clockFunction) {
@@ -95,18 +83,6 @@ bool Await(const std::function<bool()>& condition) {
   return condition();
 }
 
-std::vector<std::string> KeysOf(const std::string& layout) {
-  std::vector<std::string> keys{"MaxCameras", "ABD",       "AN",    "CR",        "ClassTier1", "ClassTier2",
-                                "ClassTier3", "Perimeter", "Dwell", "Collision", "NeuralPack"};
-  const auto add = [&](std::initializer_list<const char*> more) {
-    keys.insert(keys.end(), more.begin(), more.end());
-  };
-  if (layout >= "v4") add({"PX", "Plates", "Generative", "ClassTier0"});
-  if (layout >= "v5") add({"RemoteTier1", "RemoteTier2", "RemoteTier3", "RemoteTier4"});
-  if (layout >= "v6") add({"FaceTier1", "FaceTier2"});
-  return keys;
-}
-
 std::string DocumentText::Write() const {
   const auto members = [this](const std::vector<std::pair<std::string, std::string>>& defaults) {
     std::string text;
@@ -119,12 +95,12 @@ std::string DocumentText::Write() const {
     return "{" + text + "}";
   };
   std::vector<std::pair<std::string, std::string>> counts;
-  for (const std::string& key : KeysOf(layout)) counts.emplace_back(key, "0");
+  for (const std::string& key : ugs::CountKeys(layout)) counts.emplace_back(key, "0");
   const std::string request = members({{"KorvaneID", "\"id\""},
                                        {"DockerID", "\"docker\""},
                                        {"CamRtspUrls", "[\"rtsp://camera\"]"},
                                        {"InUse", members(counts)}});
-  return layout.empty() ? request : "{\"" + layout + "\":" + request + "}";
+  return layout == "legacy" ? request : "{\"" + layout + "\":" + request + "}";
 }
 
 std::string PublicKeyPem() {
@@ -137,61 +113,12 @@ std::string Seal(std::string_view plaintext) {
   return sealer.Seal(plaintext);
 }
 
-namespace {
-const unsigned char* Raw(std::string_view bytes) {
-  return reinterpret_cast<const unsigned char*>(bytes.data());
-}
-unsigned char* Raw(std::string& bytes) {
-  return reinterpret_cast<unsigned char*>(bytes.data());
-}
-void Require(bool succeeded) {
-  if (!succeeded) throw std::runtime_error("OpenSSL failed in a test");
-}
-}  // namespace
-
-std::string WrapKey(std::string_view key) {
-  const std::string pem = PublicKeyPem();
-  const std::unique_ptr<BIO, decltype(&BIO_free)> bio(
-      BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), BIO_free);
-  const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> publicKey(
-      PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr), EVP_PKEY_free);
-  const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(
-      EVP_PKEY_CTX_new(publicKey.get(), nullptr), EVP_PKEY_CTX_free);
-  std::string block(static_cast<std::size_t>(EVP_PKEY_get_size(publicKey.get())), '\0');
-  std::size_t length = block.size();
-  Require(EVP_PKEY_encrypt_init(context.get()) == 1 &&
-          EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1 &&
-          EVP_PKEY_encrypt(context.get(), Raw(block), &length, Raw(key), key.size()) == 1);
-  return block;
-}
-
-std::string AesEncrypt(std::string_view key, std::string_view iv, std::string_view plaintext) {
-  const EVP_CIPHER* cipher = key.size() == 16   ? EVP_aes_128_cbc()
-                             : key.size() == 24 ? EVP_aes_192_cbc()
-                                                : EVP_aes_256_cbc();
-  const std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context(EVP_CIPHER_CTX_new(),
-                                                                                EVP_CIPHER_CTX_free);
-  std::string ciphertext(plaintext.size() + 16, '\0');
-  int length = 0;
-  int last = 0;
-  Require(EVP_EncryptInit_ex(context.get(), cipher, nullptr, Raw(key), Raw(iv)) == 1 &&
-          EVP_EncryptUpdate(context.get(), Raw(ciphertext), &length, Raw(plaintext),
-                            static_cast<int>(plaintext.size())) == 1 &&
-          EVP_EncryptFinal_ex(context.get(), Raw(ciphertext) + length, &last) == 1);
-  ciphertext.resize(static_cast<std::size_t>(length) + static_cast<std::size_t>(last));
-  return ciphertext;
-}
-
 std::string Base64Encode(std::string_view bytes) {
   std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');
-  EVP_EncodeBlock(Raw(text), Raw(bytes), static_cast<int>(bytes.size()));
+  EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                  reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
   text.pop_back();
   return text;
-}
-
-std::string EnvelopeOf(std::string_view block, std::string_view iv, std::string_view ciphertext) {
-  return Base64Encode(R"({"data1":")" + Base64Encode(block) + R"(","data2":")" + Base64Encode(iv) +
-                      R"(","data3":")" + Base64Encode(ciphertext) + R"("})");
 }
 
 std::uint16_t FreePort() {

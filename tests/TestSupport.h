@@ -35,7 +35,8 @@ struct LogLine {
 LogLine ErrorLine(std::string function, std::string text);
 LogLine InfoLine(std::string function, std::string text);
 
-// Stands in for the process logger while it lives. Thread-safe.
+// Stands in for the process logger while it lives. Thread-safe. Every line must name its source file and
+// line.
 class CapturedLog {
  public:
   CapturedLog();
@@ -43,10 +44,9 @@ class CapturedLog {
   CapturedLog(const CapturedLog&) = delete;
   CapturedLog& operator=(const CapturedLog&) = delete;
 
-  std::vector<LogLine> Lines() const;
-  std::vector<std::string> Texts() const;
-  std::size_t Count(const std::string& text) const;
-  std::vector<std::string> Files() const;  // the source file of each line
+  [[nodiscard]] std::vector<LogLine> Lines() const;
+  [[nodiscard]] std::vector<std::string> Texts() const;
+  [[nodiscard]] std::size_t Count(const std::string& text) const;
   void Clear();
 
  private:
@@ -72,8 +72,8 @@ class StandingClock {
 // True as soon as `condition` is; false if it is not within 20 s.
 bool Await(const std::function<bool()>& condition);
 
-// A document of `layout` ("" for legacy) as text, with each key's count taken from `counts` or 0. Members of
-// the request and of "InUse" named in `without` are left out; `raw` replaces a member's JSON text.
+// A document of `layout` as text, all counts 0. A member of the request or of "InUse" named in `without` is
+// left out; `raw` replaces a member's JSON text.
 struct DocumentText {
   std::string layout = "v6";
   std::map<std::string, std::string> raw = {};
@@ -82,15 +82,9 @@ struct DocumentText {
   [[nodiscard]] std::string Write() const;
 };
 
-// All keys of a layout's counts, in reading order.
-std::vector<std::string> KeysOf(const std::string& layout);
-
-std::string PublicKeyPem();                    // the pair that this build carries
+std::string PublicKeyPem();                    // of the pair that this build carries
 std::string Seal(std::string_view plaintext);  // for that pair
-std::string WrapKey(std::string_view key);     // the RSA block, as it is
-std::string AesEncrypt(std::string_view key, std::string_view iv, std::string_view plaintext);
 std::string Base64Encode(std::string_view bytes);
-std::string EnvelopeOf(std::string_view block, std::string_view iv, std::string_view ciphertext);
 
 // A TCP port that was free a moment ago.
 std::uint16_t FreePort();
