@@ -16,22 +16,22 @@ void WriteString(Writer& writer, const std::string& text) {
   writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
 }
 
-void WriteRequest(Writer& writer, const Report& report) {
+void WriteRequest(Writer& writer, const Usage& usage) {
   writer.StartObject();
   writer.Key("KorvaneID");
-  WriteString(writer, report.id);
+  WriteString(writer, usage.id);
   writer.Key("DockerID");
-  WriteString(writer, report.container);
+  WriteString(writer, usage.container);
   writer.Key("CamRtspUrls");
   writer.StartArray();
-  for (const std::string& url : report.cameras) WriteString(writer, url);
+  for (const std::string& url : usage.cameras) WriteString(writer, url);
   writer.EndArray();
   writer.Key("InUse");
   writer.StartObject();
-  for (const std::string& key : CountKeys(report.layout)) {
-    const auto count = report.counts.find(key);
+  for (const std::string& key : CountKeys(usage.layout)) {
+    const auto count = usage.counts.find(key);
     writer.Key(key.c_str());
-    writer.Uint(count == report.counts.end() ? 0 : count->second);
+    writer.Uint(count == usage.counts.end() ? 0 : count->second);
   }
   writer.EndObject();
   writer.EndObject();
@@ -54,21 +54,21 @@ std::vector<std::string> CountKeys(std::string_view layout) {
   throw std::invalid_argument("there is no layout \"" + std::string(layout) + "\"");
 }
 
-std::string WriteDocument(const Report& report) {
-  const std::vector<std::string> keys = CountKeys(report.layout);
-  for (const auto& [key, count] : report.counts) {
+std::string WriteDocument(const Usage& usage) {
+  const std::vector<std::string> keys = CountKeys(usage.layout);
+  for (const auto& [key, count] : usage.counts) {
     if (std::ranges::find(keys, key) == keys.end()) {
-      throw std::invalid_argument("layout " + report.layout + " carries no count \"" + key + "\"");
+      throw std::invalid_argument("layout " + usage.layout + " carries no count \"" + key + "\"");
     }
   }
   rapidjson::StringBuffer buffer;
   Writer writer(buffer);
-  if (report.layout == kLayouts.front().name) {
-    WriteRequest(writer, report);
+  if (usage.layout == kLayouts.front().name) {
+    WriteRequest(writer, usage);
   } else {
     writer.StartObject();
-    writer.Key(report.layout.c_str());
-    WriteRequest(writer, report);
+    writer.Key(usage.layout.c_str());
+    WriteRequest(writer, usage);
     writer.EndObject();
   }
   return {buffer.GetString(), buffer.GetSize()};

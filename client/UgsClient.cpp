@@ -1,13 +1,33 @@
 #include "UgsClient.h"
 
+#include <algorithm>
 #include <charconv>
+#include <fstream>
+#include <iterator>
+#include <random>
 #include <stdexcept>
-#include <zmq.hpp>
+#include <utility>
 
-#include "Sealer.h"
+#include "Connection.h"
 #include "UGSDefs.h"
 
 namespace ugs {
+namespace {
+
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+constexpr milliseconds kFirstRetry(1000);
+
+std::string KeyText(const std::string& key) {
+  if (key.find("-----BEGIN") != std::string::npos) return key;
+  std::ifstream file(key);
+  std::string text{std::istreambuf_iterator<char>(file), {}};
+  if (!file) throw std::invalid_argument("cannot read the key file " + key);
+  return text;
+}
+
+}  // namespace
 
 Address ParseAddress(std::string_view server) {
   Address address{std::string(server), UGSDefs::kPort};
@@ -23,63 +43,68 @@ Address ParseAddress(std::string_view server) {
   return address;
 }
 
-class Client::Connection {
- public:
-  Connection(const Address& address, const std::string& publicKeyPem, std::chrono::milliseconds replyTimeout)
-      : endpoint_("tcp://" + address.host + ":" + std::to_string(address.port)),
-        sealer_(publicKeyPem),
-        replyTimeout_(replyTimeout) {
-    try {
-      Connect();
-    } catch (const zmq::error_t& error) {
-      throw std::invalid_argument("cannot connect to " + endpoint_ + ": " + error.what());
-    }
-  }
-
-  std::optional<int> Ask(std::string_view plaintext) {
-    socket_.send(zmq::buffer(sealer_.Seal(plaintext)), zmq::send_flags::none);
-    zmq::message_t reply;
-    if (!socket_.recv(reply)) {
-      Connect();  // a late answer must not be taken for the next request's
-      return std::nullopt;
-    }
-    int code = 0;
-    const char* end = reply.data<char>() + reply.size();
-    const auto [last, error] = std::from_chars(reply.data<char>(), end, code);
-    if (error != std::errc() || last != end) throw std::runtime_error("the answer is not a reply code");
-    return code;
-  }
-
- private:
-  void Connect() {
-    socket_ = zmq::socket_t(context_, zmq::socket_type::dealer);
-    socket_.set(zmq::sockopt::linger, 0);
-    socket_.set(zmq::sockopt::rcvtimeo, static_cast<int>(replyTimeout_.count()));
-    socket_.connect(endpoint_);
-  }
-
-  const std::string endpoint_;
-  const Sealer sealer_;
-  const std::chrono::milliseconds replyTimeout_;
-  zmq::context_t context_;
-  zmq::socket_t socket_;
-};
-
-Client::Client(std::string_view server, const std::string& publicKeyPem,
-               std::chrono::milliseconds replyTimeout)
-    : connection_(std::make_unique<Connection>(ParseAddress(server), publicKeyPem, replyTimeout)) {}
+Client::Client(std::string_view server, const std::string& key, milliseconds replyTimeout)
+    : connection_(std::make_unique<Connection>(ParseAddress(server), KeyText(key), replyTimeout)) {}
 Client::~Client() = default;
 Client::Client(Client&&) noexcept = default;
 Client& Client::operator=(Client&&) noexcept = default;
 
-std::optional<int> Client::Send(const Report& report) {
-  return connection_->Ask(WriteDocument(report));
+std::optional<int> Client::Report(const Usage& usage) {
+  return connection_->Ask(WriteDocument(usage));
 }
 std::optional<int> Client::SendDocument(std::string_view document) {
   return connection_->Ask(document);
 }
 std::optional<int> Client::Greet() {
   return connection_->Ask(UGSDefs::kGreeting);
+}
+void Client::Interrupt() {
+  connection_->Interrupt();
+}
+
+Reporter::Reporter(std::string_view server, const std::string& key, Source usage, milliseconds period,
+                   Listener answered, milliseconds replyTimeout)
+    : usage_(std::move(usage)),
+      answered_(std::move(answered)),
+      period_(period),
+      client_(server, key, replyTimeout) {
+  if (period <= milliseconds(0)) throw std::invalid_argument("the period must be positive");
+  thread_ = std::thread(&Reporter::Run, this);
+}
+
+Reporter::~Reporter() {
+  stop_ = true;
+  client_.Interrupt();
+  thread_.join();
+}
+
+std::optional<int> Reporter::ReportOnce() {
+  try {
+    return client_.Report(usage_());
+  } catch (const std::exception&) {
+    return std::nullopt;  // a thread of somebody else's process must not end it
+  }
+}
+
+void Reporter::Run() {
+  std::minstd_rand random(std::random_device{}());
+  const auto between = [&random](milliseconds least, milliseconds most) {
+    return milliseconds(std::uniform_int_distribution(least.count(), most.count())(random));
+  };
+  Clock::time_point due = Clock::now() + between(milliseconds(0), period_);
+  milliseconds retry = std::min(kFirstRetry, period_);
+  while (client_.connection_->SleepUntil(due) && !stop_) {
+    const std::optional<int> code = ReportOnce();
+    if (stop_) break;
+    if (answered_) answered_(code);
+    if (code) {
+      retry = std::min(kFirstRetry, period_);
+      while (due <= Clock::now()) due += period_;
+    } else {
+      due = Clock::now() + between(retry / 2, retry * 3 / 2);
+      retry = std::min(retry * 2, period_);
+    }
+  }
 }
 
 }  // namespace ugs

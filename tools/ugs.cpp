@@ -129,29 +129,29 @@ Command AddReport(CLI::App& app) {
   auto* command = app.add_subcommand("report", "send one report and print the reply code");
   struct Options {
     Target target;
-    ugs::Report report;
+    ugs::Usage usage;
     std::vector<std::string> uses;
     std::string json;
   };
   const auto options = std::make_shared<Options>();
   options->target.AddOptions(*command);
-  auto* id = command->add_option("--id", options->report.id, "identity of the instance (KorvaneID)");
-  command->add_option("--docker", options->report.container, "identity of its container (DockerID)");
-  command->add_option("--camera", options->report.cameras, "RTSP URL of a camera; may be repeated");
+  auto* id = command->add_option("--id", options->usage.id, "identity of the instance (KorvaneID)");
+  command->add_option("--docker", options->usage.container, "identity of its container (DockerID)");
+  command->add_option("--camera", options->usage.cameras, "RTSP URL of a camera; may be repeated");
   command->add_option("--use", options->uses, "NAME=COUNT, as in MaxCameras=4; may be repeated");
-  command->add_option("--layout", options->report.layout, "layout of the document")
+  command->add_option("--layout", options->usage.layout, "layout of the document")
       ->check(CLI::IsMember(ugs::LayoutNames()))
       ->capture_default_str();
   command
       ->add_option("--json", options->json, "send the document in this file (- for standard input) as it is")
       ->excludes(id);
   return [options] {
-    if (options->json.empty() && (options->report.id.empty() || options->report.cameras.empty())) {
+    if (options->json.empty() && (options->usage.id.empty() || options->usage.cameras.empty())) {
       throw std::invalid_argument("report needs --id and at least one --camera, or --json");
     }
-    options->report.counts = ParseCounts(options->uses);
+    options->usage.counts = ParseCounts(options->uses);
     const std::string document =
-        options->json.empty() ? ugs::WriteDocument(options->report) : ReadText(options->json);
+        options->json.empty() ? ugs::WriteDocument(options->usage) : ReadText(options->json);
     return options->target.Conclude(options->target.Connect().SendDocument(document), UGSDefs::Ok);
   };
 }

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <zmq.hpp>
+
+#include "Sealer.h"
+#include "UgsClient.h"
+
+namespace ugs {
+
+// Wakes a poll from another thread: an eventfd(2). Raise may be called from any thread.
+class Wakeup {
+ public:
+  Wakeup();  // throws std::system_error without a descriptor
+  ~Wakeup();
+  Wakeup(const Wakeup&) = delete;
+  Wakeup& operator=(const Wakeup&) = delete;
+
+  void Raise() const;
+  void Clear() const;
+  [[nodiscard]] int Descriptor() const { return descriptor_; }
+
+ private:
+  const int descriptor_;
+};
+
+// A DEALER socket with at most one request under way, and the event that interrupts a wait for its answer.
+// One thread at a time, except for Interrupt.
+class __attribute__((visibility("hidden"))) Client::Connection {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  Connection(const Address& address, const std::string& publicKeyPem, std::chrono::milliseconds replyTimeout);
+
+  std::optional<int> Ask(std::string_view plaintext);
+
+  // Sleeps until `deadline`. False if it was interrupted.
+  bool SleepUntil(Clock::time_point deadline);
+
+  // Any thread. From then on no wait lasts, until one has returned early.
+  void Interrupt() { interrupt_.Raise(); }
+
+ private:
+  enum class Event { kReady, kLost, kTimeOut, kInterrupted };
+
+  // Waits for the socket to be ready for `readiness` (ZMQ_POLLIN or ZMQ_POLLOUT).
+  Event Wait(short readiness, Clock::time_point deadline);
+  bool ConnectionWasLost();
+  std::optional<int> ReceiveCode();
+
+  const Sealer sealer_;
+  const std::chrono::milliseconds replyTimeout_;
+  const Wakeup interrupt_;
+  zmq::context_t context_;
+  zmq::socket_t socket_;
+  zmq::socket_t monitor_;  // tells when the connection is lost
+  bool underWay_ = false;
+};
+
+}  // namespace ugs
