@@ -1,5 +1,5 @@
-// The 23 usage counts of one report, and the one table that says which JSON key fills which count, from
-// which layout on, and what the server logs when the key is missing.
+// The 23 usage counts of one report; the table that says which JSON key fills which count, from which layout
+// on, and what the server logs when the key is missing; and the table of what the server prints.
 #pragma once
 
 #include <array>
@@ -102,4 +102,32 @@ inline constexpr std::array kLayouts{
     Layout{"v4", kV4Counts},
     Layout{"v5", kV5Counts},
     Layout{"v6", kV6Counts},
+};
+
+// One line of the server's prints: the label before the colon, and the count. In the status report's order.
+// Dwell, Collision and the reserved places are summed but never printed.
+struct ReportRow {
+  std::string_view label;
+  std::uint32_t UsageCounts::*member;
+};
+inline constexpr std::array kReportRows{
+    ReportRow{"MaxCameras", &UsageCounts::maxCameras},
+    ReportRow{"numAbandoned", &UsageCounts::numAbandoned},
+    ReportRow{"numCrossing", &UsageCounts::numCrossing},
+    ReportRow{"numAnomaly", &UsageCounts::numAnomaly},
+    ReportRow{"numClassTier0", &UsageCounts::numClassTier0},
+    ReportRow{"numClassTier1", &UsageCounts::numClassTier1},
+    ReportRow{"numClassTier2", &UsageCounts::numClassTier2},
+    ReportRow{"numClassTier3", &UsageCounts::numClassTier3},
+    ReportRow{"numPerimeter", &UsageCounts::numPerimeter},
+    ReportRow{"numNeuralPack", &UsageCounts::numNeuralPack},
+    ReportRow{"numPX", &UsageCounts::numPX},
+    ReportRow{"numPlates", &UsageCounts::numPlates},
+    ReportRow{"numGenerative", &UsageCounts::numGenerative},
+    ReportRow{"numRemoteTier1", &UsageCounts::numRemoteTier1},
+    ReportRow{"numRemoteTier2", &UsageCounts::numRemoteTier2},
+    ReportRow{"numRemoteTier3", &UsageCounts::numRemoteTier3},
+    ReportRow{"numRemoteTier4", &UsageCounts::numRemoteTier4},
+    ReportRow{"numFaceTier1", &UsageCounts::numFaceTier1},
+    ReportRow{"numFaceTier2", &UsageCounts::numFaceTier2},
 };

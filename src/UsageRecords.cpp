@@ -16,33 +16,6 @@ std::function<std::int32_t()> clockFunction = [] {
 
 namespace {
 
-// What both prints show, in the status report's order.
-struct ReportRow {
-  std::string_view label;
-  std::uint32_t UsageCounts::*member;
-};
-constexpr std::array kReportRows{
-    ReportRow{"MaxCameras", &UsageCounts::maxCameras},
-    ReportRow{"numAbandoned", &UsageCounts::numAbandoned},
-    ReportRow{"numCrossing", &UsageCounts::numCrossing},
-    ReportRow{"numAnomaly", &UsageCounts::numAnomaly},
-    ReportRow{"numClassTier0", &UsageCounts::numClassTier0},
-    ReportRow{"numClassTier1", &UsageCounts::numClassTier1},
-    ReportRow{"numClassTier2", &UsageCounts::numClassTier2},
-    ReportRow{"numClassTier3", &UsageCounts::numClassTier3},
-    ReportRow{"numPerimeter", &UsageCounts::numPerimeter},
-    ReportRow{"numNeuralPack", &UsageCounts::numNeuralPack},
-    ReportRow{"numPX", &UsageCounts::numPX},
-    ReportRow{"numPlates", &UsageCounts::numPlates},
-    ReportRow{"numGenerative", &UsageCounts::numGenerative},
-    ReportRow{"numRemoteTier1", &UsageCounts::numRemoteTier1},
-    ReportRow{"numRemoteTier2", &UsageCounts::numRemoteTier2},
-    ReportRow{"numRemoteTier3", &UsageCounts::numRemoteTier3},
-    ReportRow{"numRemoteTier4", &UsageCounts::numRemoteTier4},
-    ReportRow{"numFaceTier1", &UsageCounts::numFaceTier1},
-    ReportRow{"numFaceTier2", &UsageCounts::numFaceTier2},
-};
-
 // The details of a request show this row last, and only for a fleet that uses some other feature.
 constexpr std::uint32_t UsageCounts::*kConditionalMember = &UsageCounts::numNeuralPack;
 

@@ -1,6 +1,9 @@
 // `ugs`: the tool beside the server. One subcommand per task; each returns the exit code of the program.
 
 #include <CLI/CLI.hpp>
+#include <atomic>
+#include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <exception>
 #include <filesystem>
@@ -14,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "Fleet.h"
 #include "Keygen.h"
 #include "Sealer.h"
 #include "UGSDefs.h"
@@ -38,11 +42,30 @@ std::string ReadText(const std::string& file) {
   return text;
 }
 
+constexpr const char* kReportExamples = R"(Examples:
+  One report of four cameras, and the reason if it is refused:
+    ugs report -v --id hall-7 --docker a1b2 --camera rtsp://10.0.0.9/1 --camera rtsp://10.0.0.9/2 --use MaxCameras=4
+  The same instance, reporting every 30 seconds until Ctrl-C:
+    ugs report --every 30 --id hall-7 --docker a1b2 --camera rtsp://10.0.0.9/1 --use MaxCameras=1 --use PX=2
+  A document of your own, to a server elsewhere:
+    ugs report --server 10.0.0.5:9304 --key site.pem --json document.json)";
+
+constexpr const char* kWhyRefused = R"(A refusal has one of these causes. The server's log names it:
+  0x00AE06 (and 0x00AE09 on its console)  the report was sealed for another server: compare `ugs fingerprint`
+  0x476                                   the document is no JSON object, or its version member is none
+  0xE099, 0xE126, 0xE146, 0xE140          KorvaneID, DockerID or CamRtspUrls is missing or of the wrong type
+  0xE210 (0xE216 on its console)          InUse is missing or of the wrong type
+  0xE209, 0xE220 to 0xE262                a count that the layout needs is missing
+  0x442                                   the identity is empty, or there is no camera URL
+  nothing                                 the envelope did not open to a text
+)";
+
 // What every subcommand that talks to the server takes.
 struct Target {
   std::string server = "127.0.0.1";
   std::string key = "keys/public.pem";
   double timeout = 5;
+  bool verbose = false;
 
   void AddOptions(CLI::App& command) {
     command.add_option("--server", server, "HOST[:PORT] of the server; port 9304 if left out")
@@ -53,10 +76,13 @@ struct Target {
         ->capture_default_str();
   }
 
+  [[nodiscard]] std::chrono::milliseconds Timeout() const {
+    return std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(timeout));
+  }
+
   [[nodiscard]] ugs::Client Connect() const {
     try {
-      const std::chrono::duration<double> seconds(timeout);
-      return {server, ReadText(key), std::chrono::ceil<std::chrono::milliseconds>(seconds)};
+      return {server, key, Timeout()};
     } catch (const std::invalid_argument& error) {
       throw std::invalid_argument(std::string(error.what()) + " (--server " + server + ", --key " + key +
                                   ")");
@@ -76,7 +102,9 @@ struct Target {
         {UGSDefs::Failed, "refused; the server's log says why"},
     };
     const auto meaning = meanings.find(*code);
-    std::cout << *code << " (" << (meaning == meanings.end() ? "unknown code" : meaning->second) << ")\n";
+    std::cout << *code << " (" << (meaning == meanings.end() ? "unknown code" : meaning->second) << ")"
+              << std::endl;  // at once: --every may go on for hours
+    if (verbose && *code == UGSDefs::Failed) std::cerr << kWhyRefused;
     return *code == expected ? kDone : kRefused;
   }
 };
@@ -125,6 +153,25 @@ Command AddFingerprint(CLI::App& app) {
   };
 }
 
+// Reports until SIGINT or SIGTERM comes. Returns the exit code of the last report.
+int ReportEvery(double seconds, const ugs::Usage& usage, const Target& target) {
+  ugs::WriteDocument(usage);  // throws now rather than on the reporter's thread
+  sigset_t ending;
+  sigemptyset(&ending);
+  sigaddset(&ending, SIGINT);
+  sigaddset(&ending, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &ending, nullptr);
+  std::cout << "The first report comes within " << seconds << " s; Ctrl-C ends this." << std::endl;
+  std::atomic<int> exitCode = kNoAnswer;
+  const ugs::Reporter reporter(
+      target.server, target.key, [&usage] { return usage; },
+      std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(seconds)),
+      [&](std::optional<int> code) { exitCode = target.Conclude(code, UGSDefs::Ok); }, target.Timeout());
+  int signal = 0;
+  sigwait(&ending, &signal);
+  return exitCode;
+}
+
 Command AddReport(CLI::App& app) {
   auto* command = app.add_subcommand("report", "send one report and print the reply code");
   struct Options {
@@ -132,6 +179,7 @@ Command AddReport(CLI::App& app) {
     ugs::Usage usage;
     std::vector<std::string> uses;
     std::string json;
+    double every = 0;
   };
   const auto options = std::make_shared<Options>();
   options->target.AddOptions(*command);
@@ -145,11 +193,17 @@ Command AddReport(CLI::App& app) {
   command
       ->add_option("--json", options->json, "send the document in this file (- for standard input) as it is")
       ->excludes(id);
+  command->add_option("--every", options->every, "report every SECONDS until interrupted")
+      ->check(CLI::Range(0.001, 86400.0))
+      ->excludes("--json");
+  command->add_flag("-v,--verbose", options->target.verbose, "explain a refusal by its likely causes");
+  command->footer(kReportExamples);
   return [options] {
     if (options->json.empty() && (options->usage.id.empty() || options->usage.cameras.empty())) {
       throw std::invalid_argument("report needs --id and at least one --camera, or --json");
     }
     options->usage.counts = ParseCounts(options->uses);
+    if (options->every > 0) return ReportEvery(options->every, options->usage, options->target);
     const std::string document =
         options->json.empty() ? ugs::WriteDocument(options->usage) : ReadText(options->json);
     return options->target.Conclude(options->target.Connect().SendDocument(document), UGSDefs::Ok);
@@ -165,6 +219,42 @@ Command AddPing(CLI::App& app) {
   };
 }
 
+Command AddFleet(CLI::App& app) {
+  auto* command =
+      app.add_subcommand("fleet", "simulate a fleet: load, latencies, and a check of the server's sums");
+  const auto options = std::make_shared<FleetOptions>();
+  command->add_option("--server", options->server, "HOST[:PORT] of the server")->capture_default_str();
+  command->add_option("--key", options->key, "the server's public key, a PEM file")->capture_default_str();
+  command->add_option("--instances", options->instances, "how many instances report")
+      ->check(CLI::Range(1, 1'000'000))
+      ->capture_default_str();
+  auto* rate = command->add_option("--rate", options->rate, "reports per second of the whole fleet")
+                   ->check(CLI::PositiveNumber);
+  command->add_option("--period", options->period, "seconds between two reports of one instance")
+      ->check(CLI::PositiveNumber)
+      ->excludes(rate);
+  command->add_option("--duration", options->duration, "seconds")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
+  command->add_option("--connections", options->connections,
+                      "share so many connections; one per instance if left out");
+  command->add_option("--seed", options->seed, "another seed is another fleet")->capture_default_str();
+  command->add_option("--layout", options->layout, "layout of the documents")
+      ->check(CLI::IsMember(ugs::LayoutNames()))
+      ->capture_default_str();
+  command->add_flag("--random", options->random, "reports come at random moments, not evenly");
+  command->add_option("--patience", options->patience, "seconds to wait for answers after the last report")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str();
+  command->add_flag("--json", options->json, "print the outcome as JSON");
+  command->add_option("--csv", options->csv, "write one line per report to this file");
+  command->add_option("--log", options->log, "the server's log file: compare its sums with the fleet's");
+  command->footer("Exit codes: 0 every report was counted (and the log agrees), 1 not so, 2 usage error.");
+  return [options] {
+    return RunFleet(*options) ? kDone : kRefused;
+  };
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -172,10 +262,9 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.footer("Exit codes: 0 done, 1 the server refused, 2 usage error, 3 no answer.");
   const std::map<std::string, Command> commands{
-      {"keygen", AddKeygen(app)},
-      {"fingerprint", AddFingerprint(app)},
-      {"report", AddReport(app)},
-      {"ping", AddPing(app)},
+      {"keygen", AddKeygen(app)}, {"fingerprint", AddFingerprint(app)},
+      {"report", AddReport(app)}, {"ping", AddPing(app)},
+      {"fleet", AddFleet(app)},
   };
   try {
     app.parse(argc, argv);

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "UsageCounts.h"
+
+// What a server on this machine has written to its log since this object was made, across rotations.
+class ServerLog {
+ public:
+  // `file` is the active log file. Throws std::runtime_error if it cannot be read.
+  explicit ServerLog(std::filesystem::path file);
+
+  struct Findings {
+    std::optional<UsageCounts> lastStatus;  // of the last complete status block
+    std::vector<std::string> lastBlock;     // its lines, without time and level
+    std::size_t deletions = 0;              // instances that were forgotten
+  };
+  [[nodiscard]] Findings Read() const;
+
+ private:
+  [[nodiscard]] std::vector<std::filesystem::path> FilesOldestFirst() const;
+
+  const std::filesystem::path file_;
+  ino_t startFile_ = 0;
+  std::streamoff startOffset_ = 0;
+};
