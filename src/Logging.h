@@ -47,6 +47,11 @@ class LogScope {
  public:
   explicit constexpr LogScope(const char* qualifiedFunction) : function_(qualifiedFunction) {}
 
+  // False if info lines go nowhere: work done only for them can be left out.
+  [[nodiscard]] static bool ShowsInfo() {
+    return spdlog::default_logger_raw()->should_log(spdlog::level::info);
+  }
+
   template <typename... Args>
   void Info(LogText<std::type_identity_t<Args>...> text, Args&&... args) const {
     Write(spdlog::level::info, text, std::forward<Args>(args)...);

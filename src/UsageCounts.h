@@ -38,18 +38,24 @@ struct UsageCounts {
 
   using Slots = std::array<std::uint32_t, 23>;
 
-  UsageCounts& operator+=(const UsageCounts& other) { return Combine(other, std::plus<std::uint32_t>()); }
-  UsageCounts& operator-=(const UsageCounts& other) { return Combine(other, std::minus<std::uint32_t>()); }
-  friend bool operator==(const UsageCounts&, const UsageCounts&) = default;
+  // For long sums: several times faster than +=, which copies both sides.
+  void AddTo(Slots& sums) const {
+    const auto mine = std::bit_cast<Slots>(*this);
+    for (std::size_t slot = 0; slot < mine.size(); ++slot) sums[slot] += mine[slot];
+  }
 
- private:
-  template <typename Operation>
-  UsageCounts& Combine(const UsageCounts& other, Operation operation) {
+  UsageCounts& operator+=(const UsageCounts& other) {
+    auto sums = std::bit_cast<Slots>(*this);
+    other.AddTo(sums);
+    return *this = std::bit_cast<UsageCounts>(sums);
+  }
+  UsageCounts& operator-=(const UsageCounts& other) {
     auto mine = std::bit_cast<Slots>(*this);
     const auto theirs = std::bit_cast<Slots>(other);
-    for (std::size_t slot = 0; slot < mine.size(); ++slot) mine[slot] = operation(mine[slot], theirs[slot]);
+    for (std::size_t slot = 0; slot < mine.size(); ++slot) mine[slot] -= theirs[slot];
     return *this = std::bit_cast<UsageCounts>(mine);
   }
+  friend bool operator==(const UsageCounts&, const UsageCounts&) = default;
 };
 static_assert(sizeof(UsageCounts) == sizeof(UsageCounts::Slots));
 

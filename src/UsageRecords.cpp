@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdlib>
 #include <ctime>
-#include <iterator>
 #include <span>
 #include <string_view>
 
@@ -70,9 +70,14 @@ std::int32_t UsageRecords::ApplyRequest(UGSRequest::RequestData& request) {
   return Stored;
 }
 
+UsageRecords::Records::const_iterator UsageRecords::LowerBound(const std::string& key) const {
+  return std::ranges::lower_bound(records_, key, {}, &Record::key);
+}
+
 UsageCounts UsageRecords::ProspectiveTotals(const std::string& key, const UsageCounts& counts) const {
   UsageCounts totals = totals_;
-  if (const auto record = records_.find(key); record != records_.end()) totals -= record->second.counts;
+  const auto older = LowerBound(key);
+  if (older != records_.end() && older->key == key) totals -= older->request.counts;
   return totals += counts;
 }
 
@@ -94,14 +99,14 @@ void UsageRecords::PrintRequestDetails(const UsageCounts& prospectiveTotals) {
 
 void UsageRecords::Store(const std::string& key, const UGSRequest::RequestData& request) {
   const std::scoped_lock lock(mutex_);
-  if (const auto older = records_.find(key); older != records_.end()) Remove(older);
-  records_.emplace(key, request);
+  const auto place = records_.begin() + (LowerBound(key) - records_.cbegin());
+  if (place != records_.end() && place->key == key) {
+    totals_ -= place->request.counts;
+    place->request = request;
+  } else {
+    records_.insert(place, {key, request});
+  }
   totals_ += request.counts;
-}
-
-UsageRecords::Records::iterator UsageRecords::Remove(Records::iterator record) {
-  totals_ -= record->second.counts;
-  return records_.erase(record);
 }
 
 void UsageRecords::CheckTimeStamp() {
@@ -111,25 +116,23 @@ void UsageRecords::CheckTimeStamp() {
 bool UsageRecords::RemoveSilent() {
   static constexpr LogScope log("UsageRecords::CheckTimeStamp");
   const std::scoped_lock lock(mutex_);
-  bool removed = false;
-  for (auto record = records_.begin(); record != records_.end();) {
-    const std::int32_t silence = Distance(clockFunction(), record->second.timeStamp);
-    if (record->second.timeStamp == -1 || silence <= expiryTimeout_) {
-      ++record;
-      continue;
-    }
-    log.Info("Deleting korvane {0} as no new update after {1} seconds\n", record->first, silence);
-    record = Remove(record);
-    removed = true;
-  }
-  return removed;
+  const auto removeIfSilent = [this](const Record& record) {
+    const std::int32_t silence = Distance(clockFunction(), record.request.timeStamp);
+    if (record.request.timeStamp == -1 || silence <= expiryTimeout_) return false;
+    log.Info("Deleting korvane {0} as no new update after {1} seconds\n", record.key, silence);
+    totals_ -= record.request.counts;
+    return true;
+  };
+  return std::erase_if(records_, removeIfSilent) > 0;
 }
 
 void UsageRecords::PrintStatus() const {
   static constexpr LogScope log("UsageRecords::PrintStatus");
+  if (!LogScope::ShowsInfo()) return;
   const std::scoped_lock lock(mutex_);
-  UsageCounts sums;
-  for (const auto& [key, record] : records_) sums += record.counts;
+  UsageCounts::Slots slots{};
+  for (const Record& record : records_) record.request.counts.AddTo(slots);
+  const auto sums = std::bit_cast<UsageCounts>(slots);
   log.Info("******** UGS version {} **************", UGSDefs::kVersion);
   log.Info("-------------------{}-----------------------------", clockFunction());
   for (const ReportRow& row : kReportRows) {
@@ -144,7 +147,7 @@ std::uint64_t UsageRecords::TotalCameras() const {
     return records_;
   }();
   std::uint64_t cameras = 0;
-  for (const auto& [key, record] : snapshot) cameras += record.counts.maxCameras;
+  for (const Record& record : snapshot) cameras += record.request.counts.maxCameras;
   return cameras;
 }
 

@@ -1,0 +1,35 @@
+// The server with a registry that is full from the start: `prefilled-server RECORDS` serves on the usual
+// port, from its first status report on, until SIGTERM. A fleet alone cannot fill one to more than a turn's
+// rate times 120 s.
+
+#include <csignal>
+#include <cstdlib>
+#include <string>
+
+#include "KorvaneControllerServer.h"
+#include "Logging.h"
+
+int main(int argc, char** argv) {
+  sigset_t ending;
+  sigemptyset(&ending);
+  sigaddset(&ending, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &ending, nullptr);
+  SetUpLogging("KorvaneUGS.log", argc, argv, "logs");
+  const long count = argc > 1 ? std::strtol(argv[1], nullptr, 10) : 0;
+  KorvaneControllerServer server(true, UGSDefs::kPort);
+  spdlog::set_level(spdlog::level::warn);
+  for (long i = 0; i < count; ++i) {
+    UGSRequest::RequestData request{.korvaneId = "prefilled-" + std::to_string(i),
+                                    .dockerId = std::string(64, 'c')};
+    for (int camera = 1; camera <= 4; ++camera) {
+      request.camRtspUrls.push_back("rtsp://10.1." + std::to_string(i) + ".1:554/stream" +
+                                    std::to_string(camera));
+    }
+    server.Records().ApplyRequest(request);
+  }
+  spdlog::set_level(spdlog::level::info);
+  server.Start();
+  server.Records().PrintStatus();
+  int signal = 0;
+  sigwait(&ending, &signal);
+}
