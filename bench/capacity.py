@@ -1,0 +1,153 @@
+"""What one server carries: prints each figure beside the one it must reach. `./dev bench --capacity` runs it.
+
+The server and the fleet run on this machine over loopback, the console goes to /dev/null, and nothing else should
+be running. `--quick` leaves out the run of ten minutes.
+"""
+
+import contextlib
+import glob
+import json
+import os
+import subprocess
+import sys
+import tempfile
+import time
+
+BUILD = os.path.abspath(sys.argv[1])
+UGS = [os.path.join(BUILD, "ugs")]
+KEY = ["--key", os.environ.get("UGS_PUBLIC_KEY", "keys/public.pem")]
+
+
+@contextlib.contextmanager
+def running(program, *arguments):
+    """Yields the process id and log file of a server that answers."""
+    with tempfile.TemporaryDirectory() as directory:
+        process = subprocess.Popen([os.path.join(BUILD, program), *arguments], cwd=directory, stdin=subprocess.DEVNULL,
+                                   stdout=subprocess.DEVNULL)
+        try:
+            subprocess.run([*UGS, "ping", *KEY, "--timeout", "60"], check=True, stdout=subprocess.DEVNULL)
+            yield process.pid, os.path.join(directory, "logs/KorvaneUGS.log.txt")
+        finally:
+            process.terminate()
+            process.wait()
+
+
+def fleet_command(instances, *arguments):
+    return [*UGS, "fleet", *KEY, "--json", "--instances", str(instances), *map(str, arguments)]
+
+
+def fleet(instances, *arguments):
+    output = subprocess.run(fleet_command(instances, *arguments), check=False, capture_output=True, text=True)
+    if not output.stdout:
+        sys.exit(f"the fleet failed: {output.stderr}")
+    return json.loads(output.stdout)
+
+
+def cpu_seconds(pid):
+    """Time on a core of all threads (proc(5), schedstat: nanoseconds)."""
+    total = 0
+    for path in glob.glob(f"/proc/{pid}/task/*/schedstat"):
+        with open(path, encoding="ascii") as file:
+            total += int(file.read().split()[0])
+    return total / 1e9
+
+
+def resident_kib(pid):
+    with open(f"/proc/{pid}/status", encoding="ascii") as file:
+        return next(int(line.split()[1]) for line in file if line.startswith("VmRSS"))
+
+
+def bench_medians(pattern):
+    output = subprocess.run([os.path.join(BUILD, "bench/bench"), f"--benchmark_filter={pattern}",
+                             "--benchmark_min_time=0.3", "--benchmark_repetitions=5", "--benchmark_format=json",
+                             "--benchmark_report_aggregates_only=true"], check=True, capture_output=True, text=True)
+    return {run["run_name"]: run["cpu_time"] for run in json.loads(output.stdout)["benchmarks"]
+            if run["aggregate_name"] == "median"}
+
+
+def row(what, reached, limit, unit, at_least=False):
+    good = reached >= limit if at_least else reached <= limit
+    print(f"| {what} | {reached:.2f} {unit} | {'at least' if at_least else 'at most'} {limit:g} | "
+          f"{'yes' if good else 'NO'} |", flush=True)
+
+
+def cost_of_a_report():
+    floor = bench_medians("RsaPrivateOperation")["RsaPrivateOperation"]
+    with running("bench/prefilled-server", "1000") as (pid, _):
+        before = cpu_seconds(pid)
+        outcome = fleet(100, "--rate", 50, "--duration", 20)
+        used = cpu_seconds(pid) - before
+    row("server CPU per report at 1,000 records, 50 reports/s", used * 1e6 / outcome["reports"] / floor, 3.0,
+        f"RSA operations of {floor:.0f} us")
+
+
+def saturated_rate(records, least):
+    with running("bench/prefilled-server", str(records)):
+        outcome = fleet(200, "--rate", 130, "--duration", 20)
+    row(f"replies per second when saturated, {records:,} records", outcome["per_second"], least, "/s", at_least=True)
+
+
+def work_of_a_turn():
+    medians = bench_medians("Registry/(sweep|status)/(0|12000)$")
+    extra = sum(medians[f"Registry/{step}/12000"] - medians[f"Registry/{step}/0"] for step in ("sweep", "status"))
+    row("a turn's extra work at 12,000 records", extra / 1000, 0.25, "ms")
+
+
+def latency(rate, limits):
+    with running("KorvaneUGS"):
+        outcome = fleet(1000, "--rate", rate, "--duration", 60, "--random")
+    for percentile, limit in limits.items():
+        row(f"{percentile} latency at {rate} reports/s, random arrivals", outcome[f"{percentile}_ms"], limit, "ms")
+
+
+def idle_cpu(records, limit):
+    with running("bench/prefilled-server", str(records)) as (pid, _):
+        before, start = cpu_seconds(pid), time.monotonic()
+        time.sleep(20)
+        used = (cpu_seconds(pid) - before) / (time.monotonic() - start)
+    row(f"idle CPU at {records:,} records", used * 100, limit, "% of a core")
+
+
+def memory():
+    connections = 2000
+    with running("KorvaneUGS") as (pid, _):
+        empty = resident_kib(pid)
+        load = subprocess.Popen(fleet_command(connections, "--rate", 1, "--duration", 10), stdout=subprocess.DEVNULL)
+        time.sleep(8)
+        connected = resident_kib(pid)
+        load.wait()
+    row("resident memory, empty", empty / 1024, 12, "MiB")
+    row("resident memory per connection", (connected - empty) / connections, 33, "KiB")
+    sizes = {}
+    for records in (0, 12000):
+        with running("bench/prefilled-server", str(records)) as (pid, _):
+            sizes[records] = resident_kib(pid)
+    row("resident memory per record", (sizes[12000] - sizes[0]) / 12000, 1, "KiB")
+
+
+def a_large_fleet():
+    with running("KorvaneUGS") as (pid, log):
+        before, start = cpu_seconds(pid), time.monotonic()
+        outcome = fleet(10000, "--period", 118, "--duration", 600, "--log", log)
+        used = (cpu_seconds(pid) - before) / (time.monotonic() - start)
+    what = "10,000 instances every 118 s for 600 s: "
+    row(what + "not answered 0", outcome["reports"] - outcome["answered"].get("0", 0), 0, "reports")
+    row(what + "deletion lines", outcome["deletions"], 0, "lines")
+    row(what + "sums in the log differ", 0 if outcome["log_agrees"] else 1, 0, "")
+    row(what + "server CPU", used * 100, 15, "% of a core")
+    row(what + "p99 latency, no limit set", outcome["p99_ms"], float("inf"), "ms")
+
+
+print("| what | reached | must be | reached it |\n|---|---|---|---|")
+cost_of_a_report()
+saturated_rate(0, 90)
+saturated_rate(1000, 90)
+saturated_rate(12000, 88)
+work_of_a_turn()
+latency(25, {"p50": 8, "p99": 25})
+latency(50, {"p99": 60})
+idle_cpu(1000, 0.5)
+idle_cpu(12000, 2)
+memory()
+if "--quick" not in sys.argv:
+    a_large_fleet()
