@@ -135,7 +135,9 @@ class Connections {
   }
 
   void WaitForAnswer(Clock::time_point until) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now());
+    // Rounded down, so that the last millisecond is spent looking: a late report would look like a slow
+    // answer.
+    const auto left = std::chrono::floor<std::chrono::milliseconds>(until - Clock::now());
     std::array<zmq::pollitem_t, 1> items{{{socket_.handle(), 0, ZMQ_POLLIN, 0}}};
     zmq::poll(items, std::max(left, std::chrono::milliseconds(0)));
   }

@@ -2,7 +2,9 @@
 
 import base64
 import hashlib
+import json
 import os
+import signal
 import stat
 import subprocess
 import tempfile
@@ -11,7 +13,7 @@ import unittest
 from cryptography.hazmat.primitives import serialization
 from cryptography.hazmat.primitives.asymmetric import ec, rsa
 
-from support import KEYS, UGS, ServerTest, document
+from support import KEYS, UGS, ServerTest, document, seal
 
 PEM, DER = serialization.Encoding.PEM, serialization.Encoding.DER
 SPKI = serialization.PublicFormat.SubjectPublicKeyInfo
@@ -127,6 +129,18 @@ class Report(ServerTest):
             expect(0, "0", "report", *self.KEY, *self.ONE, "--layout", layout)
         expect(0, "0", "report", *self.KEY, "--json", "-", input=document().decode())
         expect(1, "2", "report", *self.KEY, "--json", "-", input='{"v6":{}}')
+        self.assertIn("0x476", run("report", "-v", *self.KEY, "--json", "-", input="{}").stderr)
+        server.type(b"q")
+        self.assert_ends_well(server)
+
+    def test_reporting_goes_on_until_it_is_interrupted(self):
+        server = self.start().started()
+        command = [UGS, "report", *self.KEY, *self.ONE, "--every", "0.2"]
+        with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as reporter:
+            reporter.stdout.readline()
+            self.assertEqual([reporter.stdout.readline() for _ in range(3)], ["0 (counted)\n"] * 3)
+            reporter.send_signal(signal.SIGINT)
+            self.assertEqual(reporter.wait(), 0)
         server.type(b"q")
         self.assert_ends_well(server)
 
@@ -140,7 +154,7 @@ class Report(ServerTest):
                 (("report", *self.KEY, *self.ONE, "--layout", "v7"), "v7"),
                 (("report", *self.KEY, "--json", "/nowhere"), "/nowhere"), (("ping", "--key", "/nowhere"), "/nowhere"),
                 (("ping", "--key", UGS), "public key"), (("ping", *self.KEY, "--server", "host:port"), "host:port"),
-                (("ping", *self.KEY, "--timeout", "0"), "timeout")):
+                (("ping", *self.KEY, "--timeout", "0"), "timeout"), (("fleet", *self.KEY), "--rate")):
             with self.subTest(arguments=arguments):
                 result = run(*arguments)
                 self.assertEqual((result.returncode, result.stdout), (2, ""))
@@ -150,6 +164,39 @@ class Report(ServerTest):
         result = run("ping", *self.KEY, "--server", "127.0.0.1:9304", "--timeout", "0.3")
         self.assertEqual((result.returncode, result.stdout), (3, ""))
         self.assertIn("host 127.0.0.1, port 9304", result.stderr)
+
+
+class Fleet(ServerTest):
+    """The simulator, and through it the server's sums."""
+
+    def fleet(self, server, *arguments):
+        return run("fleet", *Report.KEY, "--log", os.path.join(server.directory, "logs/KorvaneUGS.log.txt"), *arguments)
+
+    def test_the_servers_sums_are_the_fleets(self):
+        server = self.start().started()
+        csv = os.path.join(server.directory, "reports.csv")
+        result = self.fleet(server, "--instances", "30", "--rate", "60", "--duration", "2", "--connections", "7", "--json",
+                            "--csv", csv)
+        outcome = json.loads(result.stdout)
+        self.assertEqual(result.returncode, 0, outcome)
+        self.assertEqual((outcome["reports"], outcome["answered"], outcome["unanswered"], outcome["deletions"]),
+                         (120, {"0": 120}, 0, 0))
+        rows = read(csv).decode().splitlines()
+        self.assertEqual((len(rows), rows[0]), (121, "report,instance,due_s,latency_ms,code"))
+        server.type(b"q")
+        self.assert_ends_well(server)
+
+    def test_a_difference_or_a_refusal_is_a_failure(self):
+        server = self.start().started()
+        few = ("--instances", "2", "--period", "1", "--duration", "1")
+        self.assertEqual(self.fleet(server, *few).returncode, 0)
+        self.assertEqual(self.peer().ask(seal(document("foreign", MaxCameras=1000))), b"0")
+        result = self.fleet(server, *few, "--layout", "v4")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("SUMS DIFFER", result.stdout)
+        self.assertRegex(result.stdout, r"MaxCameras: server 1\d\d\d, fleet \d+\n")
+        server.type(b"q")
+        self.assert_ends_well(server)
 
 
 if __name__ == "__main__":
