@@ -94,10 +94,11 @@ def work_of_a_turn():
 
 
 def latency(rate, limits):
-    with running("KorvaneUGS"):
-        outcome = fleet(1000, "--rate", rate, "--duration", 60, "--random")
-    for percentile, limit in limits.items():
-        row(f"{percentile} latency at {rate} reports/s, random arrivals", outcome[f"{percentile}_ms"], limit, "ms")
+    for arrivals, options in (("even", []), ("Poisson", ["--random"])):
+        with running("KorvaneUGS"):
+            outcome = fleet(1000, "--rate", rate, "--duration", 60, *options)
+        for percentile, limit in limits.items():
+            row(f"{percentile} latency at {rate} reports/s, {arrivals} arrivals", outcome[f"{percentile}_ms"], limit, "ms")
 
 
 def idle_cpu(records, limit):
