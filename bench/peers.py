@@ -6,7 +6,6 @@ receiver's time on its core is read from schedstat. Prints medians and ranges of
 
 import concurrent.futures
 import contextlib
-import glob
 import http.client
 import json
 import os
@@ -21,6 +20,8 @@ import time
 
 import paho.mqtt.client as mqtt
 
+from measure import cpu_seconds
+
 BUILD = os.path.abspath(sys.argv[1])
 INSTANCES, RATE, SECONDS, RUNS = 400, 40, 10, 5
 KEYS = ["MaxCameras", "ABD", "AN", "CR", "ClassTier1", "ClassTier2", "ClassTier3", "Perimeter", "Dwell", "Collision",
@@ -30,14 +31,6 @@ URLS = [f"rtsp://10.0.0.1:554/stream{camera}" for camera in range(4)]
 METRICS = "".join(f"# TYPE ugs_{key} gauge\nugs_{key} 17\n" for key in KEYS).encode()
 DOCUMENT = json.dumps({"v6": {"KorvaneID": "i", "DockerID": "c" * 64, "CamRtspUrls": URLS,
                               "InUse": dict.fromkeys(KEYS, 17)}})
-
-
-def cpu_seconds(pid):
-    total = 0
-    for path in glob.glob(f"/proc/{pid}/task/*/schedstat"):
-        with open(path, encoding="ascii") as file:
-            total += int(file.read().split()[0])
-    return total / 1e9
 
 
 @contextlib.contextmanager

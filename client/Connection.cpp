@@ -16,6 +16,8 @@ namespace {
 
 constexpr const char* kMonitorEndpoint = "inproc://connection";
 
+constexpr int kEvents = ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED;
+
 // A server whose host vanished closes nothing; the heartbeat finds out (ZMTP 3.1).
 constexpr int kHeartbeatMilliseconds = 10000;
 
@@ -43,17 +45,18 @@ void Wakeup::Clear() const {
   [[maybe_unused]] const ssize_t taken = read(descriptor_, &count, sizeof count);
 }
 
-Client::Connection::Connection(const Address& address, const std::string& publicKeyPem,
+Client::Connection::Connection(const Address& address, const std::string& publicKey,
                                std::chrono::milliseconds replyTimeout)
-    : sealer_(publicKeyPem),
+    : sealer_(publicKey),
       replyTimeout_(replyTimeout),
       socket_(context_, zmq::socket_type::dealer),
       monitor_(context_, zmq::socket_type::pair) {
   socket_.set(zmq::sockopt::linger, 0);
   socket_.set(zmq::sockopt::immediate, true);  // queues nothing for a connection that is not there
   socket_.set(zmq::sockopt::heartbeat_ivl, kHeartbeatMilliseconds);
-  if (zmq_socket_monitor(socket_.handle(), kMonitorEndpoint, ZMQ_EVENT_DISCONNECTED) != 0)
+  if (zmq_socket_monitor(socket_.handle(), kMonitorEndpoint, kEvents) != 0) {
     throw zmq::error_t();
+  }
   monitor_.connect(kMonitorEndpoint);
   const std::string endpoint = "tcp://" + address.host + ":" + std::to_string(address.port);
   try {
@@ -66,53 +69,68 @@ Client::Connection::Connection(const Address& address, const std::string& public
 std::optional<int> Client::Connection::Ask(std::string_view plaintext) {
   const Clock::time_point deadline = Clock::now() + replyTimeout_;
   if (underWay_) {
-    const Event event = Wait(ZMQ_POLLIN, deadline);
+    const Event event = AwaitAnswer(deadline);
     if (event == Event::kTimeOut || event == Event::kInterrupted) return std::nullopt;
-    if (event == Event::kReady) ReceiveCode();  // the late answer to an earlier request
     underWay_ = false;
+    if (event == Event::kReady) ReceiveCode();  // the late answer to an earlier request
   }
-  Event event = Event::kLost;
-  while (event == Event::kLost) event = Wait(ZMQ_POLLOUT, deadline);
-  if (event != Event::kReady) return std::nullopt;
-  ConnectionWasLost();  // forgets losses from before this request
+  if (AwaitConnection(deadline) != Event::kReady) return std::nullopt;
   if (!socket_.send(zmq::buffer(sealer_.Seal(plaintext)), zmq::send_flags::dontwait)) return std::nullopt;
-  underWay_ = true;
-  event = Wait(ZMQ_POLLIN, deadline);
-  if (event == Event::kLost) underWay_ = false;
-  if (event != Event::kReady) return std::nullopt;
-  underWay_ = false;
-  return ReceiveCode();
+  const Event event = AwaitAnswer(deadline);
+  underWay_ = event == Event::kTimeOut || event == Event::kInterrupted;
+  return event == Event::kReady ? ReceiveCode() : std::nullopt;
 }
 
 bool Client::Connection::SleepUntil(Clock::time_point deadline) {
-  return Wait(0, deadline) == Event::kTimeOut;
+  zmq::pollitem_t interrupt{nullptr, interrupt_.Descriptor(), ZMQ_POLLIN, 0};
+  if (zmq::poll(&interrupt, 1, TimeLeft(deadline)) == 0) return true;
+  interrupt_.Clear();
+  return false;
 }
 
-Client::Connection::Event Client::Connection::Wait(short readiness, Clock::time_point deadline) {
+Client::Connection::Polled Client::Connection::Poll(short readiness, Clock::time_point deadline) {
   std::array<zmq::pollitem_t, 3> items{{{nullptr, interrupt_.Descriptor(), ZMQ_POLLIN, 0},
                                         {socket_.handle(), 0, readiness, 0},
                                         {monitor_.handle(), 0, ZMQ_POLLIN, 0}}};
-  const std::size_t used = readiness == 0 ? 1 : items.size();
+  const bool timedOut = zmq::poll(items, TimeLeft(deadline)) == 0;
+  if (items[0].revents != 0) interrupt_.Clear();
+  return {timedOut, items[0].revents != 0, items[1].revents != 0, items[2].revents != 0};
+}
+
+Client::Connection::Event Client::Connection::AwaitConnection(Clock::time_point deadline) {
   while (true) {
-    const int ready = zmq::poll(items.data(), used, TimeLeft(deadline));
-    if (items[0].revents != 0) {
-      interrupt_.Clear();
-      return Event::kInterrupted;
+    const Polled polled = Poll(connected_ ? ZMQ_POLLOUT : short{0}, deadline);
+    if (polled.interrupted) return Event::kInterrupted;
+    // First of all: what looks writable may belong to a connection that is just gone.
+    if (polled.monitor) {
+      TakeEvents();
+    } else if (polled.socket) {
+      return Event::kReady;
+    } else if (polled.timedOut) {
+      return Event::kTimeOut;
     }
-    // An answer that came before the connection was lost counts.
-    if ((items[1].revents & readiness) != 0) return Event::kReady;
-    if (items[2].revents != 0 && ConnectionWasLost()) return Event::kLost;
-    if (ready == 0) return Event::kTimeOut;
   }
 }
 
-bool Client::Connection::ConnectionWasLost() {
+Client::Connection::Event Client::Connection::AwaitAnswer(Clock::time_point deadline) {
+  while (true) {
+    const Polled polled = Poll(ZMQ_POLLIN, deadline);
+    if (polled.interrupted) return Event::kInterrupted;
+    if (polled.socket) return Event::kReady;  // also if the connection was lost right after it
+    if (polled.monitor && TakeEvents()) return Event::kLost;
+    if (polled.timedOut) return Event::kTimeOut;
+  }
+}
+
+bool Client::Connection::TakeEvents() {
   // An event is two frames: its number in the first two bytes, and the endpoint (zmq_socket_monitor(3)).
   bool lost = false;
   zmq::message_t frame;
   while (monitor_.recv(frame, zmq::recv_flags::dontwait)) {
     std::uint16_t event = 0;
-    if (frame.more() && frame.size() >= sizeof event) std::memcpy(&event, frame.data(), sizeof event);
+    if (!frame.more() || frame.size() < sizeof event) continue;  // the endpoint
+    std::memcpy(&event, frame.data(), sizeof event);
+    connected_ = event == ZMQ_EVENT_HANDSHAKE_SUCCEEDED;
     lost = lost || event == ZMQ_EVENT_DISCONNECTED;
   }
   return lost;

@@ -33,7 +33,7 @@ class __attribute__((visibility("hidden"))) Client::Connection {
  public:
   using Clock = std::chrono::steady_clock;
 
-  Connection(const Address& address, const std::string& publicKeyPem, std::chrono::milliseconds replyTimeout);
+  Connection(const Address& address, const std::string& publicKey, std::chrono::milliseconds replyTimeout);
 
   std::optional<int> Ask(std::string_view plaintext);
 
@@ -45,10 +45,19 @@ class __attribute__((visibility("hidden"))) Client::Connection {
 
  private:
   enum class Event { kReady, kLost, kTimeOut, kInterrupted };
+  struct Polled {
+    bool timedOut;
+    bool interrupted;
+    bool socket;
+    bool monitor;
+  };
 
-  // Waits for the socket to be ready for `readiness` (ZMQ_POLLIN or ZMQ_POLLOUT).
-  Event Wait(short readiness, Clock::time_point deadline);
-  bool ConnectionWasLost();
+  [[nodiscard]] Polled Poll(short readiness, Clock::time_point deadline);
+  // Waits for a connection that can take a request.
+  Event AwaitConnection(Clock::time_point deadline);
+  Event AwaitAnswer(Clock::time_point deadline);
+  // Brings `connected_` up to date. True if a connection was lost on the way.
+  bool TakeEvents();
   std::optional<int> ReceiveCode();
 
   const Sealer sealer_;
@@ -56,8 +65,9 @@ class __attribute__((visibility("hidden"))) Client::Connection {
   const Wakeup interrupt_;
   zmq::context_t context_;
   zmq::socket_t socket_;
-  zmq::socket_t monitor_;  // tells when the connection is lost
-  bool underWay_ = false;
+  zmq::socket_t monitor_;  // tells when a connection is made and when it is lost
+  bool connected_ = false;
+  bool underWay_ = false;  // a request was sent on the present connection and not answered
 };
 
 }  // namespace ugs

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "Sealer.h"
 #include "UgsClient.h"
 #include "UsageCounts.h"
 
@@ -14,6 +15,14 @@ using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
 void WriteString(Writer& writer, const std::string& text) {
   writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+}
+
+// Room for the whole document, whatever of it is escaped: a buffer that grows leaves copies in memory.
+std::size_t MostBytes(const Usage& usage) {
+  constexpr std::size_t escaped = 6;  // "\u0000" for one byte
+  std::size_t bytes = 2048 + escaped * (usage.id.size() + usage.container.size());
+  for (const std::string& url : usage.cameras) bytes += 3 + escaped * url.size();
+  return bytes;
 }
 
 void WriteRequest(Writer& writer, const Usage& usage) {
@@ -61,7 +70,7 @@ std::string WriteDocument(const Usage& usage) {
       throw std::invalid_argument("layout " + usage.layout + " carries no count \"" + key + "\"");
     }
   }
-  rapidjson::StringBuffer buffer;
+  rapidjson::StringBuffer buffer(nullptr, MostBytes(usage));
   Writer writer(buffer);
   if (usage.layout == kLayouts.front().name) {
     WriteRequest(writer, usage);
@@ -71,7 +80,10 @@ std::string WriteDocument(const Usage& usage) {
     WriteRequest(writer, usage);
     writer.EndObject();
   }
-  return {buffer.GetString(), buffer.GetSize()};
+  std::string document(buffer.GetString(), buffer.GetSize());
+  buffer.Clear();
+  Wipe(buffer.Push(document.size()), document.size());
+  return document;
 }
 
 }  // namespace ugs

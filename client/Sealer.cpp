@@ -9,6 +9,8 @@
 #include <openssl/x509.h>
 
 #include <array>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <vector>
@@ -67,6 +69,14 @@ Bytes Encrypt(const AesKey& key, const Iv& iv, std::string_view plaintext) {
   return ciphertext;
 }
 
+std::string PemText(const std::string& textOrFile) {
+  if (textOrFile.find("-----BEGIN") != std::string::npos) return textOrFile;
+  std::ifstream file(textOrFile);
+  std::string text{std::istreambuf_iterator<char>(file), {}};
+  if (!file) throw std::invalid_argument("cannot read the key file " + textOrFile);
+  return text;
+}
+
 EVP_PKEY* ReadPublicKey(const std::string& pem) {
   const BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), BIO_free);
   return bio == nullptr ? nullptr : PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr);
@@ -74,7 +84,7 @@ EVP_PKEY* ReadPublicKey(const std::string& pem) {
 
 }  // namespace
 
-Sealer::Sealer(const std::string& publicKeyPem) : key_(ReadPublicKey(publicKeyPem), EVP_PKEY_free) {
+Sealer::Sealer(const std::string& publicKey) : key_(ReadPublicKey(PemText(publicKey)), EVP_PKEY_free) {
   if (key_ == nullptr || EVP_PKEY_get_base_id(key_.get()) != EVP_PKEY_RSA) {
     throw std::invalid_argument("not the PEM text of an RSA public key");
   }
@@ -86,7 +96,7 @@ std::string Sealer::Seal(std::string_view plaintext) const {
   Require(RAND_bytes(key.data(), key.size()) == 1 && RAND_bytes(iv.data(), iv.size()) == 1, "random bytes");
   // Wiped on the way out by an exception, too.
   const std::unique_ptr<AesKey, void (*)(AesKey*)> wipe(
-      &key, [](AesKey* secret) { OPENSSL_cleanse(secret->data(), secret->size()); });
+      &key, [](AesKey* secret) { Wipe(secret->data(), secret->size()); });
   const std::string document = R"({"data1":")" + Base64(WrapKey(key_.get(), key)) + R"(","data2":")" +
                                Base64(iv) + R"(","data3":")" + Base64(Encrypt(key, iv, plaintext)) + R"("})";
   return Base64(document);
@@ -108,6 +118,10 @@ std::string Sealer::Fingerprint() const {
     text += digits[byte & 15];
   }
   return text;
+}
+
+void Wipe(void* data, std::size_t size) {
+  OPENSSL_cleanse(data, size);
 }
 
 }  // namespace ugs

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -11,8 +12,9 @@ namespace ugs {
 // Seals texts for the holder of one RSA private key. Immutable; thread-safe.
 class Sealer {
  public:
-  // Throws std::invalid_argument if `publicKeyPem` is not the PEM text of an RSA public key.
-  explicit Sealer(const std::string& publicKeyPem);
+  // `publicKey` is PEM text ("BEGIN PUBLIC KEY") or the name of a file that holds it. Throws
+  // std::invalid_argument if the file cannot be read or the text is not that of an RSA public key.
+  explicit Sealer(const std::string& publicKey);
 
   // The base64 text of an envelope that holds `plaintext`: AES-256-CBC under a fresh key and IV, the key
   // wrapped with RSA, PKCS #1 v1.5 padding. Throws std::runtime_error if OpenSSL fails.
@@ -25,5 +27,8 @@ class Sealer {
  private:
   std::shared_ptr<evp_pkey_st> key_;
 };
+
+// Overwrites what must not stay in memory.
+void Wipe(void* data, std::size_t size);
 
 }  // namespace ugs

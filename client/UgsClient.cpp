@@ -2,13 +2,12 @@
 
 #include <algorithm>
 #include <charconv>
-#include <fstream>
-#include <iterator>
 #include <random>
 #include <stdexcept>
 #include <utility>
 
 #include "Connection.h"
+#include "Sealer.h"
 #include "UGSDefs.h"
 
 namespace ugs {
@@ -18,14 +17,6 @@ using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
 constexpr milliseconds kFirstRetry(1000);
-
-std::string KeyText(const std::string& key) {
-  if (key.find("-----BEGIN") != std::string::npos) return key;
-  std::ifstream file(key);
-  std::string text{std::istreambuf_iterator<char>(file), {}};
-  if (!file) throw std::invalid_argument("cannot read the key file " + key);
-  return text;
-}
 
 }  // namespace
 
@@ -44,7 +35,7 @@ Address ParseAddress(std::string_view server) {
 }
 
 Client::Client(std::string_view server, const std::string& key, milliseconds replyTimeout)
-    : connection_(std::make_unique<Connection>(ParseAddress(server), KeyText(key), replyTimeout)) {}
+    : connection_(std::make_unique<Connection>(ParseAddress(server), key, replyTimeout)) {}
 Client::~Client() = default;
 Client::Client(Client&&) noexcept = default;
 Client& Client::operator=(Client&&) noexcept = default;

@@ -9,7 +9,6 @@
 #include <chrono>
 #include <deque>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <optional>
 #include <random>
@@ -186,7 +185,7 @@ class Fleet {
   explicit Fleet(const FleetOptions& options)
       : options_(options),
         rate_(options.rate > 0 ? options.rate : options.instances / options.period),
-        sealer_(ReadKey(options.key)),
+        sealer_(options.key),
         connections_(ugs::ParseAddress(options.server), ConnectionCount()),
         underWay_(ConnectionCount()) {
     for (std::uint32_t i = 0; i < options.instances; ++i) instances_.emplace_back(options, i);
@@ -283,13 +282,6 @@ class Fleet {
     fmt::print(R"("log_agrees":{},"deletions":{}}})"
                "\n",
                outcome.log.agrees, outcome.log.deletions);
-  }
-
-  static std::string ReadKey(const std::string& name) {
-    std::ifstream file(name);
-    std::string text{std::istreambuf_iterator<char>(file), {}};
-    if (!file) throw std::runtime_error("cannot read " + name);
-    return text;
   }
 
   [[nodiscard]] std::uint32_t ConnectionCount() const {

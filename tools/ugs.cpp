@@ -148,7 +148,7 @@ Command AddFingerprint(CLI::App& app) {
   const auto key = std::make_shared<std::string>("keys/public.pem");
   command->add_option("--key", *key, "the public key, a PEM file")->capture_default_str();
   return [key] {
-    std::cout << ugs::Sealer(ReadText(*key)).Fingerprint() << "\n";
+    std::cout << ugs::Sealer(*key).Fingerprint() << "\n";
     return kDone;
   };
 }
