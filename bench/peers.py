@@ -107,14 +107,14 @@ def mqtt_client(directory, instance):
     client.tls_set(directory + "/cert.pem")
     client.connect("127.0.0.1", 18883)
     while not client.is_connected():
-        client.loop(0.05)
+        client.loop(0.002)
     return client
 
 
 def mqtt_publish(client, instance):
     message = client.publish(f"ugs/sim-{instance}", DOCUMENT, qos=1, retain=True)
     while not message.is_published():
-        client.loop(0.05)
+        client.loop(0.002)
 
 
 def mosquitto(directory, kept):

@@ -168,7 +168,7 @@ class Server:
 
     def started(self):
         """Waits for the first status report: from then on keys and signals are heard."""
-        self.wait_for("----\n")
+        self.wait_for("[info] " + 52 * "-" + "\n")
         return self
 
     def type(self, keys):
