@@ -23,7 +23,7 @@ import paho.mqtt.client as mqtt
 from measure import cpu_seconds
 
 BUILD = os.path.abspath(sys.argv[1])
-INSTANCES, RATE, SECONDS, RUNS = 400, 40, 10, 5
+INSTANCES, RATE, SECONDS, RUNS = 400, 40, 5, 5
 KEYS = ["MaxCameras", "ABD", "AN", "CR", "ClassTier1", "ClassTier2", "ClassTier3", "Perimeter", "Dwell", "Collision",
         "NeuralPack", "PX", "Plates", "Generative", "ClassTier0", "RemoteTier1", "RemoteTier2", "RemoteTier3",
         "RemoteTier4", "FaceTier1", "FaceTier2"]
