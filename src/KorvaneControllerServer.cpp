@@ -1,8 +1,10 @@
 #include "KorvaneControllerServer.h"
 
+#include <malloc.h>
 #include <rapidjson/document.h>
 #include <sys/prctl.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 
@@ -15,6 +17,9 @@
 namespace {
 
 constexpr std::chrono::milliseconds kTurn(10);
+
+// A queue that once held this many requests leaves megabytes behind that the C library would keep.
+constexpr std::size_t kLongQueue = 10'000;
 
 // The length of `text` up to and including its last "}"; 0 without one.
 template <typename Buffer>
@@ -54,6 +59,8 @@ KorvaneControllerServer::~KorvaneControllerServer() {
   StopLoop();
   WipeMemory(scrambledKey_.data(), scrambledKey_.size());
   communicator_.reset();
+  queue_ = {};
+  malloc_trim(0);
 }
 
 void KorvaneControllerServer::Start() {
@@ -88,10 +95,21 @@ void KorvaneControllerServer::ProcessLoop() {
 
 std::optional<KorvaneControllerServer::Request> KorvaneControllerServer::TakeRequest() {
   const std::scoped_lock lock(queueMutex_);
-  if (queue_.empty()) return std::nullopt;
+  if (queue_.empty()) {
+    if (longestQueue_ >= kLongQueue) ReturnMemory();
+    return std::nullopt;
+  }
+  longestQueue_ = std::max(longestQueue_, queue_.size());
   Request request = std::move(queue_.front());
   queue_.pop();
   return request;
+}
+
+// Holds up the worker for the moment it takes, once after a flood.
+void KorvaneControllerServer::ReturnMemory() {
+  queue_ = {};
+  malloc_trim(0);
+  longestQueue_ = 0;
 }
 
 std::int32_t KorvaneControllerServer::ProcessData(const std::string& payload) {

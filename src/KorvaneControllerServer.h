@@ -57,6 +57,7 @@ class KorvaneControllerServer {
   void StopLoop();
   void ProcessLoop();
   std::optional<Request> TakeRequest();
+  void ReturnMemory();
   UGSDefs::ReplyCode ProcessDocument(std::string_view text);
 
   // Constant after construction.
@@ -68,6 +69,7 @@ class KorvaneControllerServer {
 
   std::mutex queueMutex_;  // guards queue_
   std::queue<Request> queue_;
+  std::size_t longestQueue_ = 0;  // since memory was last given back; intake thread
 
   // After the queue, which its worker may touch until it is joined.
   std::unique_ptr<KorvaneUGSCommunicator> communicator_;

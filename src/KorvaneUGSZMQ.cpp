@@ -5,6 +5,7 @@
 #include <array>
 #include <chrono>
 #include <cstdlib>
+#include <utility>
 #include <zmq.hpp>
 
 #include "Logging.h"
@@ -37,6 +38,16 @@ std::shared_ptr<zmq::socket_t> CreateSocket(zmq::context_t& context, zmq::socket
   } catch (const zmq::error_t& error) {
     log.Error("0x0081: {}: {}", endpoint, error.what());
     return nullptr;
+  }
+}
+
+// A socket takes a descriptor, and once the ROUTER listens, peers may take every one that is left. Without
+// one kept back for the first Reply, nobody would be answered until they leave.
+std::shared_ptr<zmq::socket_t> CreateSpareSocket(zmq::context_t& context) {
+  try {
+    return std::make_shared<zmq::socket_t>(context, zmq::socket_type::pair);
+  } catch (const zmq::error_t&) {
+    return nullptr;  // Reply tries again, and says what is wrong
   }
 }
 
@@ -94,12 +105,14 @@ void KorvaneUGSZMQ::WaitingThreadWorker(std::uint32_t port) {
   static constexpr LogScope log("KorvaneUGSZMQ::WaitingThreadWorker");
   const auto context = std::make_shared<zmq::context_t>(kIoThreads, kMaxSockets);
   auto forwarding = CreateSocket(*context, zmq::socket_type::pair, kForwardingEndpoint);
+  auto spareSocket = CreateSpareSocket(*context);
   SeedPeerNames();
   auto router = CreateSocket(*context, zmq::socket_type::router, "tcp://0.0.0.0:" + std::to_string(port));
   {
     // Published after the channel is bound: a Reply never connects to an endpoint that is not there yet.
     const std::scoped_lock lock(mutex_);
     replySocket_.reset();
+    spareSocket_ = std::move(spareSocket);
     context_ = context;
   }
 
@@ -110,6 +123,7 @@ void KorvaneUGSZMQ::WaitingThreadWorker(std::uint32_t port) {
     const std::scoped_lock lock(mutex_);
     context_.reset();
     replySocket = std::move(replySocket_);
+    spareSocket_.reset();
   }
   if (replySocket != nullptr) {
     log.Info("Cleaning up Reply socket in main thread!");
@@ -183,7 +197,8 @@ void KorvaneUGSZMQ::Reply(std::string identity, std::string reply) {
   if (replySocket_ == nullptr) {
     log.Info("Creating response socket and connecting back");
     try {
-      auto socket = std::make_shared<zmq::socket_t>(*context_, zmq::socket_type::pair);
+      auto socket = std::exchange(spareSocket_, nullptr);
+      if (socket == nullptr) socket = std::make_shared<zmq::socket_t>(*context_, zmq::socket_type::pair);
       socket->connect(kForwardingEndpoint);
       replySocket_ = std::move(socket);
     } catch (const zmq::error_t& error) {

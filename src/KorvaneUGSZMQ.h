@@ -41,8 +41,10 @@ class KorvaneUGSZMQ : public KorvaneUGSCommunicator {
   void TakeRequest(zmq::socket_t& router, FramePairs& pairs);
   static void ForwardReply(zmq::socket_t& router, zmq::socket_t& forwarding);
 
-  std::mutex mutex_;                            // guards the two pointers; held by Reply for its whole run
-  std::shared_ptr<zmq::socket_t> replySocket_;  // the callers' end of the channel, made by the first Reply
+  std::mutex mutex_;  // guards the three pointers; held by Reply for its whole run
+  std::shared_ptr<zmq::socket_t>
+      replySocket_;  // the callers' end of the channel, connected by the first Reply
+  std::shared_ptr<zmq::socket_t> spareSocket_;  // what the next replySocket_ is made of, if there is one
   std::shared_ptr<zmq::context_t> context_;     // set while the worker is serving
 
   std::atomic<bool> running_ = false;

@@ -2,11 +2,12 @@
 
 #include <spdlog/cfg/argv.h>
 #include <spdlog/cfg/env.h>
-#include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/sinks/stdout_color_sinks.h>
 
 #include <cstdio>
 #include <memory>
+
+#include "LogFile.h"
 
 namespace {
 constexpr std::size_t kMaxFileSize = 10'485'760;
@@ -19,9 +20,8 @@ void SetUpLogging(const std::string& name, int argc, char** argv, const std::str
   console->set_pattern("[%l] %v");
 
   const std::string path = directory + "/" + name + ".txt";
-  auto file = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(path, kMaxFileSize, kOlderFiles);
+  auto file = std::make_shared<LogFile>(path, kMaxFileSize, kOlderFiles, "[%c][%L] %v");
   file->set_level(spdlog::level::info);
-  file->set_pattern("[%c][%L] %v");
 
   auto logger = std::make_shared<spdlog::logger>(name, spdlog::sinks_init_list{console, file});
   logger->flush_on(spdlog::level::warn);

@@ -2,11 +2,16 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <fstream>
 #include <stdexcept>
@@ -113,6 +118,24 @@ std::string Seal(std::string_view plaintext) {
   return sealer.Seal(plaintext);
 }
 
+std::string WrapKey(std::string_view key) {
+  using BioPtr = std::unique_ptr<BIO, decltype(&BIO_free)>;
+  using KeyPtr = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
+  using ContextPtr = std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)>;
+  static const std::string pem = PublicKeyPem();
+  static const BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), BIO_free);
+  static const KeyPtr publicKey(PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr), EVP_PKEY_free);
+  const ContextPtr context(EVP_PKEY_CTX_new(publicKey.get(), nullptr), EVP_PKEY_CTX_free);
+  std::string wrapped(256, '\0');
+  std::size_t length = wrapped.size();
+  EVP_PKEY_encrypt_init(context.get());
+  EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING);
+  EVP_PKEY_encrypt(context.get(), reinterpret_cast<unsigned char*>(wrapped.data()), &length,
+                   reinterpret_cast<const unsigned char*>(key.data()),
+                   std::min<std::size_t>(key.size(), 245));
+  return Base64Encode(wrapped);
+}
+
 std::string Base64Encode(std::string_view bytes) {
   std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');
   EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
@@ -150,4 +173,40 @@ std::optional<std::string> Peer::Receive(int milliseconds) {
   zmq::message_t frame;
   if (!socket_.recv(frame)) return std::nullopt;
   return frame.to_string();
+}
+
+RawPeer::RawPeer(std::uint16_t port) : descriptor_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(port);
+  const timeval patience{0, 20'000};
+  setsockopt(descriptor_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  if (connect(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    throw std::runtime_error("cannot connect");
+  }
+}
+
+RawPeer::~RawPeer() {
+  shutdown(descriptor_, SHUT_WR);
+  std::array<char, 4096> ignored;
+  while (recv(descriptor_, ignored.data(), ignored.size(), 0) > 0) continue;
+  close(descriptor_);
+}
+
+std::string RawPeer::Handshake() {
+  std::string greeting(64, '\0');
+  greeting.replace(0, 10, std::string("\xff\0\0\0\0\0\0\0\0\x7f", 10));
+  greeting[10] = 3;
+  greeting.replace(12, 4, "NULL");
+  const std::string ready = std::string("\x05READY\x0bSocket-Type\0\0\0\x06", 22) + "DEALER";
+  return greeting + '\x04' + static_cast<char>(ready.size()) + ready;
+}
+
+void RawPeer::Write(std::string_view bytes) const {
+  while (!bytes.empty()) {
+    const ssize_t written = send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (written <= 0) return;
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+  }
 }

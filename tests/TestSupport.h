@@ -84,6 +84,7 @@ struct DocumentText {
 
 std::string PublicKeyPem();                    // of the pair that this build carries
 std::string Seal(std::string_view plaintext);  // for that pair
+std::string WrapKey(std::string_view key);     // at most 245 bytes; RSA, PKCS #1 v1.5, as base64
 std::string Base64Encode(std::string_view bytes);
 
 // A TCP port that was free a moment ago.
@@ -102,4 +103,23 @@ class Peer {
  private:
   zmq::context_t context_;
   zmq::socket_t socket_;
+};
+
+// A TCP connection to a port of this machine, for bytes that no library would send. Writing ignores errors:
+// the other end may have had enough. Destruction waits until the other end has read everything, 200 ms at
+// most.
+class RawPeer {
+ public:
+  explicit RawPeer(std::uint16_t port);
+  ~RawPeer();
+  RawPeer(const RawPeer&) = delete;
+  RawPeer& operator=(const RawPeer&) = delete;
+
+  // The greeting and the READY command of a DEALER without security (ZMTP 3.0, ZeroMQ RFC 23).
+  static std::string Handshake();
+
+  void Write(std::string_view bytes) const;
+
+ private:
+  int descriptor_;
 };

@@ -104,10 +104,14 @@ class Peer:
 
 
 class Server:
-    """A running server with its console on a pseudo-terminal. `stdin` is "pipe", "terminal", "closed" or a file."""
+    """A running server with its console on a pseudo-terminal. `stdin` is "pipe", "terminal", "closed" or a file.
+
+    Of the console, the last `keep` bytes are kept.
+    """
 
     def __init__(self, test, stdin="pipe", arguments=(), environment=None, clock=False, command=(SERVER,),
-                 directory=None, **options):
+                 directory=None, keep=10**8, **options):
+        self.keep = keep
         self.directory = directory or tempfile.mkdtemp()
         self.shift_file = os.path.join(self.directory, "shift")
         if directory is None:
@@ -140,7 +144,7 @@ class Server:
     def _read_console(self):
         try:
             while chunk := os.read(self.master, 65536):
-                self.output += chunk
+                self.output = (self.output + chunk)[-self.keep:]
         except OSError:
             pass
 

@@ -1,0 +1,57 @@
+#include "LogFile.h"
+
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <utility>
+
+namespace {
+constexpr std::chrono::seconds kRetryPeriod(1);
+}  // namespace
+
+LogFile::LogFile(std::string path, std::size_t maxSize, std::size_t olderFiles, std::string pattern)
+    : path_(std::move(path)), maxSize_(maxSize), olderFiles_(olderFiles), pattern_(std::move(pattern)) {
+  Open();
+}
+
+void LogFile::log(const spdlog::details::log_msg& message) {
+  const std::scoped_lock lock(mutex_);
+  UseFile([&] { file_->log(message); });
+}
+
+void LogFile::flush() {
+  const std::scoped_lock lock(mutex_);
+  if (file_ != nullptr && !StandsAtItsPath()) file_.reset();
+  UseFile([&] { file_->flush(); });
+}
+
+template <typename Action>
+void LogFile::UseFile(Action action) {
+  if (file_ == nullptr && Clock::now() < nextTry_) return;
+  try {
+    if (file_ == nullptr) Open();
+    action();
+  } catch (...) {
+    file_.reset();
+    nextTry_ = Clock::now() + kRetryPeriod;
+    throw;
+  }
+}
+
+void LogFile::Open() {
+  spdlog::file_event_handlers handlers;
+  handlers.after_open = [this](const spdlog::filename_t&, std::FILE* stream) {
+    struct stat status = {};
+    fstat(fileno(stream), &status);
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
+  };
+  file_ =
+      std::make_unique<spdlog::sinks::rotating_file_sink_st>(path_, maxSize_, olderFiles_, false, handlers);
+  file_->set_pattern(pattern_);
+}
+
+bool LogFile::StandsAtItsPath() const {
+  struct stat status = {};
+  return stat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_;
+}

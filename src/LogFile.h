@@ -1,0 +1,51 @@
+#pragma once
+
+#include <spdlog/sinks/rotating_file_sink.h>
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <string>
+
+// The rotating log file that survives what happens to its disk: spdlog's sink, opened anew after a failure.
+//
+// Left to itself, spdlog 1.10 keeps a null FILE once a rotation could not open the next file (no free
+// descriptor, no directory), and writes to it. It also goes on writing to a file that was deleted or moved
+// away under it. Here a sink that failed is dropped and made again, once a second at most since a failing
+// open takes 50 ms, and every flush looks whether the file still stands at its path. Lines that come in
+// between are lost to the file; the failure itself is thrown to the logger, which reports it on standard
+// error.
+//
+// Thread-safe: one mutex, a leaf.
+class LogFile final : public spdlog::sinks::sink {
+ public:
+  // Opens the file for appending, and its directory if it is missing. Throws spdlog::spdlog_ex.
+  LogFile(std::string path, std::size_t maxSize, std::size_t olderFiles, std::string pattern);
+
+  void log(const spdlog::details::log_msg& message) override;
+  void flush() override;
+
+  // The pattern is the constructor's; these have no effect.
+  void set_pattern(const std::string& /*pattern*/) override {}
+  void set_formatter(std::unique_ptr<spdlog::formatter> /*formatter*/) override {}
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  // These need the mutex held.
+  void Open();
+  template <typename Action>
+  void UseFile(Action action);
+  [[nodiscard]] bool StandsAtItsPath() const;
+
+  const std::string path_;
+  const std::size_t maxSize_;
+  const std::size_t olderFiles_;
+  const std::string pattern_;
+
+  std::mutex mutex_;                                            // guards all that follows
+  std::unique_ptr<spdlog::sinks::rotating_file_sink_st> file_;  // null after a failure
+  Clock::time_point nextTry_;                                   // of opening it again
+  dev_t device_ = 0;                                            // device and inode of the open file
+  ino_t inode_ = 0;
+};
