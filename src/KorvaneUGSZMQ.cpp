@@ -28,11 +28,18 @@ void SeedPeerNames() {
   if (getrandom(&seed, sizeof seed, 0) == sizeof seed) std::srand(seed);
 }
 
+// Before ZMTP 3.0 a peer shook hands without a signature, so libzmq reads any bytes as such a peer's frames:
+// a port scanner's TLS greeting becomes requests, some with an odd number of frames. A security domain makes
+// it refuse these peers. It changes nothing for others as long as nobody in this process answers for the
+// domain.
+constexpr const char* kSecurityDomain = "KorvaneUGS";
+
 std::shared_ptr<zmq::socket_t> CreateSocket(zmq::context_t& context, zmq::socket_type type,
                                             const std::string& endpoint) {
   static constexpr LogScope log("KorvaneUGSZMQ::CreateSocket");
   try {
     auto socket = std::make_shared<zmq::socket_t>(context, type);
+    socket->set(zmq::sockopt::zap_domain, kSecurityDomain);
     socket->bind(endpoint);
     return socket;
   } catch (const zmq::error_t& error) {

@@ -68,6 +68,16 @@ TEST_F(KorvaneUGSZMQTest, AnyBytesGoInAndTheReplyComesBackToItsPeer) {
   EXPECT_EQ(log.Count("Creating response socket and connecting back"), 1U);
 }
 
+TEST_F(KorvaneUGSZMQTest, BytesOfNoProtocolAreNotTakenForFramesOfAnOldOne) {
+  Start();
+  Peer peer(port);
+  MeetPeer(peer);
+  // ZMTP 1.0: an empty name, and a message of two frames, which makes three with the name in front.
+  RawPeer(port).Write(std::string_view("\1\0\4\1one\4\0two", 12));
+  peer.Send("next");
+  EXPECT_EQ(Request(0).second, "next");
+}
+
 TEST_F(KorvaneUGSZMQTest, RepliesBeforeStartAndAfterAFailedStartAreDropped) {
   transport->Reply("identity", "reply");
   EXPECT_TRUE(log.Lines().empty());
