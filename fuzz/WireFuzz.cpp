@@ -9,40 +9,33 @@
 #include "Logging.h"
 #include "TestSupport.h"
 
-namespace {
-struct Subject {
-  Subject() {
-    spdlog::set_level(spdlog::level::off);
-    transport.SetPort(port);
-    transport.Start();
-    transport.SetRequestCallback([this](const std::string& identity, const std::string& payload) {
-      transport.Reply(identity, payload);
-    });
-    Require(Await([this] { return Answers(); }));  // from now on it listens
-  }
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static spdlog::logger* const logger = spdlog::default_logger_raw();  // made first, to outlive the transport
+  static const std::uint16_t port = FreePort();
+  static KorvaneUGSZMQ transport;
+  static Peer peer(port);
+  static int inputs = 0;
   // A message of three frames takes along the frame that an odd one before it has left over.
-  bool Answers() {
+  const auto answers = [] {
     peer.Send("hello");
     if (peer.Receive(200) == "hello") return true;
     peer.SendFrames({"", "odd"});
     return false;
-  }
-
-  const std::uint16_t port = FreePort();
-  KorvaneUGSZMQ transport;
-  Peer peer{port};
-  int inputs = 0;
-};
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static Subject subject;
+  };
+  static const bool listens = [&answers] {
+    logger->set_level(spdlog::level::off);
+    transport.SetPort(port);
+    transport.Start();
+    transport.SetRequestCallback(
+        [](const auto& name, const auto& payload) { transport.Reply(name, payload); });
+    return Await(answers);
+  }();
   const std::string_view text = AsText(data, size);
   {
-    RawPeer raw(subject.port);
-    if (text.starts_with('!')) raw.Write(RawPeer::Handshake());
+    RawPeer raw(port);
+    if (text.starts_with('!')) raw.ShakeHands();
     raw.Write(text.starts_with('!') ? text.substr(1) : text);
   }
-  if (subject.inputs++ % 50 == 0) Require(Await([] { return subject.Answers(); }));
+  if (inputs++ % 50 == 0) Require(listens && Await(answers));
   return 0;
 }

@@ -47,6 +47,7 @@ GuardedHeap* heap = nullptr;  // null outside the trial
 
 }  // namespace
 
+// NOLINTBEGIN(cppcoreguidelines-no-malloc, cppcoreguidelines-owning-memory): these are the allocator.
 void* operator new(std::size_t size) {
   void* memory = heap == nullptr ? nullptr : heap->Take(size);
   if (memory == nullptr) memory = std::malloc(size);
@@ -59,6 +60,7 @@ void operator delete(void* memory) noexcept {
 void operator delete(void* memory, std::size_t /*size*/) noexcept {
   operator delete(memory);
 }
+// NOLINTEND(cppcoreguidelines-no-malloc, cppcoreguidelines-owning-memory)
 
 int main() {
   GuardedHeap guarded;

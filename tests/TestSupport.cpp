@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <fstream>
 #include <stdexcept>
@@ -171,17 +172,23 @@ void Peer::SendFrames(const std::vector<std::string>& frames) {
 std::optional<std::string> Peer::Receive(int milliseconds) {
   socket_.set(zmq::sockopt::rcvtimeo, milliseconds);
   zmq::message_t frame;
-  if (!socket_.recv(frame)) return std::nullopt;
+  try {
+    if (!socket_.recv(frame)) return std::nullopt;
+  } catch (const zmq::error_t& error) {
+    if (error.num() != EINTR) throw;  // libFuzzer's timer
+    return std::nullopt;
+  }
   return frame.to_string();
 }
 
-RawPeer::RawPeer(std::uint16_t port) : descriptor_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+RawPeer::RawPeer(std::uint16_t port, std::chrono::milliseconds patience)
+    : descriptor_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   address.sin_port = htons(port);
-  const timeval patience{0, 20'000};
-  setsockopt(descriptor_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  const timeval timeout{patience.count() / 1000, patience.count() % 1000 * 1000};
+  setsockopt(descriptor_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
   if (connect(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
     throw std::runtime_error("cannot connect");
   }
@@ -194,13 +201,18 @@ RawPeer::~RawPeer() {
   close(descriptor_);
 }
 
-std::string RawPeer::Handshake() {
+void RawPeer::ShakeHands() const {
   std::string greeting(64, '\0');
   greeting.replace(0, 10, std::string("\xff\0\0\0\0\0\0\0\0\x7f", 10));
   greeting[10] = 3;
   greeting.replace(12, 4, "NULL");
   const std::string ready = std::string("\x05READY\x0bSocket-Type\0\0\0\x06", 22) + "DEALER";
-  return greeting + '\x04' + static_cast<char>(ready.size()) + ready;
+  Write(greeting + '\x04' + static_cast<char>(ready.size()) + ready);
+  // The other greeting, the flags of the other READY and its length, then that many bytes.
+  std::array<char, 66> head{};
+  std::array<char, 256> body{};
+  recv(descriptor_, head.data(), head.size(), MSG_WAITALL);
+  recv(descriptor_, body.data(), static_cast<unsigned char>(head.back()), MSG_WAITALL);
 }
 
 void RawPeer::Write(std::string_view bytes) const {

@@ -5,6 +5,7 @@
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/spdlog.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -110,13 +111,14 @@ class Peer {
 // most.
 class RawPeer {
  public:
-  explicit RawPeer(std::uint16_t port);
+  explicit RawPeer(std::uint16_t port, std::chrono::milliseconds patience = std::chrono::milliseconds(20));
   ~RawPeer();
   RawPeer(const RawPeer&) = delete;
   RawPeer& operator=(const RawPeer&) = delete;
 
-  // The greeting and the READY command of a DEALER without security (ZMTP 3.0, ZeroMQ RFC 23).
-  static std::string Handshake();
+  // Shakes hands as a DEALER without security (ZMTP 3.0, ZeroMQ RFC 23). Frames may be written afterwards:
+  // the other end hangs up on a peer that sends them before it has got the other READY.
+  void ShakeHands() const;
 
   void Write(std::string_view bytes) const;
 

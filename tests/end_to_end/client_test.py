@@ -22,8 +22,9 @@ class Example(ServerTest):
             self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
             return result.stdout
 
-        run("cmake", "--install", BUILD, "--prefix", prefix, "--component", "client")
-        run("cmake", "-S", EXAMPLE, "-B", build, "-DCMAKE_PREFIX_PATH=" + prefix)
+        for component in ("client", "client-dev"):
+            run("cmake", "--install", BUILD, "--prefix", prefix, "--component", component)
+        run("cmake", "-G", "Ninja", "-S", EXAMPLE, "-B", build, "-DCMAKE_PREFIX_PATH=" + prefix)
         run("cmake", "--build", build)
         library = os.path.join(prefix, "lib")
         flags = run("pkg-config", "--cflags", "--libs", "ugs-client", PKG_CONFIG_PATH=library + "/pkgconfig").split()

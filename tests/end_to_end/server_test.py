@@ -238,15 +238,6 @@ class Logs(ServerTest):
 
 
 class Reports(ServerTest):
-    def test_every_layout_and_aes_key_size_is_counted(self):
-        server = self.start().started()
-        peer = self.peer().meet()
-        for layout, key_size in (("", 16), ("v4", 24), ("v5", 32), ("v6", 32)):
-            self.assertEqual(peer.ask(seal(document(layout or "legacy", layout=layout, MaxCameras=2), key_size)), b"0")
-        wait_until(lambda: server.figures().get("MaxCameras") == 8 and len(server.figures()) == 19, "the sum")
-        server.type(b"q")
-        self.assert_ends_well(server)
-
     def test_hostile_envelopes_are_refused_and_the_next_report_counted(self):
         server = self.start().started()
         peer = self.peer().meet()

@@ -92,10 +92,10 @@ class Peer:
         self.socket.send(payload)
         return self.socket.recv()
 
-    def meet(self):
+    def meet(self, greeting=None):
         """Greets until the server answers: requests sent while it starts or rebuilds may be lost."""
         def greeted():
-            self.socket.send(seal(b"{hello}"))
+            self.socket.send(greeting or seal(b"{hello}"))
             return self.socket.poll(500) and self.socket.recv() == b"1"
         wait_until(greeted, "an answer to the greeting")
         while self.socket.poll(700):  # answers to greetings that were only late
@@ -120,7 +120,7 @@ class Server:
         if clock:
             self.shift_clock(0)
             environment.update(LD_PRELOAD=os.environ["UGS_CLOCK_LIBRARY"], UGS_CLOCK_SHIFT=self.shift_file)
-        self.output = b""
+        self.output, self.printed = b"", 0  # what is kept, and how many bytes there were in all
         self.master, terminal = pty.openpty()
         self.modes_before = termios.tcgetattr(terminal)
         stdin_file = {"pipe": subprocess.PIPE, "terminal": terminal, "closed": None}.get(stdin, stdin)
@@ -135,6 +135,7 @@ class Server:
 
     @staticmethod
     def _prepare(stdin, terminal):
+        signal.signal(signal.SIGHUP, signal.SIG_DFL)  # the tests themselves may run under nohup
         if stdin == "terminal":
             import fcntl
             fcntl.ioctl(terminal, termios.TIOCSCTTY, 0)
@@ -145,6 +146,7 @@ class Server:
         try:
             while chunk := os.read(self.master, 65536):
                 self.output = (self.output + chunk)[-self.keep:]
+                self.printed += len(chunk)
         except OSError:
             pass
 
@@ -163,8 +165,10 @@ class Server:
             file.write(str(seconds))
         os.rename(self.shift_file + ".new", self.shift_file)
 
-    def console(self):
-        return self.output.replace(b"\r\n", b"\n").decode(errors="replace")
+    def console(self, mark=0):
+        """What was printed since `printed` was `mark`, as far as it is kept."""
+        news = self.output[max(0, len(self.output) - (self.printed - mark)):]
+        return news.replace(b"\r\n", b"\n").decode(errors="replace")
 
     def wait_for(self, text, times=1):
         return wait_until(lambda: self.console().count(text) >= times,
