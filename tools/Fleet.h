@@ -7,7 +7,7 @@
 // rate whether or not earlier ones were answered, and its latency counts from when it was due.
 struct FleetOptions {
   std::string server = "127.0.0.1";
-  std::string key = "keys/public.pem";
+  std::string key;
   std::uint32_t instances = 20;
   double rate = 0;    // reports per second of the whole fleet; or
   double period = 0;  // seconds between two reports of one instance

@@ -60,10 +60,18 @@ constexpr const char* kWhyRefused = R"(A refusal has one of these causes. The se
   nothing                                 the envelope did not open to a text
 )";
 
+// The key of the checkout that we stand in, or else of the package that we came with.
+std::string DefaultKey() {
+  constexpr const char* kOfCheckout = "keys/public.pem";
+  constexpr const char* kOfPackage = "/usr/share/korvaneugs/public.pem";
+  return !std::filesystem::exists(kOfCheckout) && std::filesystem::exists(kOfPackage) ? kOfPackage
+                                                                                      : kOfCheckout;
+}
+
 // What every subcommand that talks to the server takes.
 struct Target {
   std::string server = "127.0.0.1";
-  std::string key = "keys/public.pem";
+  std::string key = DefaultKey();
   double timeout = 5;
   bool verbose = false;
 
@@ -145,7 +153,7 @@ Command AddKeygen(CLI::App& app) {
 
 Command AddFingerprint(CLI::App& app) {
   auto* command = app.add_subcommand("fingerprint", "print the SHA-256 of a public key");
-  const auto key = std::make_shared<std::string>("keys/public.pem");
+  const auto key = std::make_shared<std::string>(DefaultKey());
   command->add_option("--key", *key, "the public key, a PEM file")->capture_default_str();
   return [key] {
     std::cout << ugs::Sealer(*key).Fingerprint() << "\n";
@@ -223,6 +231,7 @@ Command AddFleet(CLI::App& app) {
   auto* command =
       app.add_subcommand("fleet", "simulate a fleet: load, latencies, and a check of the server's sums");
   const auto options = std::make_shared<FleetOptions>();
+  options->key = DefaultKey();
   command->add_option("--server", options->server, "HOST[:PORT] of the server")->capture_default_str();
   command->add_option("--key", options->key, "the server's public key, a PEM file")->capture_default_str();
   command->add_option("--instances", options->instances, "how many instances report")

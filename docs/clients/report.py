@@ -1,0 +1,67 @@
+#!/usr/bin/env python3
+"""Reports to a KorvaneUGS server: report.py tcp://HOST:9304 PUBLIC-KEY.pem IDENTITY PERIOD [TIMES]
+
+Needs python3-zmq and python3-cryptography.
+"""
+
+import base64
+import json
+import os
+import random
+import sys
+import time
+
+import zmq
+from cryptography.hazmat.primitives.asymmetric import padding
+from cryptography.hazmat.primitives.ciphers import Cipher, algorithms, modes
+from cryptography.hazmat.primitives.serialization import load_pem_public_key
+
+ANSWER_WITHIN = 30  # seconds
+
+
+def usage(identity):
+    """What this instance is using; all 21 counts, those that it does not use as 0."""
+    counts = dict.fromkeys("MaxCameras ABD AN CR ClassTier1 ClassTier2 ClassTier3 Perimeter Dwell Collision NeuralPack "
+                           "PX Plates Generative ClassTier0 RemoteTier1 RemoteTier2 RemoteTier3 RemoteTier4 "
+                           "FaceTier1 FaceTier2".split(), 0)
+    return {"v6": {"KorvaneID": identity, "DockerID": os.uname().nodename,
+                   "CamRtspUrls": [f"rtsp://10.0.0.9/{camera}" for camera in range(4)],
+                   "InUse": counts | {"MaxCameras": 4, "Plates": 2}}}
+
+
+def seal(document, public_key):
+    plaintext, key, iv = json.dumps(document).encode(), os.urandom(32), os.urandom(16)
+    pad = 16 - len(plaintext) % 16
+    aes = Cipher(algorithms.AES(key), modes.CBC(iv)).encryptor()
+    parts = public_key.encrypt(key, padding.PKCS1v15()), iv, aes.update(plaintext + bytes([pad]) * pad) + aes.finalize()
+    return base64.b64encode(json.dumps({f"data{number}": base64.b64encode(part).decode()
+                                        for number, part in enumerate(parts, 1)}).encode())
+
+
+def connect(server):
+    socket = zmq.Context.instance().socket(zmq.DEALER)
+    socket.linger = 0
+    socket.connect(server)
+    return socket
+
+
+def main(server, key_file, identity, period, times="0"):
+    with open(key_file, "rb") as file:
+        public_key = load_pem_public_key(file.read())
+    time.sleep(random.random() * float(period))  # a fleet that was started together must not report together
+    socket, sent, pause = connect(server), 0, float(period)
+    while sent < int(times) or times == "0":
+        socket.send(seal(usage(identity), public_key))
+        sent += 1
+        if socket.poll(ANSWER_WITHIN * 1000):
+            print(socket.recv().decode(), flush=True)
+            pause = float(period)
+        else:  # lost to a rebuild, or the server is slow: another connection, and longer pauses for a slow one's sake
+            print("no answer", file=sys.stderr)
+            socket.close()
+            socket, pause = connect(server), min(pause * 2, 100.0)
+        time.sleep(pause)
+
+
+if __name__ == "__main__":
+    main(*sys.argv[1:])
