@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
@@ -16,8 +17,9 @@ namespace {
 constexpr std::array kFatalSignals{SIGQUIT, SIGILL,  SIGABRT, SIGBUS,  SIGFPE,  SIGSEGV,   SIGSYS,
                                    SIGTRAP, SIGALRM, SIGUSR1, SIGUSR2, SIGXCPU, SIGVTALRM, SIGPROF};
 
-// The handler of a fatal signal needs these, so they are not members.
-volatile std::sig_atomic_t terminalTaken = 0;
+// The handler of a fatal signal needs these, so they are not members. A thread that faults runs it itself.
+std::atomic<bool> terminalTaken = false;
+static_assert(std::atomic<bool>::is_always_lock_free, "a handler must not wait");
 termios foundModes;  // valid while terminalTaken
 
 // Without a foreground group standard input is not our controlling terminal, and its job control not ours.
@@ -27,9 +29,9 @@ bool InForeground() {
 }
 
 void GiveTerminalBack() {
-  if (terminalTaken == 0) return;
+  if (!terminalTaken) return;
   if (InForeground()) tcsetattr(STDIN_FILENO, TCSANOW, &foundModes);
-  terminalTaken = 0;
+  terminalTaken = false;
 }
 
 extern "C" void GiveTerminalBackAndDie(int signal) {
@@ -59,7 +61,7 @@ bool TakeTerminal() {
   if (!InForeground() || tcgetattr(STDIN_FILENO, &modes) != 0) return false;
   if (HasKeyModes(modes)) return true;
   foundModes = modes;
-  terminalTaken = 1;
+  terminalTaken = true;
   const termios keyModes = KeyModes(modes);
   return tcsetattr(STDIN_FILENO, TCSANOW, &keyModes) == 0;
 }

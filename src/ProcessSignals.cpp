@@ -34,3 +34,14 @@ void ProcessSignals::StopProcess() {
   pthread_sigmask(SIG_UNBLOCK, &stop, nullptr);  // stops here
   pthread_sigmask(SIG_BLOCK, &stop, nullptr);
 }
+
+SignalsLeftToMainThread::SignalsLeftToMainThread() {
+  sigset_t all;
+  sigfillset(&all);
+  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}) sigdelset(&all, fault);
+  pthread_sigmask(SIG_BLOCK, &all, &before_);
+}
+
+SignalsLeftToMainThread::~SignalsLeftToMainThread() {
+  pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+}

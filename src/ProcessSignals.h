@@ -24,3 +24,17 @@ class ProcessSignals {
  private:
   sigset_t handled_;
 };
+
+// Threads that are started while one of these lives leave every signal sent to the process to the main
+// thread: a fatal signal's handler gives the terminal back, whose modes the main thread alone changes. Faults
+// of their own they keep, as a blocked one would end the process without its handler.
+class SignalsLeftToMainThread {
+ public:
+  SignalsLeftToMainThread();
+  ~SignalsLeftToMainThread();
+  SignalsLeftToMainThread(const SignalsLeftToMainThread&) = delete;
+  SignalsLeftToMainThread& operator=(const SignalsLeftToMainThread&) = delete;
+
+ private:
+  sigset_t before_{};
+};

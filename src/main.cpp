@@ -58,6 +58,16 @@ void ReturnLargeBlocksWhenFreed() {
   mallopt(M_MMAP_THRESHOLD, 128 * 1024);
 }
 
+void FlushLogPeriodically() {
+  const SignalsLeftToMainThread guard;
+  spdlog::flush_every(kLogFlushPeriod);
+}
+
+void Start(KorvaneControllerServer& server) {
+  const SignalsLeftToMainThread guard;
+  server.Start();
+}
+
 bool IsQuitKey(std::optional<char> key) {
   return key == ConsoleKeyboard::kEscape || key == 'Q' || key == 'q';
 }
@@ -83,12 +93,12 @@ int main(int argc, char** argv) {
   const std::string logDirectory = "logs";
   const std::string logName = "KorvaneUGS.log";
   SetUpLogging(logName, argc, argv, logDirectory);
-  spdlog::flush_every(kLogFlushPeriod);
+  FlushLogPeriodically();
   log.Warn("UGS version {}", UGSDefs::kVersion);
   RaiseOpenFileLimit(log);
 
   auto server = std::make_unique<KorvaneControllerServer>(kEncrypted, UGSDefs::kPort);
-  server->Start();
+  Start(*server);
   PrintToConsole("\n");
   PrintToConsole("Press a key to exit...\n");
   ConsoleKeyboard keyboard;
@@ -104,7 +114,7 @@ int main(int argc, char** argv) {
       auto fresh = std::make_unique<KorvaneControllerServer>(kEncrypted, UGSDefs::kPort);
       server.reset();  // the port must be free before the new server binds it
       server = std::move(fresh);
-      server->Start();
+      Start(*server);
       lastBuild = SystemTicks();
     }
     quit = quit || WaitForQuitSignal(signals, keyboard);

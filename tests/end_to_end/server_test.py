@@ -170,8 +170,9 @@ class Signals(ServerTest):
             with self.subTest(number=number):
                 server = self.start(stdin="terminal").started()
                 wait_until(lambda: server.modes() != server.modes_before, "the terminal's key mode")
+                self.assertEqual(server.threads_open_to(number), [server.process.pid])
                 server.process.send_signal(number)
-                self.assertEqual(server.wait_for_end()[0], -number)
+                self.assertEqual(server.wait_for_end(), (-number, ""))
                 self.assertEqual(server.modes(), server.modes_before)
 
     def test_nohup_keeps_it_from_hanging_up(self):

@@ -204,12 +204,22 @@ class Server:
         errors = self.errors.read().decode(errors="replace")
         return code, errors
 
+    def threads_open_to(self, number):
+        """The threads that the kernel may choose for a signal to the process, from proc(5)."""
+        def blocked(thread):
+            with open(f"/proc/{self.process.pid}/task/{thread}/status", encoding="utf-8") as file:
+                return int(re.search(r"SigBlk:\s*(\w+)", file.read())[1], 16)
+        threads = map(int, os.listdir(f"/proc/{self.process.pid}/task"))
+        return [thread for thread in threads if not blocked(thread) >> (number - 1) & 1]
+
     def is_stopped(self, pid=None):
         with open(f"/proc/{pid or self.process.pid}/stat", encoding="ascii") as file:
             return file.read().rsplit(")", 1)[1].split()[0] == "T"
 
 
 class ServerTest(unittest.TestCase):
+    maxDiff = None  # a sanitizer's report is long
+
     def setUp(self):
         import socket
         with socket.socket() as probe:
