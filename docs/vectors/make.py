@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Makes vectors.json, or the file that is named: sealed requests, and what a server with test-key.pem must answer and log.
+"""Makes vectors.json, or the file that is named: sealed requests, and what a server with test-key.pem must answer, and
+print on its console when it refuses.
 
 Shares no code with the server or its library. Gives the same file every time: key, IV and padding bytes come from
 a generator with a fixed seed, which nobody who reports may imitate. Needs python3-cryptography.
@@ -65,9 +66,29 @@ def text(data):
 VECTORS = []
 
 
-def add(name, reply, logged=(), payload=None, plaintext="", key_size=32, padding=None, change=lambda parts: parts, finish=lambda p: p):
+def error(line):
+    return f"[error] {line}\n"
+
+
+def unread(member):
+    return error(f"error {member}:: could not read data content\n")
+
+
+def no_content(code):
+    return error(f"Error {code}: Missing content\n")
+
+
+NO_ENVELOPE = error("Received Invalid Content 0x316\n")
+NO_KEY = "Envelope Error 0x00AE09: Failed to decrypt the file info\n" + error("Error 0x00AE06: Decryption fail\n")
+NO_DOCUMENT = error("Error 0x476:: invalid data\n")
+NO_INSTANCE = 2 * error("Error 0x442:: something wrong\n")
+
+
+def add(name, reply, console="", payload=None, plaintext="", key_size=32, padding=None, change=lambda parts: parts, finish=lambda p: p):
     """Seals `plaintext`, or takes `payload` as it is. `change` sees the envelope's members, `finish` the payload."""
-    entry = {"name": name, "reply": reply, "logged": list(logged)}
+    entry = {"name": name, "reply": reply}
+    if reply != "0":
+        entry["console"] = console
     if payload is None:
         key, iv = generator.randbytes(key_size), generator.randbytes(16)
         ciphertext = encrypt(plaintext.encode(), key, iv, padding)
@@ -75,6 +96,11 @@ def add(name, reply, logged=(), payload=None, plaintext="", key_size=32, padding
         payload = finish(text(json.dumps(parts, separators=(",", ":")).encode()))
         entry |= {"plaintext": plaintext, "key": key.hex(), "iv": iv.hex()}
     VECTORS.append(entry | {"payload": payload})
+
+
+def outer(change):
+    """A `finish` that changes the envelope's JSON."""
+    return lambda payload: text(change(base64.b64decode(payload)))
 
 
 def good():
@@ -85,42 +111,50 @@ def good():
     add("a layout takes counts that it does not know", "0", plaintext=report("unknown", "v4", Unknown=1))
     add("v6 goes before v4", "0", plaintext='{"v4":7,' + report("both")[1:])
     add("padded with zeros", "0", plaintext=report("zeros"), padding=b"\0")
-    add("bytes behind the envelope", "0", plaintext=report("behind"),
-        finish=lambda payload: text(base64.b64decode(payload) + b"\n\0rest"))
+    add("bytes behind the envelope", "0", plaintext=report("behind"), finish=outer(lambda envelope: envelope + b"\n\0rest"))
+    add("lines behind the payload", "0", plaintext=report("lines"), finish=lambda payload: payload + "\nZm9v")
+    add("a member too many", "0", plaintext=report("many"), finish=outer(lambda envelope: b'{"other":{},' + envelope[1:]))
     add("counts of other types count as 0", "0", plaintext=report("types", MaxCameras="7", ABD=1.5, PX=None) .replace(
         '"Plates"', '"PX":null,"Plates"'))
 
 
 def bad_envelopes():
-    add("no base64", "2", ["0x316"], payload="!")
-    add("the URL alphabet", "2", ["0x316"], payload="-_-_")
-    add("a line break", "2", ["0x316"], plaintext=report("broken"), finish=lambda payload: payload[:76] + "\n" + payload[76:])
-    add("no envelope in it", "2", ["0x316"], payload=text(b"plain text"))
-    add("an envelope that is no object", "2", payload=text(b"[1,2,3]}"))
-    for number, code in enumerate(["0x00AE03", "0x00AE04", "0x00AE05"], 1):
+    add("no base64", "2", NO_ENVELOPE, payload="!")
+    add("no base64 but JSON", "2", NO_ENVELOPE, payload="{}")
+    add("the URL alphabet", "2", NO_ENVELOPE, payload="-_-_")
+    add("a line break", "2", NO_ENVELOPE, plaintext=report("broken"), finish=lambda payload: payload[:76] + "\n" + payload[76:])
+    add("no envelope in it", "2", NO_ENVELOPE, payload=text(b"plain text"))
+    for envelope in (b"[1,2,3]}", b"}", b"7}", b"{}}", b"[{}", b'{"data1":}'):
+        add(f"an envelope that is {envelope.decode()}", "2", payload=text(envelope))
+    for number, (code, mistyped) in enumerate((("0x00AE03", 7), ("0x00AE04", None), ("0x00AE05", [])), 1):
         without = {key: "" for key in ("data1", "data2", "data3") if key != f"data{number}"}
-        add(f"no data{number}", "2", [code], payload=text(json.dumps(without).encode()))
-        add(f"data{number} is a number", "2", [code], payload=text(json.dumps({"data1": "", "data2": "", "data3": "", f"data{number}": 7}).encode()))
-    add("sealed for another server", "2", ["0x00AE06"], plaintext=report("other"),
+        add(f"no data{number}", "2", no_content(code), payload=text(json.dumps(without).encode()))
+        add(f"data{number} is {mistyped}", "2", no_content(code), payload=text(json.dumps(without | {f"data{number}": mistyped}).encode()))
+    add("sealed for another server", "2", NO_KEY, plaintext=report("other"),
         change=lambda parts: parts | {"data1": text(wrap(b"k" * 32, PUBLIC.n - 2))})
+    add("a wrapped key that is too long", "2", NO_KEY, plaintext=report("long"), change=lambda parts: parts | {"data1": text(bytes(300))})
     add("an AES key of 20 bytes", "2", plaintext=report("key"), change=lambda parts: parts | {"data1": text(wrap(b"k" * 20))})
     add("another AES key", "2", plaintext="x" * 16, change=lambda parts: parts | {"data1": text(wrap(bytes(32)))})
-    add("another IV", "2", ["0x476"], plaintext=report("iv"), change=lambda parts: parts | {"data2": text(bytes(16))})
+    add("another IV", "2", NO_DOCUMENT, plaintext=report("iv"), change=lambda parts: parts | {"data2": text(bytes(16))})
 
 
 def bad_documents():
-    add("no JSON", "2", ["0x476"], plaintext="{broken}")
-    add("a version member that is no object", "2", ["0x476"], plaintext='{"v5":7}')
-    for name, code in (("KorvaneID", "0xE099"), ("DockerID", "0xE126"), ("CamRtspUrls", "0xE146")):
-        add(f"no {name}", "2", [code], plaintext=report("missing", **{name: None}))
-    add("CamRtspUrls is no array", "2", ["0xE140"], plaintext=report("missing", CamRtspUrls="rtsp://10.0.0.9/1"))
-    add("no InUse (named on the console only)", "2", plaintext=report("missing", InUse=None))
-    add("InUse is no object", "2", ["0xE210"], plaintext=report("missing", InUse=7))
+    for plaintext in ("{broken}", "[{}", '{"a":1e999}', "{hello} }", "[]}", '{"v5":7}', '{"v4":[]}', '{"v6":null}'):
+        add(f"no document but {plaintext}", "2", NO_DOCUMENT, plaintext=plaintext)
+    add("no brace in it", "2", plaintext="no brace")
+    add("v5 goes before v4 whatever it is", "2", NO_DOCUMENT, plaintext='{"v5":1,' + report("both", "v4")[1:])
+    add("a version in another case", "2", error("error 0xE099:: could not read data content"), plaintext=report("case").replace("v6", "V6", 1))
+    for name, console in (("KorvaneID", error("error 0xE099:: could not read data content")), ("DockerID", unread("0xE126")),
+                          ("CamRtspUrls", unread("0xE146")), ("InUse", "error 0xE216:: could not read data content\n")):
+        add(f"no {name}", "2", console, plaintext=report("missing", **{name: None}))
+    add("CamRtspUrls is no array", "2", unread("0xE140"), plaintext=report("missing", CamRtspUrls="rtsp://10.0.0.9/1"))
+    add("InUse is no object", "2", unread("0xE210"), plaintext=report("missing", InUse=[]))
+    add("InUse is empty", "2", unread("0xE209"), plaintext=report("missing", InUse={}))
     for layout in ["", *ADDED]:
         for name in ADDED.get(layout, BASE):
-            add(f"{layout or 'legacy'} without {name}", "2", [MISSING[name]], plaintext=report("missing", layout, **{name: None}))
-    add("no camera", "2", ["0x442", "0x442"], plaintext=report("blind", cameras=()))
-    add("no identity", "2", ["0x442", "0x442"], plaintext=report(""))
+            add(f"{layout or 'legacy'} without {name}", "2", unread(MISSING[name]), plaintext=report("missing", layout, **{name: None}))
+    add("no camera", "2", NO_INSTANCE, plaintext=report("blind", cameras=()))
+    add("no identity", "2", NO_INSTANCE, plaintext=report(""))
 
 
 if __name__ == "__main__":

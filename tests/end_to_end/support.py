@@ -23,6 +23,7 @@ KEYS = os.environ["UGS_KEY_DIR"]
 SERVER = os.path.join(BUILD, "KorvaneUGS")
 UGS = os.path.join(BUILD, "ugs")
 PORT = 9304
+END_OF_STATUS = "[info] " + 52 * "-" + "\n"
 PATIENCE = 30  # seconds; no test depends on how much of it is needed
 
 COUNTS = ["MaxCameras", "ABD", "AN", "CR", "ClassTier1", "ClassTier2", "ClassTier3", "Perimeter", "Dwell", "Collision",
@@ -176,7 +177,7 @@ class Server:
 
     def started(self):
         """Waits for the first status report: from then on keys and signals are heard."""
-        self.wait_for("[info] " + 52 * "-" + "\n")
+        self.wait_for(END_OF_STATUS)
         return self
 
     def type(self, keys):
