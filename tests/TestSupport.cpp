@@ -93,7 +93,6 @@ std::string DocumentText::Write() const {
   const auto members = [this](const std::vector<std::pair<std::string, std::string>>& defaults) {
     std::string text;
     for (const auto& [key, value] : defaults) {
-      if (key == without) continue;
       const auto replaced = raw.find(key);
       text +=
           (text.empty() ? "\"" : ",\"") + key + "\":" + (replaced == raw.end() ? value : replaced->second);

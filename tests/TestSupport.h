@@ -73,12 +73,10 @@ class StandingClock {
 // True as soon as `condition` is; false if it is not within 20 s.
 bool Await(const std::function<bool()>& condition);
 
-// A document of `layout` as text, all counts 0. A member of the request or of "InUse" named in `without` is
-// left out; `raw` replaces a member's JSON text.
+// A document of `layout` as text, all counts 0. `raw` replaces a member's JSON text.
 struct DocumentText {
   std::string layout = "v6";
   std::map<std::string, std::string> raw = {};
-  std::string without = {};
 
   [[nodiscard]] std::string Write() const;
 };
