@@ -170,7 +170,7 @@ class Signals(ServerTest):
             with self.subTest(number=number):
                 server = self.start(stdin="terminal").started()
                 wait_until(lambda: server.modes() != server.modes_before, "the terminal's key mode")
-                self.assertEqual(server.threads_open_to(number), [server.process.pid])
+                wait_until(lambda: server.threads_open_to(number) == [server.process.pid], "the main thread alone to take it")
                 server.process.send_signal(number)
                 self.assertEqual(server.wait_for_end(), (-number, ""))
                 self.assertEqual(server.modes(), server.modes_before)
