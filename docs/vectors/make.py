@@ -135,6 +135,10 @@ def bad_envelopes():
     add("a wrapped key that is too long", "2", NO_KEY, plaintext=report("long"), change=lambda parts: parts | {"data1": text(bytes(300))})
     add("an AES key of 20 bytes", "2", plaintext=report("key"), change=lambda parts: parts | {"data1": text(wrap(b"k" * 20))})
     add("another AES key", "2", plaintext="x" * 16, change=lambda parts: parts | {"data1": text(wrap(bytes(32)))})
+    add("an IV of 3 bytes", "2", NO_DOCUMENT, plaintext=report("iv"), change=lambda parts: parts | {"data2": text(b"iv3")})
+    add("half a block more", "0", plaintext=report("half"), padding=b"\0",
+        change=lambda parts: parts | {"data3": text(base64.b64decode(parts["data3"]) + bytes(8))})
+    add("nothing in it", "2", NO_KEY, payload=text(b'{"data1":"","data2":"","data3":""}'))
     add("another IV", "2", NO_DOCUMENT, plaintext=report("iv"), change=lambda parts: parts | {"data2": text(bytes(16))})
 
 
@@ -144,6 +148,8 @@ def bad_documents():
     add("no brace in it", "2", plaintext="no brace")
     add("v5 goes before v4 whatever it is", "2", NO_DOCUMENT, plaintext='{"v5":1,' + report("both", "v4")[1:])
     add("a version in another case", "2", error("error 0xE099:: could not read data content"), plaintext=report("case").replace("v6", "V6", 1))
+    add("a number with a giant exponent", "2", error("error 0xE099:: could not read data content"),
+        plaintext='{"a":0.00000000000000001e-2147483639}')
     for name, console in (("KorvaneID", error("error 0xE099:: could not read data content")), ("DockerID", unread("0xE126")),
                           ("CamRtspUrls", unread("0xE146")), ("InUse", "error 0xE216:: could not read data content\n")):
         add(f"no {name}", "2", console, plaintext=report("missing", **{name: None}))

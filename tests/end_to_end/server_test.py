@@ -1,7 +1,7 @@
 """The server as its operator and its instances meet it."""
 
+import base64
 import os
-import re
 import resource
 import signal
 import socket
@@ -11,10 +11,7 @@ import threading
 import time
 import unittest
 
-import zmq
-
-from support import (PATIENCE, PORT, SERVER, Peer, ServerTest, document, envelope, seal, session_members,
-                     wait_until, wrap)
+from support import PORT, SERVER, Peer, ServerTest, document, seal, session_members, wait_until
 
 REBUILDS = int(os.environ.get("UGS_REBUILDS", "2"))
 LFLAG, IFLAG = 3, 0
@@ -239,24 +236,13 @@ class Logs(ServerTest):
 
 
 class Reports(ServerTest):
-    def test_hostile_envelopes_are_refused_and_the_next_report_counted(self):
+    def test_huge_and_foreign_requests_are_refused_and_the_next_report_counted(self):
         server = self.start().started()
         peer = self.peer().meet()
-        hostile = [seal(b'{"a":0.00000000000000001e-2147483639}'), seal(b"[" * 2_000_000 + b"}"),
-                   envelope(wrap(b"5byte"), bytes(16), bytes(32)), envelope(wrap(bytes(32)), b"iv3", bytes(32)),
-                   envelope(wrap(bytes(32)), bytes(16), bytes(17)), envelope(b"", b"", b""),
-                   envelope(bytes(256), bytes(16), bytes(16)), b"\xff" * 1000]
-        for payload in hostile:
+        nested = b"[" * 2_000_000 + b"}"
+        for payload in (seal(nested), base64.b64encode(nested), b"\xff" * 1000):
             self.assertEqual(peer.ask(payload), b"2", payload[:60])
         self.assertEqual(peer.ask(seal(document())), b"0")
-        server.type(b"q")
-        self.assert_ends_well(server)
-
-    def test_after_a_request_from_a_req_socket_it_still_stops(self):
-        server = self.start().started()
-        self.peer().meet()
-        self.peer(kind=zmq.REQ).socket.send(seal(document()))
-        server.wait_for("0x0084 Invalid incoming data")
         server.type(b"q")
         self.assert_ends_well(server)
 
