@@ -3,9 +3,9 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <optional>
-#include <string>
 #include <vector>
 
 #include "UsageCounts.h"
@@ -18,10 +18,10 @@ class ServerLog {
 
   struct Findings {
     std::optional<UsageCounts> lastStatus;  // of the last complete status block
-    std::vector<std::string> lastBlock;     // its lines, without time and level
-    std::size_t deletions = 0;              // instances that were forgotten
+    std::size_t deletions = 0;              // instances that were forgotten before it
   };
-  [[nodiscard]] Findings Read() const;
+  // Leaves out what the server wrote after the second `until`, in seconds since the epoch.
+  [[nodiscard]] Findings Read(std::int64_t until) const;
 
  private:
   [[nodiscard]] std::vector<std::filesystem::path> FilesOldestFirst() const;

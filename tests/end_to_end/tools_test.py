@@ -13,7 +13,7 @@ import unittest
 from cryptography.hazmat.primitives import serialization
 from cryptography.hazmat.primitives.asymmetric import ec, rsa
 
-from support import KEYS, UGS, ServerTest, document, seal
+from support import END_OF_STATUS, KEYS, UGS, ServerTest, document, seal
 
 PEM, DER = serialization.Encoding.PEM, serialization.Encoding.DER
 SPKI = serialization.PublicFormat.SubjectPublicKeyInfo
@@ -183,6 +183,20 @@ class Fleet(ServerTest):
                          (120, {"0": 120}, 0, 0))
         rows = read(csv).decode().splitlines()
         self.assertEqual((len(rows), rows[0]), (121, "report,instance,due_s,latency_ms,code"))
+        server.type(b"q")
+        self.assert_ends_well(server)
+
+    def test_instances_that_expire_after_the_run_are_none_of_its_matter(self):
+        server = self.start(clock=True).started()
+        log = os.path.join(server.directory, "logs/KorvaneUGS.log.txt")
+        with subprocess.Popen([UGS, "fleet", *Report.KEY, "--instances", "2", "--period", "1", "--duration", "1", "--log", log],
+                              stdout=subprocess.PIPE, text=True) as fleet:
+            server.wait_for("DETECT NEW REQUEST", times=2)
+            server.wait_for(END_OF_STATUS, times=3)
+            server.shift_clock(200)  # before the log is flushed, so that the fleet finds it with the deletions
+            server.wait_for("Deleting korvane", times=2)
+            self.assertIn("sums agree; 0 deletion lines", fleet.communicate()[0])
+        self.assertEqual(fleet.returncode, 0)
         server.type(b"q")
         self.assert_ends_well(server)
 
