@@ -20,6 +20,14 @@ UGS = [os.path.join(BUILD, "ugs")]
 KEY = ["--key", os.environ.get("UGS_PUBLIC_KEY", "keys/public.pem")]
 
 
+def await_answer():
+    ping = [*UGS, "ping", *KEY, "--timeout", "5"]
+    for _ in range(12):  # a greeting that comes just when the port opens may be lost
+        if subprocess.run(ping, check=False, capture_output=True).returncode == 0:
+            return
+    sys.exit("the server does not answer")
+
+
 @contextlib.contextmanager
 def running(program, *arguments):
     """Yields the process id and log file of a server that answers."""
@@ -27,7 +35,7 @@ def running(program, *arguments):
         process = subprocess.Popen([os.path.join(BUILD, program), *arguments], cwd=directory, stdin=subprocess.DEVNULL,
                                    stdout=subprocess.DEVNULL)
         try:
-            subprocess.run([*UGS, "ping", *KEY, "--timeout", "60"], check=True, stdout=subprocess.DEVNULL)
+            await_answer()
             yield process.pid, os.path.join(directory, "logs/KorvaneUGS.log.txt")
         finally:
             process.terminate()
