@@ -13,6 +13,7 @@
 int main(int argc, char** argv) {
   std::vector<std::filesystem::path> files;
   if (argc == 2) std::ranges::copy(std::filesystem::directory_iterator(argv[1]), std::back_inserter(files));
+  std::ranges::sort(files);  // the same order on every file system
   for (const auto& path : files) {
     std::cout << path.filename().string() << std::endl;  // the last one named is the one that failed
     std::ifstream file(path, std::ios::binary);

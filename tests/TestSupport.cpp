@@ -180,27 +180,32 @@ std::optional<std::string> Peer::Receive(int milliseconds) {
   return frame.to_string();
 }
 
-RawPeer::RawPeer(std::uint16_t port, std::chrono::milliseconds patience)
-    : descriptor_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+RawPeer::RawPeer(std::uint16_t port, std::chrono::milliseconds farewell)
+    : descriptor_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), farewell_(farewell) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   address.sin_port = htons(port);
-  const timeval timeout{patience.count() / 1000, patience.count() % 1000 * 1000};
-  setsockopt(descriptor_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
   if (connect(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
     throw std::runtime_error("cannot connect");
   }
 }
 
 RawPeer::~RawPeer() {
+  SetReceiveTimeout(farewell_);
   shutdown(descriptor_, SHUT_WR);
   std::array<char, 4096> ignored;
   while (recv(descriptor_, ignored.data(), ignored.size(), 0) > 0) continue;
   close(descriptor_);
 }
 
+void RawPeer::SetReceiveTimeout(std::chrono::milliseconds timeout) const {
+  const timeval value{timeout.count() / 1000, timeout.count() % 1000 * 1000};
+  setsockopt(descriptor_, SOL_SOCKET, SO_RCVTIMEO, &value, sizeof value);
+}
+
 void RawPeer::ShakeHands() const {
+  SetReceiveTimeout(std::chrono::seconds(20));
   std::string greeting(64, '\0');
   greeting.replace(0, 10, std::string("\xff\0\0\0\0\0\0\0\0\x7f", 10));
   greeting[10] = 3;

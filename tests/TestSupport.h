@@ -109,7 +109,8 @@ class Peer {
 // most.
 class RawPeer {
  public:
-  explicit RawPeer(std::uint16_t port, std::chrono::milliseconds patience = std::chrono::milliseconds(20));
+  // Waits at its end for `farewell`, so that the other end reads all before it hears of the hanging up.
+  explicit RawPeer(std::uint16_t port, std::chrono::milliseconds farewell = std::chrono::milliseconds(20));
   ~RawPeer();
   RawPeer(const RawPeer&) = delete;
   RawPeer& operator=(const RawPeer&) = delete;
@@ -121,5 +122,8 @@ class RawPeer {
   void Write(std::string_view bytes) const;
 
  private:
+  void SetReceiveTimeout(std::chrono::milliseconds timeout) const;
+
   int descriptor_;
+  std::chrono::milliseconds farewell_;
 };
