@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <ctime>
 #include <deque>
 #include <fstream>
 #include <map>
@@ -207,7 +206,6 @@ class Fleet {
     }
     const auto patience = std::chrono::duration_cast<Clock::duration>(Seconds(options_.patience));
     TakeAnswersUntil(Clock::now() + patience, [this] { return answered_ == sent_.size(); });
-    ended_ = std::time(nullptr);
     ShowProgress(true);
   }
 
@@ -335,7 +333,7 @@ class Fleet {
     for (const Instance& instance : instances_) instance.AddTo(sum);
     const auto deadline = Clock::now() + kLogPatience;
     do {
-      const ServerLog::Findings findings = log_->Read(ended_);
+      const ServerLog::Findings findings = log_->Read();
       verdict = {findings.lastStatus.has_value(), findings.deletions, {}};
       const UsageCounts status = findings.lastStatus.value_or(UsageCounts());
       for (const ReportRow& row : kReportRows) {
@@ -358,7 +356,6 @@ class Fleet {
   Clock::time_point start_;
   Clock::time_point nextProgress_;
   Seconds lastAnswer_{1};
-  std::time_t ended_ = 0;  // from then on, silent instances expire as they should
   std::vector<Sent> sent_;
   std::vector<std::deque<std::size_t>> underWay_;  // by connection: reports not yet answered, oldest first
   std::size_t answered_ = 0;

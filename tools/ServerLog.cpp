@@ -14,7 +14,6 @@ namespace {
 
 constexpr int kOlderFiles = 5;
 constexpr std::string_view kInUse = ": in use: ";
-constexpr std::string_view kBlockTime = "-------------------";  // the second of a status block follows
 
 // The text behind "[time][level] "; empty for the blank line behind a text that ends in a newline.
 std::string_view Message(std::string_view line) {
@@ -36,31 +35,28 @@ bool TakeFigure(std::string_view message, UsageCounts& counts) {
 
 class Reader {
  public:
-  explicit Reader(std::int64_t until) : until_(until) {}
-
   void Take(std::string_view message) {
+    if (message.starts_with("==================== DETECT NEW REQUEST")) reported_ = true;
     if (message.starts_with("Deleting korvane ")) ++deletions_;
     if (message.starts_with("******** UGS version")) figures_ = 0;
-    if (message.starts_with(kBlockTime)) TakeTime(message.substr(kBlockTime.size()));
     if (TakeFigure(message, counts_) && ++figures_ == kReportRows.size()) EndBlock();
   }
   [[nodiscard]] const ServerLog::Findings& Findings() const { return findings_; }
 
  private:
-  // Not at the line of dashes that ends a block.
-  void TakeTime(std::string_view text) { std::from_chars(text.data(), text.data() + text.size(), time_); }
-  // The deletions before a block are those that it shows.
+  // A block without a report before it shows what has expired since the last one.
   void EndBlock() {
-    if (time_ <= until_) findings_ = {counts_, findings_.deletions + deletions_};
+    if (!reported_) return;
+    findings_ = {counts_, findings_.deletions + deletions_};
+    reported_ = false;
     deletions_ = 0;
   }
 
-  const std::int64_t until_;
   ServerLog::Findings findings_;
   UsageCounts counts_;
-  std::int64_t time_ = 0;
   std::size_t figures_ = 0;
-  std::size_t deletions_ = 0;  // since the last block
+  bool reported_ = false;      // since the last block that counts
+  std::size_t deletions_ = 0;  // since then
 };
 
 }  // namespace
@@ -83,7 +79,7 @@ std::vector<fs::path> ServerLog::FilesOldestFirst() const {
   return files;
 }
 
-ServerLog::Findings ServerLog::Read(std::int64_t until) const {
+ServerLog::Findings ServerLog::Read() const {
   const std::vector<fs::path> files = FilesOldestFirst();
   const auto isStart = [this](const fs::path& file) {
     struct stat status {};
@@ -93,7 +89,7 @@ ServerLog::Findings ServerLog::Read(std::int64_t until) const {
   auto file = std::ranges::find_if(files, isStart);
   std::streamoff offset = file == files.end() ? 0 : startOffset_;
   if (file == files.end()) file = files.begin();
-  Reader reader(until);
+  Reader reader;
   for (; file != files.end(); ++file, offset = 0) {
     std::ifstream stream(*file);
     stream.seekg(offset);

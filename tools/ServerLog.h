@@ -3,7 +3,6 @@
 #include <sys/types.h>
 
 #include <cstddef>
-#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <vector>
@@ -17,11 +16,11 @@ class ServerLog {
   explicit ServerLog(std::filesystem::path file);
 
   struct Findings {
-    std::optional<UsageCounts> lastStatus;  // of the last complete status block
+    std::optional<UsageCounts> lastStatus;  // of the status block behind the last report
     std::size_t deletions = 0;              // instances that were forgotten before it
   };
-  // Leaves out what the server wrote after the second `until`, in seconds since the epoch.
-  [[nodiscard]] Findings Read(std::int64_t until) const;
+  // What expires after the last report is left out: instances that no longer report should expire.
+  [[nodiscard]] Findings Read() const;
 
  private:
   [[nodiscard]] std::vector<std::filesystem::path> FilesOldestFirst() const;
