@@ -17,6 +17,7 @@
 #include <memory>
 
 #include "Logging.h"
+#include "RsaBlinding.h"
 
 namespace {
 
@@ -109,6 +110,7 @@ std::int32_t RsaPrivateDecrypt(const std::string& pemKey, const std::string& tex
     PrintToConsole("Error 0x00AE08: Cannot read the private key\n");
     return -1;
   }
+  UseKeptBlinding(key.get());
   Bytes opened(static_cast<std::size_t>(RSA_size(key.get())));
   const std::string block = Base64Decode(std::string_view(text).substr(0, length));
   const int openedLength = RSA_private_decrypt(static_cast<int>(block.size()),

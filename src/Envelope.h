@@ -1,6 +1,6 @@
 // The steps that open a secure envelope, each by itself: base64, the stored private key, the RSA-wrapped AES
-// key, the AES-CBC content. The only file of the server that touches OpenSSL. Every function here is
-// thread-safe, keeps no state, and takes any bytes without leaving its buffers.
+// key, the AES-CBC content. Of the server, only this and RsaBlinding touch OpenSSL. Every function here is
+// thread-safe and takes any bytes without leaving its buffers; no key and no content is kept.
 #pragma once
 
 #include <cstddef>
