@@ -14,6 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static const std::uint16_t port = FreePort();
   static KorvaneUGSZMQ transport;
   static Peer peer(port);
+  static int inputs = 0;
   // A message of three frames takes along the frame that an odd one before it has left over.
   const auto answers = [] {
     peer.Send("hello");
@@ -35,6 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (text.starts_with('!')) raw.ShakeHands();
     raw.Write(text.starts_with('!') ? text.substr(1) : text);
   }
-  Require(listens && Await(answers));
+  // After each input of a replay; a fuzzer would lose nine tenths of its pace by that.
+  if (++inputs < 100 || inputs % 50 == 0) Require(listens && Await(answers));
   return 0;
 }
