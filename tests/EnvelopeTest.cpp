@@ -146,7 +146,8 @@ TEST_F(RsaPrivateDecryptTest, OpensBlocksForAnyKeyInAnyOrderOnAnyThread) {
     for (int i = 0; i < 30; ++i) open(pairs[static_cast<std::size_t>(i) % 3], i);
   };
   { const std::array<std::jthread, 2> threads{std::jthread(use), std::jthread(use)}; }
-  EXPECT_EQ(opened, 2 * (3 * 70 + 30)) << testing::internal::GetCapturedStdout();
+  console = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(opened, 2 * (3 * 70 + 30)) << console;
 }
 
 TEST(AesCbcDecryptTest, AShortIvIsFilledUpWithZeroes) {
