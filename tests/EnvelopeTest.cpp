@@ -75,17 +75,6 @@ struct KeyPair {
     });
   }
 
-  [[nodiscard]] std::string Wrap(std::string_view text) const {
-    const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(
-        EVP_PKEY_CTX_new(key.get(), nullptr), EVP_PKEY_CTX_free);
-    std::string block(512, '\0');
-    std::size_t length = block.size();
-    EVP_PKEY_encrypt_init(context.get());  // PKCS #1 v1.5 by default
-    EVP_PKEY_encrypt(context.get(), reinterpret_cast<unsigned char*>(block.data()), &length,
-                     reinterpret_cast<const unsigned char*>(text.data()), text.size());
-    return Base64Encode(std::string_view(block).substr(0, length));
-  }
-
   std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key;
 };
 
@@ -132,7 +121,7 @@ TEST_F(RsaPrivateDecryptTest, OpensBlocksForAnyKeyInAnyOrderOnAnyThread) {
   std::atomic<int> opened = 0;
   const auto open = [&](const KeyPair& pair, int i) {
     const std::string text = "text " + std::to_string(i);
-    const std::string block = pair.Wrap(text);
+    const std::string block = Wrap(pair.key.get(), text);
     Bytes out;
     const bool right = RsaPrivateDecrypt(pair.PrivatePem(), block, block.size(), out) ==
                            static_cast<std::int32_t>(text.size()) &&

@@ -121,18 +121,21 @@ std::string Seal(std::string_view plaintext) {
 std::string WrapKey(std::string_view key) {
   using BioPtr = std::unique_ptr<BIO, decltype(&BIO_free)>;
   using KeyPtr = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
-  using ContextPtr = std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)>;
   static const std::string pem = PublicKeyPem();
   static const BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), BIO_free);
   static const KeyPtr publicKey(PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr), EVP_PKEY_free);
-  const ContextPtr context(EVP_PKEY_CTX_new(publicKey.get(), nullptr), EVP_PKEY_CTX_free);
-  std::string wrapped(256, '\0');
+  return Wrap(publicKey.get(), key.substr(0, 245));
+}
+
+std::string Wrap(EVP_PKEY* key, std::string_view text) {
+  const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(EVP_PKEY_CTX_new(key, nullptr),
+                                                                            EVP_PKEY_CTX_free);
+  std::string wrapped(static_cast<std::size_t>(EVP_PKEY_get_size(key)), '\0');
   std::size_t length = wrapped.size();
   EVP_PKEY_encrypt_init(context.get());
   EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING);
   EVP_PKEY_encrypt(context.get(), reinterpret_cast<unsigned char*>(wrapped.data()), &length,
-                   reinterpret_cast<const unsigned char*>(key.data()),
-                   std::min<std::size_t>(key.size(), 245));
+                   reinterpret_cast<const unsigned char*>(text.data()), text.size());
   return Base64Encode(wrapped);
 }
 

@@ -2,6 +2,7 @@
 // sealed envelopes and peers.
 #pragma once
 
+#include <openssl/types.h>
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/spdlog.h>
 
@@ -83,7 +84,9 @@ struct DocumentText {
 
 std::string PublicKeyPem();                    // of the pair that this build carries
 std::string Seal(std::string_view plaintext);  // for that pair
-std::string WrapKey(std::string_view key);     // at most 245 bytes; RSA, PKCS #1 v1.5, as base64
+std::string WrapKey(std::string_view key);     // for that pair; what goes into it, 245 bytes at most
+// RSA with PKCS #1 v1.5 padding, as base64. `text` must fit into the key's size less 11 bytes.
+std::string Wrap(EVP_PKEY* key, std::string_view text);
 std::string Base64Encode(std::string_view bytes);
 
 // A TCP port that was free a moment ago.
@@ -105,8 +108,7 @@ class Peer {
 };
 
 // A TCP connection to a port of this machine, for bytes that no library would send. Writing ignores errors:
-// the other end may have had enough. Destruction waits until the other end has read everything, 200 ms at
-// most.
+// the other end may have had enough.
 class RawPeer {
  public:
   // Waits at its end for `farewell`, so that the other end reads all before it hears of the hanging up.
