@@ -268,6 +268,8 @@ class Fleet {
     fmt::print("server log  {}; {} deletion lines\n", outcome.log.agrees ? "sums agree" : "SUMS DIFFER",
                outcome.log.deletions);
     for (const std::string& difference : outcome.log.differences) fmt::print("            {}\n", difference);
+    if (!outcome.log.agrees)
+      fmt::print("            The server also counts every other instance that reported within 120 s.\n");
   }
 
   void PrintJson(const Outcome& outcome) const {
