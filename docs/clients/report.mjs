@@ -9,7 +9,7 @@ import {Dealer} from "zeromq";
 
 const ANSWER_WITHIN = 30_000; // milliseconds
 
-// What this instance is using; all 21 counts, those that it does not use as 0.
+// What this instance is using: all 21 counts, 0 for what it does not use.
 function usage(identity) {
   const names = "MaxCameras ABD AN CR ClassTier1 ClassTier2 ClassTier3 Perimeter Dwell Collision NeuralPack " +
     "PX Plates Generative ClassTier0 RemoteTier1 RemoteTier2 RemoteTier3 RemoteTier4 FaceTier1 FaceTier2";
@@ -38,13 +38,13 @@ const [server, keyFile, identity, period, times = "0"] = process.argv.slice(2);
 const publicKey = readFileSync(keyFile);
 let socket = connect(server);
 let pause = Number(period);
-await sleep(Math.random() * pause * 1000); // a fleet that was started together must not report together
+await sleep(Math.random() * pause * 1000); // a fleet that starts together must not report together
 for (let sent = 0; sent < Number(times) || times === "0"; ++sent) {
   await socket.send(seal(usage(identity), publicKey));
   try {
     console.log((await socket.receive()).toString());
     pause = Number(period);
-  } catch { // lost to a rebuild, or the server is slow: another connection, and longer pauses for a slow one's sake
+  } catch { // lost at a rebuild, or the server is slow: reconnect, and back off
     console.error("no answer");
     socket.close();
     socket = connect(server);

@@ -20,7 +20,7 @@ ANSWER_WITHIN = 30  # seconds
 
 
 def usage(identity):
-    """What this instance is using; all 21 counts, those that it does not use as 0."""
+    """What this instance is using: all 21 counts, 0 for what it does not use."""
     counts = dict.fromkeys("MaxCameras ABD AN CR ClassTier1 ClassTier2 ClassTier3 Perimeter Dwell Collision NeuralPack "
                            "PX Plates Generative ClassTier0 RemoteTier1 RemoteTier2 RemoteTier3 RemoteTier4 "
                            "FaceTier1 FaceTier2".split(), 0)
@@ -48,7 +48,7 @@ def connect(server):
 def main(server, key_file, identity, period, times="0"):
     with open(key_file, "rb") as file:
         public_key = load_pem_public_key(file.read())
-    time.sleep(random.random() * float(period))  # a fleet that was started together must not report together
+    time.sleep(random.random() * float(period))  # a fleet that starts together must not report together
     socket, sent, pause = connect(server), 0, float(period)
     while sent < int(times) or times == "0":
         socket.send(seal(usage(identity), public_key))
@@ -56,7 +56,7 @@ def main(server, key_file, identity, period, times="0"):
         if socket.poll(ANSWER_WITHIN * 1000):
             print(socket.recv().decode(), flush=True)
             pause = float(period)
-        else:  # lost to a rebuild, or the server is slow: another connection, and longer pauses for a slow one's sake
+        else:  # lost at a rebuild, or the server is slow: reconnect, and back off
             print("no answer", file=sys.stderr)
             socket.close()
             socket, pause = connect(server), min(pause * 2, 100.0)
