@@ -12,14 +12,17 @@
 
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "Envelope.h"
+#include "Base64.h"
+#include "Crypto.h"
 #include "JsonReader.h"
 #include "KorvaneControllerServer.h"
+#include "OpenSsl.h"
+#include "PrivateKey.h"
+#include "ScrambledKey.h"
 #include "Sealer.h"
 #include "UgsClient.h"
 
@@ -64,10 +67,9 @@ void Fill(UsageRecords& records, std::int64_t count) {
 }
 
 void RsaPrivateOperation(benchmark::State& state) {
-  const std::string pem = UnscrambleKey(ScrambledPrivateKey());
-  const std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new_mem_buf(pem.data(), -1), BIO_free);
-  const std::unique_ptr<RSA, decltype(&RSA_free)> key(
-      PEM_read_bio_RSAPrivateKey(bio.get(), nullptr, nullptr, nullptr), RSA_free);
+  const std::string pem = ugs::UnscrambleKey(ScrambledPrivateKey());
+  const ugs::BioPtr bio(BIO_new_mem_buf(pem.data(), -1));
+  const ugs::OpenSslPtr<RSA, RSA_free> key(PEM_read_bio_RSAPrivateKey(bio.get(), nullptr, nullptr, nullptr));
   Bytes block(256);
   RSA_public_encrypt(32, Bytes(32, 'k').data(), block.data(), key.get(), RSA_PKCS1_PADDING);
   Bytes opened(256);
@@ -102,7 +104,7 @@ BENCHMARK_CAPTURE(ParseDocument, v5, "v5")->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(ParseDocument, v6, "v6")->Unit(benchmark::kMicrosecond);
 
 void DecodeBase64(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(Base64Decode(Payload()));
+  for (auto _ : state) benchmark::DoNotOptimize(ugs::Base64Decode(Payload()));
   state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(Payload().size()));
 }
 BENCHMARK(DecodeBase64)->Unit(benchmark::kMicrosecond);

@@ -7,7 +7,10 @@
 #include <string>
 
 #include "KorvaneControllerServer.h"
+#include "KorvaneUGSZMQ.h"
 #include "Logging.h"
+#include "PrivateKey.h"
+#include "UGSDefs.h"
 
 int main(int argc, char** argv) {
   sigset_t ending;
@@ -16,7 +19,8 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &ending, nullptr);
   SetUpLogging("KorvaneUGS.log", argc, argv, "logs");
   const long count = argc > 1 ? std::strtol(argv[1], nullptr, 10) : 0;
-  KorvaneControllerServer server(true, UGSDefs::kPort);
+  KorvaneControllerServer server(true, UGSDefs::kPort, ScrambledPrivateKey(),
+                                 std::make_unique<KorvaneUGSZMQ>());
   spdlog::set_level(spdlog::level::warn);
   for (long i = 0; i < count; ++i) {
     UGSRequest::RequestData request{.korvaneId = "prefilled-" + std::to_string(i),

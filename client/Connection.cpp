@@ -66,18 +66,18 @@ Client::Connection::Connection(const Address& address, const std::string& public
   }
 }
 
-std::optional<int> Client::Connection::Ask(std::string_view plaintext) {
+std::optional<int> Client::Connection::Request(std::string_view plaintext) {
   const Clock::time_point deadline = Clock::now() + replyTimeout_;
-  if (underWay_) {
+  if (inFlight_) {
     const Event event = AwaitAnswer(deadline);
     if (event == Event::kTimeOut || event == Event::kInterrupted) return std::nullopt;
-    underWay_ = false;
+    inFlight_ = false;
     if (event == Event::kReady) ReceiveCode();  // the late answer to an earlier request
   }
   if (AwaitConnection(deadline) != Event::kReady) return std::nullopt;
   if (!socket_.send(zmq::buffer(sealer_.Seal(plaintext)), zmq::send_flags::dontwait)) return std::nullopt;
   const Event event = AwaitAnswer(deadline);
-  underWay_ = event == Event::kTimeOut || event == Event::kInterrupted;
+  inFlight_ = event == Event::kTimeOut || event == Event::kInterrupted;
   return event == Event::kReady ? ReceiveCode() : std::nullopt;
 }
 

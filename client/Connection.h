@@ -27,7 +27,7 @@ class Wakeup {
   const int descriptor_;
 };
 
-// A DEALER socket with at most one request under way, and the event that interrupts a wait for its answer.
+// A DEALER socket with at most one request in flight, and the event that interrupts a wait for its answer.
 // One thread at a time, except for Interrupt.
 class __attribute__((visibility("hidden"))) Client::Connection {
  public:
@@ -35,12 +35,12 @@ class __attribute__((visibility("hidden"))) Client::Connection {
 
   Connection(const Address& address, const std::string& publicKey, std::chrono::milliseconds replyTimeout);
 
-  std::optional<int> Ask(std::string_view plaintext);
+  std::optional<int> Request(std::string_view plaintext);
 
   // Sleeps until `deadline`. False if it was interrupted.
   bool SleepUntil(Clock::time_point deadline);
 
-  // Any thread. From then on no wait lasts, until one has returned early.
+  // Any thread. Ends the wait that is going on, or else the next one.
   void Interrupt() { interrupt_.Raise(); }
 
  private:
@@ -67,7 +67,7 @@ class __attribute__((visibility("hidden"))) Client::Connection {
   zmq::socket_t socket_;
   zmq::socket_t monitor_;  // tells when a connection is made and when it is lost
   bool connected_ = false;
-  bool underWay_ = false;  // a request was sent on the present connection and not answered
+  bool inFlight_ = false;  // a request was sent on the present connection and not answered
 };
 
 }  // namespace ugs

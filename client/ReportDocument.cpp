@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include "Sealer.h"
+#include "ReportLayouts.h"
+#include "Secrets.h"
 #include "UgsClient.h"
-#include "UsageCounts.h"
 
 namespace ugs {
 namespace {
@@ -18,7 +18,7 @@ void WriteString(Writer& writer, const std::string& text) {
 }
 
 // Room for the whole document, whatever of it is escaped: a buffer that grows leaves copies in memory.
-std::size_t MostBytes(const Usage& usage) {
+std::size_t MaxDocumentSize(const Usage& usage) {
   constexpr std::size_t escaped = 6;  // "\u0000" for one byte
   std::size_t bytes = 2048 + escaped * (usage.id.size() + usage.container.size());
   for (const std::string& url : usage.cameras) bytes += 3 + escaped * url.size();
@@ -27,15 +27,15 @@ std::size_t MostBytes(const Usage& usage) {
 
 void WriteRequest(Writer& writer, const Usage& usage) {
   writer.StartObject();
-  writer.Key("KorvaneID");
+  writer.Key(kInstanceIdMember);
   WriteString(writer, usage.id);
-  writer.Key("DockerID");
+  writer.Key(kContainerMember);
   WriteString(writer, usage.container);
-  writer.Key("CamRtspUrls");
+  writer.Key(kCameraUrlsMember);
   writer.StartArray();
   for (const std::string& url : usage.cameras) WriteString(writer, url);
   writer.EndArray();
-  writer.Key("InUse");
+  writer.Key(kCountsMember);
   writer.StartObject();
   for (const std::string& key : CountKeys(usage.layout)) {
     const auto count = usage.counts.find(key);
@@ -70,9 +70,9 @@ std::string WriteDocument(const Usage& usage) {
       throw std::invalid_argument("layout " + usage.layout + " carries no count \"" + key + "\"");
     }
   }
-  rapidjson::StringBuffer buffer(nullptr, MostBytes(usage));
+  rapidjson::StringBuffer buffer(nullptr, MaxDocumentSize(usage));
   Writer writer(buffer);
-  if (usage.layout == kLayouts.front().name) {
+  if (usage.layout == kLegacyLayout.name) {
     WriteRequest(writer, usage);
   } else {
     writer.StartObject();
@@ -81,7 +81,7 @@ std::string WriteDocument(const Usage& usage) {
     writer.EndObject();
   }
   std::string document(buffer.GetString(), buffer.GetSize());
-  buffer.Clear();
+  buffer.Clear();  // keeps its memory, which Push hands out once more
   Wipe(buffer.Push(document.size()), document.size());
   return document;
 }

@@ -1,6 +1,5 @@
 #include "Sealer.h"
 
-#include <openssl/bio.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -15,6 +14,11 @@
 #include <stdexcept>
 #include <vector>
 
+#include "Base64.h"
+#include "OpenSsl.h"
+#include "Secrets.h"
+#include "UGSDefs.h"
+
 namespace ugs {
 namespace {
 
@@ -22,9 +26,7 @@ using Bytes = std::vector<unsigned char>;
 using AesKey = std::array<unsigned char, 32>;
 using Iv = std::array<unsigned char, 16>;
 
-using BioPtr = std::unique_ptr<BIO, decltype(&BIO_free)>;
-using CipherPtr = std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)>;
-using KeyContextPtr = std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)>;
+using KeyContextPtr = OpenSslPtr<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
 
 void Require(bool succeeded, const char* step) {
   if (!succeeded) throw std::runtime_error(std::string("cannot seal the request: ") + step);
@@ -32,15 +34,11 @@ void Require(bool succeeded, const char* step) {
 
 template <typename Buffer>
 std::string Base64(const Buffer& bytes) {
-  std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');  // EVP_EncodeBlock ends its output with a NUL
-  EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
-                  reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
-  text.pop_back();
-  return text;
+  return Base64Encode({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
 }
 
 Bytes WrapKey(EVP_PKEY* publicKey, const AesKey& key) {
-  const KeyContextPtr context(EVP_PKEY_CTX_new(publicKey, nullptr), EVP_PKEY_CTX_free);
+  const KeyContextPtr context(EVP_PKEY_CTX_new(publicKey, nullptr));
   std::size_t length = 0;
   Require(context != nullptr && EVP_PKEY_encrypt_init(context.get()) == 1 &&
               EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1 &&
@@ -54,7 +52,7 @@ Bytes WrapKey(EVP_PKEY* publicKey, const AesKey& key) {
 }
 
 Bytes Encrypt(const AesKey& key, const Iv& iv, std::string_view plaintext) {
-  const CipherPtr context(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
+  const CipherContextPtr context(EVP_CIPHER_CTX_new());
   Bytes ciphertext(plaintext.size() + iv.size());
   int length = 0;
   int lastBlock = 0;
@@ -69,6 +67,10 @@ Bytes Encrypt(const AesKey& key, const Iv& iv, std::string_view plaintext) {
   return ciphertext;
 }
 
+struct DerDeleter {
+  void operator()(unsigned char* bytes) const { OPENSSL_free(bytes); }
+};
+
 std::string PemText(const std::string& textOrFile) {
   if (textOrFile.find("-----BEGIN") != std::string::npos) return textOrFile;
   std::ifstream file(textOrFile);
@@ -78,7 +80,7 @@ std::string PemText(const std::string& textOrFile) {
 }
 
 EVP_PKEY* ReadPublicKey(const std::string& pem) {
-  const BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), BIO_free);
+  const BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
   return bio == nullptr ? nullptr : PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr);
 }
 
@@ -94,19 +96,19 @@ std::string Sealer::Seal(std::string_view plaintext) const {
   AesKey key;
   Iv iv;
   Require(RAND_bytes(key.data(), key.size()) == 1 && RAND_bytes(iv.data(), iv.size()) == 1, "random bytes");
-  // Wiped on the way out by an exception, too.
-  const std::unique_ptr<AesKey, void (*)(AesKey*)> wipe(
-      &key, [](AesKey* secret) { Wipe(secret->data(), secret->size()); });
-  const std::string document = R"({"data1":")" + Base64(WrapKey(key_.get(), key)) + R"(","data2":")" +
-                               Base64(iv) + R"(","data3":")" + Base64(Encrypt(key, iv, plaintext)) + R"("})";
-  return Base64(document);
+  const WipeOnExit wipe(key);
+  const auto member = [](const char* name, const std::string& base64) {
+    return std::string("\"") + name + "\":\"" + base64 + '"';
+  };
+  return Base64Encode("{" + member(UGSDefs::kWrappedKeyMember, Base64(WrapKey(key_.get(), key))) + "," +
+                      member(UGSDefs::kIvMember, Base64(iv)) + "," +
+                      member(UGSDefs::kCiphertextMember, Base64(Encrypt(key, iv, plaintext))) + "}");
 }
 
 std::string Sealer::Fingerprint() const {
   unsigned char* der = nullptr;
   const int length = i2d_PUBKEY(key_.get(), &der);
-  const std::unique_ptr<unsigned char, void (*)(unsigned char*)> owner(
-      der, [](unsigned char* bytes) { OPENSSL_free(bytes); });
+  const std::unique_ptr<unsigned char, DerDeleter> owner(der);
   std::array<unsigned char, 32> digest{};
   Require(length > 0 && EVP_Digest(der, static_cast<std::size_t>(length), digest.data(), nullptr,
                                    EVP_sha256(), nullptr) == 1,
@@ -118,10 +120,6 @@ std::string Sealer::Fingerprint() const {
     text += digits[byte & 15];
   }
   return text;
-}
-
-void Wipe(void* data, std::size_t size) {
-  OPENSSL_cleanse(data, size);
 }
 
 }  // namespace ugs

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -27,8 +26,5 @@ class Sealer {
  private:
   std::shared_ptr<evp_pkey_st> key_;
 };
-
-// Overwrites what must not stay in memory.
-void Wipe(void* data, std::size_t size);
 
 }  // namespace ugs

@@ -41,13 +41,13 @@ Client::Client(Client&&) noexcept = default;
 Client& Client::operator=(Client&&) noexcept = default;
 
 std::optional<int> Client::Report(const Usage& usage) {
-  return connection_->Ask(WriteDocument(usage));
+  return connection_->Request(WriteDocument(usage));
 }
 std::optional<int> Client::SendDocument(std::string_view document) {
-  return connection_->Ask(document);
+  return connection_->Request(document);
 }
 std::optional<int> Client::Greet() {
-  return connection_->Ask(UGSDefs::kGreeting);
+  return connection_->Request(UGSDefs::kGreeting);
 }
 void Client::Interrupt() {
   connection_->Interrupt();
@@ -64,7 +64,7 @@ Reporter::Reporter(std::string_view server, const std::string& key, Source usage
 }
 
 Reporter::~Reporter() {
-  stop_ = true;
+  stop_ = true;  // before the interrupt, whose waiter looks at it
   client_.Interrupt();
   thread_.join();
 }
@@ -90,7 +90,7 @@ void Reporter::Run() {
     if (answered_) answered_(code);
     if (code) {
       retry = std::min(kFirstRetry, period_);
-      while (due <= Clock::now()) due += period_;
+      while (due <= Clock::now()) due += period_;  // from the time it was due, so that delays do not add up
     } else {
       due = Clock::now() + between(retry / 2, retry * 3 / 2);
       retry = std::min(retry * 2, period_);

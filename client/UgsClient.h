@@ -57,9 +57,9 @@ UGS_API Address ParseAddress(std::string_view server);
 // One instance's connection to the server. Not thread-safe: one thread at a time, except for Interrupt. The
 // connection is made in the background, and again whenever it is lost.
 //
-// There is never more than one request of a client under way. One that was not answered in time is still in
-// the server's queue, for as long as the connection lives; the next call waits for its answer before it
-// sends anything, so a slow server is not made slower.
+// A client never has more than one request in flight. One that was not answered in time is still in the
+// server's queue, for as long as the connection lives; the next call waits for its answer before it sends
+// anything, so a slow server is not made slower.
 class UGS_API Client {
  public:
   // `key` is the server's public RSA key: PEM text ("BEGIN PUBLIC KEY") or the name of a file that holds it.
@@ -67,7 +67,7 @@ class UGS_API Client {
   // the key is not one.
   Client(std::string_view server, const std::string& key,
          std::chrono::milliseconds replyTimeout = std::chrono::seconds(30));
-  ~Client();  // drops a request that is under way
+  ~Client();  // drops a request in flight
   Client(Client&&) noexcept;
   Client& operator=(Client&&) noexcept;
 
@@ -103,7 +103,7 @@ class UGS_API Reporter {
   Reporter(std::string_view server, const std::string& key, Source usage,
            std::chrono::milliseconds period = std::chrono::seconds(30), Listener answered = {},
            std::chrono::milliseconds replyTimeout = std::chrono::seconds(30));
-  ~Reporter();  // interrupts a report under way; does not wait for the network
+  ~Reporter();  // interrupts a report in flight; does not wait for the network
   Reporter(const Reporter&) = delete;
   Reporter& operator=(const Reporter&) = delete;
 

@@ -1,8 +1,12 @@
-# Runs at build time: makes the key pair in KEY_DIR with KEYGEN if there is none, and writes OUTPUT, the
-# source that carries its scrambled private key. Never replaces a key. DEPFILE makes a new key rebuild it.
+# Runs at build time: makes the key pair in KEY_DIR with KEYGEN if there is none (from PEM, if given), and writes
+# OUTPUT, the source that carries its scrambled private key. Never replaces a key. DEPFILE makes a new key
+# rebuild it.
 set(private ${KEY_DIR}/private.scrambled)
 if(NOT EXISTS ${private})
-  execute_process(COMMAND ${KEYGEN} keygen --out ${KEY_DIR} OUTPUT_QUIET RESULT_VARIABLE failed)
+  if(PEM)
+    set(from --from ${PEM})
+  endif()
+  execute_process(COMMAND ${KEYGEN} keygen --out ${KEY_DIR} ${from} OUTPUT_QUIET RESULT_VARIABLE failed)
   if(failed)
     message(FATAL_ERROR "No key pair could be made in ${KEY_DIR}.")
   endif()
@@ -14,7 +18,7 @@ file(READ ${private} scrambled)
 string(STRIP "${scrambled}" scrambled)
 file(CONFIGURE OUTPUT ${OUTPUT} @ONLY CONTENT [[
 // Generated from the key pair of this build; do not commit.
-#include "KorvaneControllerServer.h"
+#include "PrivateKey.h"
 
 std::string_view ScrambledPrivateKey() { return "@scrambled@"; }
 ]])

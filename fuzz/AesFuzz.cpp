@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <memory>
 
-#include "Envelope.h"
+#include "Crypto.h"
 #include "Fuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

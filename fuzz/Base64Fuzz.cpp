@@ -3,7 +3,7 @@
 #include <cmath>
 #include <string>
 
-#include "Envelope.h"
+#include "Crypto.h"
 #include "Fuzz.h"
 #include "TestSupport.h"
 

@@ -20,22 +20,22 @@ constexpr std::array kFatalSignals{SIGQUIT, SIGILL,  SIGABRT, SIGBUS,  SIGFPE,  
 // The handler of a fatal signal needs these, so they are not members. A thread that faults runs it itself.
 std::atomic<bool> terminalTaken = false;
 static_assert(std::atomic<bool>::is_always_lock_free, "a handler must not wait");
-termios foundModes;  // valid while terminalTaken
+termios savedModes;  // valid while terminalTaken
 
-// Without a foreground group standard input is not our controlling terminal, and its job control not ours.
+// A terminal without a foreground group is not our controlling terminal: no job control applies to us.
 bool InForeground() {
   const pid_t group = tcgetpgrp(STDIN_FILENO);
   return group == -1 || group == getpgrp();
 }
 
-void GiveTerminalBack() {
+void RestoreModes() {
   if (!terminalTaken) return;
-  if (InForeground()) tcsetattr(STDIN_FILENO, TCSANOW, &foundModes);
+  if (InForeground()) tcsetattr(STDIN_FILENO, TCSANOW, &savedModes);
   terminalTaken = false;
 }
 
-extern "C" void GiveTerminalBackAndDie(int signal) {
-  GiveTerminalBack();
+extern "C" void RestoreModesAndDie(int signal) {
+  RestoreModes();
   std::raise(signal);  // its default action, restored by SA_RESETHAND
 }
 
@@ -60,7 +60,7 @@ bool TakeTerminal() {
   termios modes;
   if (!InForeground() || tcgetattr(STDIN_FILENO, &modes) != 0) return false;
   if (HasKeyModes(modes)) return true;
-  foundModes = modes;
+  savedModes = modes;
   terminalTaken = true;
   const termios keyModes = KeyModes(modes);
   return tcsetattr(STDIN_FILENO, TCSANOW, &keyModes) == 0;
@@ -89,18 +89,18 @@ ConsoleKeyboard::ConsoleKeyboard() : isTerminal_(isatty(STDIN_FILENO) == 1) {
   for (const int signal : kFatalSignals) {
     struct sigaction action = {};
     if (sigaction(signal, nullptr, &action) != 0 || action.sa_handler != SIG_DFL) continue;
-    action.sa_handler = GiveTerminalBackAndDie;
+    action.sa_handler = RestoreModesAndDie;
     action.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
     sigaction(signal, &action, nullptr);
   }
 }
 
 ConsoleKeyboard::~ConsoleKeyboard() {
-  ReleaseTerminal();
+  RestoreTerminal();
 }
 
-void ConsoleKeyboard::ReleaseTerminal() {
-  GiveTerminalBack();
+void ConsoleKeyboard::RestoreTerminal() {
+  RestoreModes();
 }
 
 std::optional<char> ConsoleKeyboard::ReadKey() {
@@ -113,7 +113,7 @@ std::optional<char> ConsoleKeyboard::ReadKey() {
 void ConsoleKeyboard::FillPending() {
   pollfd input{STDIN_FILENO, POLLIN, 0};
   if (poll(&input, 1, 0) <= 0) return;
-  // A key of a terminal may be several bytes. From a pipe, what is not a key for us is left to others.
+  // A key of a terminal may be several bytes. A pipe may have other readers: only what is used is taken.
   std::array<char, 64> bytes;
   const ssize_t count = read(STDIN_FILENO, bytes.data(), isTerminal_ ? bytes.size() : 1);
   if (count > 0) {

@@ -5,9 +5,9 @@
 
 // Keys from standard input, without waiting and without echo. Main thread only; one per process.
 //
-// On a terminal it reads only while this process is in the terminal's foreground, and gives the terminal
-// back as it found it on every way out that a process can act on: destruction, Ctrl-Z, a fatal signal. On a
-// pipe or file each byte is a key. At the end of input, or without input, there are no more keys.
+// On a terminal it reads only while this process is in the terminal's foreground, and restores the modes it
+// found on every way out that a process can act on: destruction, Ctrl-Z, a fatal signal. On a pipe or file
+// each byte is a key. At the end of input, or without input, there are no more keys.
 class ConsoleKeyboard {
  public:
   static constexpr char kEscape = 27;
@@ -21,8 +21,8 @@ class ConsoleKeyboard {
   // The next key if one is waiting. Takes the terminal whenever this process has come to its foreground.
   std::optional<char> ReadKey();
 
-  // Gives the terminal back until the next ReadKey.
-  void ReleaseTerminal();
+  // Restores the terminal's modes until the next ReadKey.
+  void RestoreTerminal();
 
  private:
   void FillPending();

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <queue>
 #include <string>
@@ -13,11 +12,8 @@
 #include <vector>
 
 #include "KorvaneUGSCommunicator.h"
+#include "Mutex.h"
 #include "UsageRecords.h"
-
-// The private key this build carries, in its stored form (Envelope.h): deployment data, generated when the
-// server is built. Only a caller that leaves the key out of the constructor needs it to be linked in.
-std::string_view ScrambledPrivateKey();
 
 // The intake: queues what the transport receives and, on its own thread, turns each payload into a reply.
 // One request at most every 10 ms; the pacing is deliberate, a burst waits in the queue.
@@ -26,10 +22,10 @@ std::string_view ScrambledPrivateKey();
 class KorvaneControllerServer {
  public:
   // Opens no socket and starts no thread. With `encrypted` false, payloads are taken as plain documents.
-  // A null `communicator` makes a server that answers only direct calls of ProcessData.
-  KorvaneControllerServer(bool encrypted, std::uint32_t port,
-                          std::string_view scrambledKey = ScrambledPrivateKey(),
-                          std::unique_ptr<KorvaneUGSCommunicator> communicator = CreateCommunicator());
+  // `scrambledKey` is the private key in its stored form (ScrambledKey.h). A null `communicator` makes a
+  // server that answers only direct calls of ProcessData.
+  KorvaneControllerServer(bool encrypted, std::uint32_t port, std::string_view scrambledKey,
+                          std::unique_ptr<KorvaneUGSCommunicator> communicator);
   ~KorvaneControllerServer();  // blocks for up to 1.3 s; requests still in the queue get no reply
   KorvaneControllerServer(const KorvaneControllerServer&) = delete;
   KorvaneControllerServer& operator=(const KorvaneControllerServer&) = delete;
@@ -52,24 +48,21 @@ class KorvaneControllerServer {
  private:
   using Request = std::pair<std::string, std::string>;  // identity, payload
 
-  static std::unique_ptr<KorvaneUGSCommunicator> CreateCommunicator();
-
   void StopLoop();
   void ProcessLoop();
-  std::optional<Request> TakeRequest();
-  void ReturnMemory();
+  std::optional<Request> TakeRequest() UGS_EXCLUDES(queueMutex_);
+  void ReturnMemory() UGS_REQUIRES(queueMutex_);
   UGSDefs::ReplyCode ProcessDocument(std::string_view text);
 
-  // Constant after construction.
   const bool encrypted_;
   const std::uint32_t port_;
-  std::string scrambledKey_;  // intake thread
+  std::string scrambledKey_;  // read by the intake thread; wiped by the destructor once that is joined
 
   UsageRecords records_;
 
-  std::mutex queueMutex_;  // guards queue_
-  std::queue<Request> queue_;
-  std::size_t longestQueue_ = 0;  // since memory was last given back; intake thread
+  Mutex queueMutex_;
+  std::queue<Request> queue_ UGS_GUARDED_BY(queueMutex_);
+  std::size_t queuePeakSinceTrim_ UGS_GUARDED_BY(queueMutex_) = 0;
 
   // After the queue, which its worker may touch until it is joined.
   std::unique_ptr<KorvaneUGSCommunicator> communicator_;

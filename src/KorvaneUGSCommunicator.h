@@ -2,15 +2,15 @@
 
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
-#include <utility>
+
+#include "Mutex.h"
 
 // How requests reach the server and replies leave it. Identities, payloads and replies are byte strings.
 //
 // Order of calls: construct, SetPort, Start, SetRequestCallback; destroying the object stops it. Everything
 // that the callback touches must outlive the object, not only the callback's removal: a call may be on its
-// way while the callback is being emptied.
+// way while the callback is being replaced.
 class KorvaneUGSCommunicator {
  public:
   using RequestCallback = std::function<void(const std::string& identity, const std::string& payload)>;
@@ -32,21 +32,21 @@ class KorvaneUGSCommunicator {
   virtual bool SetPort(std::uint32_t port) = 0;
 
   // Any thread. An empty callback makes the transport drop requests.
-  void SetRequestCallback(RequestCallback callback) {
-    const std::scoped_lock lock(callbackMutex_);
+  void SetRequestCallback(RequestCallback callback) UGS_EXCLUDES(callbackMutex_) {
+    const MutexLock lock(callbackMutex_);
     requestCallback.swap(callback);
   }
 
   // Called once per request on the transport's own thread, with no lock held; must return quickly, since
   // nothing is received meanwhile. Use SetRequestCallback while the transport is running.
-  RequestCallback requestCallback;
+  RequestCallback requestCallback UGS_GUARDED_BY(callbackMutex_);
 
  protected:
-  [[nodiscard]] RequestCallback CopyRequestCallback() {
-    const std::scoped_lock lock(callbackMutex_);
+  [[nodiscard]] RequestCallback CopyRequestCallback() UGS_EXCLUDES(callbackMutex_) {
+    const MutexLock lock(callbackMutex_);
     return requestCallback;
   }
 
  private:
-  std::mutex callbackMutex_;  // guards requestCallback; held only to copy or assign it
+  Mutex callbackMutex_;  // held only to copy or assign the callback, never while it runs
 };

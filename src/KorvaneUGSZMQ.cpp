@@ -5,6 +5,7 @@
 #include <array>
 #include <chrono>
 #include <cstdlib>
+#include <optional>
 #include <utility>
 #include <zmq.hpp>
 
@@ -34,9 +35,9 @@ void SeedPeerNames() {
 // domain.
 constexpr const char* kSecurityDomain = "KorvaneUGS";
 
-std::shared_ptr<zmq::socket_t> CreateSocket(zmq::context_t& context, zmq::socket_type type,
-                                            const std::string& endpoint) {
-  static constexpr LogScope log("KorvaneUGSZMQ::CreateSocket");
+std::shared_ptr<zmq::socket_t> CreateBoundSocket(zmq::context_t& context, zmq::socket_type type,
+                                                 const std::string& endpoint) {
+  static constexpr FunctionLog log("KorvaneUGSZMQ::CreateSocket");
   try {
     auto socket = std::make_shared<zmq::socket_t>(context, type);
     socket->set(zmq::sockopt::zap_domain, kSecurityDomain);
@@ -50,7 +51,7 @@ std::shared_ptr<zmq::socket_t> CreateSocket(zmq::context_t& context, zmq::socket
 
 // A socket takes a descriptor, and once the ROUTER listens, peers may take every one that is left. Without
 // one kept back for the first Reply, nobody would be answered until they leave.
-std::shared_ptr<zmq::socket_t> CreateSpareSocket(zmq::context_t& context) {
+std::shared_ptr<zmq::socket_t> CreateReservedSocket(zmq::context_t& context) {
   try {
     return std::make_shared<zmq::socket_t>(context, zmq::socket_type::pair);
   } catch (const zmq::error_t&) {
@@ -58,8 +59,19 @@ std::shared_ptr<zmq::socket_t> CreateSpareSocket(zmq::context_t& context) {
   }
 }
 
-bool Receive(zmq::socket_t& socket, zmq::message_t& frame) {
-  return socket.recv(frame, zmq::recv_flags::dontwait).has_value();
+void SetLinger(zmq::socket_t& router) {
+  static constexpr FunctionLog log("KorvaneUGSZMQ::WaitingThreadWorker");
+  try {
+    router.set(zmq::sockopt::linger, kLinger);
+  } catch (const zmq::error_t& error) {
+    log.Info("Socket linger could not be set: {}", error.what());
+  }
+}
+
+std::optional<zmq::message_t> TryReceive(zmq::socket_t& socket) {
+  zmq::message_t frame;
+  if (!socket.recv(frame, zmq::recv_flags::dontwait)) return std::nullopt;
+  return frame;
 }
 
 }  // namespace
@@ -75,16 +87,39 @@ class KorvaneUGSZMQ::FramePairs {
 
   // The next pair, or nothing if a frame of it has yet to arrive; a first frame is then kept.
   std::optional<Pair> Take(zmq::socket_t& socket) {
-    if (!hasIdentity_) hasIdentity_ = Receive(socket, identity_);
-    zmq::message_t payload;
-    if (!hasIdentity_ || !Receive(socket, payload)) return std::nullopt;
-    hasIdentity_ = false;
-    return Pair{std::move(identity_), std::move(payload)};
+    if (!identity_) identity_ = TryReceive(socket);
+    if (!identity_) return std::nullopt;
+    auto payload = TryReceive(socket);
+    if (!payload) return std::nullopt;
+    return Pair{*std::exchange(identity_, std::nullopt), std::move(*payload)};
   }
 
  private:
-  zmq::message_t identity_;
-  bool hasIdentity_ = false;
+  std::optional<zmq::message_t> identity_;
+};
+
+// What the worker thread alone uses; the router is null if its port could not be bound.
+struct KorvaneUGSZMQ::Sockets {
+  explicit Sockets(std::uint32_t port)
+      : forwarding(CreateBoundSocket(*context, zmq::socket_type::pair, kForwardingEndpoint)),
+        reservedReply(CreateReservedSocket(*context)) {
+    SeedPeerNames();
+    router = CreateBoundSocket(*context, zmq::socket_type::router, "tcp://0.0.0.0:" + std::to_string(port));
+  }
+
+  void Close() {
+    forwarding.reset();
+    if (router != nullptr) SetLinger(*router);
+    router.reset();
+    std::this_thread::sleep_for(kGraceBeforeTerm);
+    context->shutdown();
+    context->close();
+  }
+
+  const std::shared_ptr<zmq::context_t> context = std::make_shared<zmq::context_t>(kIoThreads, kMaxSockets);
+  std::shared_ptr<zmq::socket_t> forwarding;
+  std::shared_ptr<zmq::socket_t> reservedReply;
+  std::shared_ptr<zmq::socket_t> router;
 };
 
 KorvaneUGSZMQ::~KorvaneUGSZMQ() {
@@ -109,49 +144,39 @@ void KorvaneUGSZMQ::Stop() {
 }
 
 void KorvaneUGSZMQ::WaitingThreadWorker(std::uint32_t port) {
-  static constexpr LogScope log("KorvaneUGSZMQ::WaitingThreadWorker");
-  const auto context = std::make_shared<zmq::context_t>(kIoThreads, kMaxSockets);
-  auto forwarding = CreateSocket(*context, zmq::socket_type::pair, kForwardingEndpoint);
-  auto spareSocket = CreateSpareSocket(*context);
-  SeedPeerNames();
-  auto router = CreateSocket(*context, zmq::socket_type::router, "tcp://0.0.0.0:" + std::to_string(port));
-  {
-    // Published after the channel is bound: a Reply never connects to an endpoint that is not there yet.
-    const std::scoped_lock lock(mutex_);
-    replySocket_.reset();
-    spareSocket_ = std::move(spareSocket);
-    context_ = context;
+  Sockets sockets(port);
+  Publish(sockets);
+  if (sockets.forwarding != nullptr && sockets.router != nullptr) {
+    ProcessWork(*sockets.router, *sockets.forwarding);
   }
+  Withdraw();
+  sockets.Close();
+}
 
-  if (forwarding != nullptr && router != nullptr) ProcessWork(*router, *forwarding);
+// From here on Reply takes the worker to be serving. Only after the channel is bound: a Reply never connects
+// to an endpoint that is not there yet.
+void KorvaneUGSZMQ::Publish(Sockets& sockets) {
+  const MutexLock lock(mutex_);
+  replySocket_.reset();
+  reservedReplySocket_ = std::move(sockets.reservedReply);
+  context_ = sockets.context;
+}
 
+// From here on Reply drops what it is given.
+void KorvaneUGSZMQ::Withdraw() {
+  static constexpr FunctionLog log("KorvaneUGSZMQ::WaitingThreadWorker");
   std::shared_ptr<zmq::socket_t> replySocket;
   {
-    const std::scoped_lock lock(mutex_);
+    const MutexLock lock(mutex_);
     context_.reset();
     replySocket = std::move(replySocket_);
-    spareSocket_.reset();
+    reservedReplySocket_.reset();
   }
-  if (replySocket != nullptr) {
-    log.Info("Cleaning up Reply socket in main thread!");
-    replySocket.reset();
-  }
-  forwarding.reset();
-  if (router != nullptr) {
-    try {
-      router->set(zmq::sockopt::linger, kLinger);
-    } catch (const zmq::error_t& error) {
-      log.Info("Socket linger could not be set: {}", error.what());
-    }
-    router.reset();
-  }
-  std::this_thread::sleep_for(kGraceBeforeTerm);
-  context->shutdown();
-  context->close();
+  if (replySocket != nullptr) log.Info("Cleaning up Reply socket in main thread!");
 }
 
 void KorvaneUGSZMQ::ProcessWork(zmq::socket_t& router, zmq::socket_t& forwarding) {
-  static constexpr LogScope log("KorvaneUGSZMQ::ProcessWork");
+  static constexpr FunctionLog log("KorvaneUGSZMQ::ProcessWork");
   FramePairs pairs;
   while (running_) {
     try {
@@ -169,7 +194,7 @@ void KorvaneUGSZMQ::ProcessWork(zmq::socket_t& router, zmq::socket_t& forwarding
 }
 
 void KorvaneUGSZMQ::TakeRequest(zmq::socket_t& router, FramePairs& pairs) {
-  static constexpr LogScope log("KorvaneUGSZMQ::ProcessWork");
+  static constexpr FunctionLog log("KorvaneUGSZMQ::ProcessWork");
   const auto pair = pairs.Take(router);
   if (!pair) return;
   if (pair->identity.empty() || pair->payload.empty()) {
@@ -182,18 +207,19 @@ void KorvaneUGSZMQ::TakeRequest(zmq::socket_t& router, FramePairs& pairs) {
 }
 
 void KorvaneUGSZMQ::ForwardReply(zmq::socket_t& router, zmq::socket_t& forwarding) {
-  zmq::message_t identity;
-  zmq::message_t reply;
-  // A frame that stands alone is a reply whose identity was lost to a full channel: it belongs to nobody.
+  // A frame that comes alone is a reply whose identity was lost to a full channel: it belongs to nobody.
   // Pairing it with the next frame would shift every later reply.
-  if (!Receive(forwarding, identity) || !identity.more() || !Receive(forwarding, reply)) return;
-  router.send(identity, zmq::send_flags::sndmore);
-  router.send(reply, zmq::send_flags::dontwait);
+  auto identity = TryReceive(forwarding);
+  if (!identity || !identity->more()) return;
+  auto reply = TryReceive(forwarding);
+  if (!reply) return;
+  router.send(*identity, zmq::send_flags::sndmore);
+  router.send(*reply, zmq::send_flags::dontwait);
 }
 
 void KorvaneUGSZMQ::Reply(std::string identity, std::string reply) {
-  static constexpr LogScope log("KorvaneUGSZMQ::Reply");
-  const std::scoped_lock lock(mutex_);
+  static constexpr FunctionLog log("KorvaneUGSZMQ::Reply");
+  const MutexLock lock(mutex_);
   if (context_ == nullptr) {
     if (replySocket_ != nullptr) {
       log.Info("Closing up Reply channel");
@@ -201,18 +227,7 @@ void KorvaneUGSZMQ::Reply(std::string identity, std::string reply) {
     }
     return;
   }
-  if (replySocket_ == nullptr) {
-    log.Info("Creating response socket and connecting back");
-    try {
-      auto socket = std::exchange(spareSocket_, nullptr);
-      if (socket == nullptr) socket = std::make_shared<zmq::socket_t>(*context_, zmq::socket_type::pair);
-      socket->connect(kForwardingEndpoint);
-      replySocket_ = std::move(socket);
-    } catch (const zmq::error_t& error) {
-      log.Error("0x0085: {}", error.what());
-      return;
-    }
-  }
+  if (replySocket_ == nullptr && !ConnectReplySocket()) return;
   try {
     // Neither send may wait: the worker takes this mutex when it stops reading the channel. What does not
     // fit into the channel is lost.
@@ -221,5 +236,20 @@ void KorvaneUGSZMQ::Reply(std::string identity, std::string reply) {
   } catch (const zmq::error_t& error) {
     log.Error("0x0086: {}", error.what());
     replySocket_.reset();
+  }
+}
+
+bool KorvaneUGSZMQ::ConnectReplySocket() {
+  static constexpr FunctionLog log("KorvaneUGSZMQ::Reply");
+  log.Info("Creating response socket and connecting back");
+  try {
+    auto socket = std::exchange(reservedReplySocket_, nullptr);
+    if (socket == nullptr) socket = std::make_shared<zmq::socket_t>(*context_, zmq::socket_type::pair);
+    socket->connect(kForwardingEndpoint);
+    replySocket_ = std::move(socket);
+    return true;
+  } catch (const zmq::error_t& error) {
+    log.Error("0x0085: {}", error.what());
+    return false;
   }
 }

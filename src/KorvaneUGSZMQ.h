@@ -3,12 +3,11 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 
 #include "KorvaneUGSCommunicator.h"
+#include "Mutex.h"
 
 namespace zmq {
 class context_t;
@@ -32,20 +31,28 @@ class KorvaneUGSZMQ : public KorvaneUGSCommunicator {
 
  private:
   class FramePairs;
+  struct Sockets;
 
   void Stop();
 
   // Worker thread.
   void WaitingThreadWorker(std::uint32_t port);
+  void Publish(Sockets& sockets) UGS_EXCLUDES(mutex_);
+  void Withdraw() UGS_EXCLUDES(mutex_);
   void ProcessWork(zmq::socket_t& router, zmq::socket_t& forwarding);
   void TakeRequest(zmq::socket_t& router, FramePairs& pairs);
   static void ForwardReply(zmq::socket_t& router, zmq::socket_t& forwarding);
 
-  std::mutex mutex_;  // guards the three pointers; held by Reply for its whole run
-  std::shared_ptr<zmq::socket_t>
-      replySocket_;  // the callers' end of the channel, connected by the first Reply
-  std::shared_ptr<zmq::socket_t> spareSocket_;  // what the next replySocket_ is made of, if there is one
-  std::shared_ptr<zmq::context_t> context_;     // set while the worker is serving
+  // Any thread.
+  bool ConnectReplySocket() UGS_REQUIRES(mutex_);
+
+  Mutex mutex_;  // held by Reply for its whole run
+  // The callers' end of the channel, connected by the first Reply.
+  std::shared_ptr<zmq::socket_t> replySocket_ UGS_GUARDED_BY(mutex_);
+  // Made at the start, for the first Reply to use; null afterwards.
+  std::shared_ptr<zmq::socket_t> reservedReplySocket_ UGS_GUARDED_BY(mutex_);
+  // Set while the worker is serving.
+  std::shared_ptr<zmq::context_t> context_ UGS_GUARDED_BY(mutex_);
 
   std::atomic<bool> running_ = false;
   std::uint32_t port_ = 5555;  // owner's thread; the worker gets a copy

@@ -11,18 +11,19 @@ constexpr std::chrono::seconds kRetryPeriod(1);
 
 LogFile::LogFile(std::string path, std::size_t maxSize, std::size_t olderFiles, std::string pattern)
     : path_(std::move(path)), maxSize_(maxSize), olderFiles_(olderFiles), pattern_(std::move(pattern)) {
+  const MutexLock lock(mutex_);
   Open();
 }
 
 void LogFile::log(const spdlog::details::log_msg& message) {
-  const std::scoped_lock lock(mutex_);
-  UseFile([&] { file_->log(message); });
+  const MutexLock lock(mutex_);
+  UseFile([&]() UGS_REQUIRES(mutex_) { file_->log(message); });
 }
 
 void LogFile::flush() {
-  const std::scoped_lock lock(mutex_);
-  if (file_ != nullptr && !StandsAtItsPath()) file_.reset();
-  UseFile([&] { file_->flush(); });
+  const MutexLock lock(mutex_);
+  if (file_ != nullptr && !IsStillAtPath()) file_.reset();
+  UseFile([&]() UGS_REQUIRES(mutex_) { file_->flush(); });
 }
 
 template <typename Action>
@@ -32,15 +33,17 @@ void LogFile::UseFile(Action action) {
     if (file_ == nullptr) Open();
     action();
   } catch (...) {
+    // The logger reports it; a sink that failed once may hold a null FILE and is not used again.
     file_.reset();
     nextTry_ = Clock::now() + kRetryPeriod;
     throw;
   }
 }
 
+// The handler runs at every rotation, too, so that the file noted is always the one that is written.
 void LogFile::Open() {
   spdlog::file_event_handlers handlers;
-  handlers.after_open = [this](const spdlog::filename_t&, std::FILE* stream) {
+  handlers.after_open = [this](const spdlog::filename_t&, std::FILE* stream) UGS_REQUIRES(mutex_) {
     struct stat status = {};
     fstat(fileno(stream), &status);
     device_ = status.st_dev;
@@ -51,7 +54,7 @@ void LogFile::Open() {
   file_->set_pattern(pattern_);
 }
 
-bool LogFile::StandsAtItsPath() const {
+bool LogFile::IsStillAtPath() const {
   struct stat status = {};
   return stat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_;
 }

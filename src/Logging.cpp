@@ -8,10 +8,10 @@
 #include <memory>
 
 #include "LogFile.h"
+#include "LogTexts.h"
 
 namespace {
-constexpr std::size_t kMaxFileSize = 10'485'760;
-constexpr std::size_t kOlderFiles = 5;
+constexpr std::size_t kMaxFileSize = 10'485'760;  // 10 MiB
 }  // namespace
 
 void SetUpLogging(const std::string& name, int argc, char** argv, const std::string& directory) {
@@ -20,20 +20,23 @@ void SetUpLogging(const std::string& name, int argc, char** argv, const std::str
   console->set_pattern("[%l] %v");
 
   const std::string path = directory + "/" + name + ".txt";
-  auto file = std::make_shared<LogFile>(path, kMaxFileSize, kOlderFiles, "[%c][%L] %v");
+  auto file = std::make_shared<LogFile>(path, kMaxFileSize, ugs::kOlderLogFiles, "[%c][%L] %v");
   file->set_level(spdlog::level::info);
 
   auto logger = std::make_shared<spdlog::logger>(name, spdlog::sinks_init_list{console, file});
   logger->flush_on(spdlog::level::warn);
 
+  // A second set-up in one process replaces the first; registering a taken name would throw.
   spdlog::drop(name);
   spdlog::register_logger(logger);
   spdlog::set_default_logger(logger);
 
+  // The command line comes last, so it wins.
   spdlog::cfg::load_env_levels();
   spdlog::cfg::load_argv_levels(argc, argv);
 }
 
+// Flushed at once, so that it keeps its place among the log lines, which the console sink flushes too.
 void PrintToConsole(const char* text) {
   std::fputs(text, stdout);
   std::fflush(stdout);

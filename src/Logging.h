@@ -3,8 +3,8 @@
 
 #include <spdlog/spdlog.h>
 
+#include <cstddef>
 #include <string>
-#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -18,34 +18,25 @@ void SetUpLogging(const std::string& name, int argc, char** argv, const std::str
 void PrintToConsole(const char* text);
 
 // A log text with its arguments checked, and the place that logs it. The constructor runs at compile time
-// only, so a text that came from a peer cannot become a format.
+// only, so a text that came from a peer cannot become a format. It is implicit: callers write the bare text.
 template <typename... Args>
-struct LogText {
+struct FormatWithLocation {
   template <std::size_t N>
-  // NOLINTNEXTLINE(google-explicit-constructor): callers write the bare text
-  consteval LogText(const char (&literal)[N], const char* sourceFile = __builtin_FILE(),
-                    int sourceLine = __builtin_LINE())
-      : text(literal), file(BaseName(sourceFile)), line(sourceLine) {}
+  consteval FormatWithLocation(const char (&literal)[N], const char* sourceFile = __builtin_FILE(),
+                               int sourceLine = __builtin_LINE())
+      : text(literal), file(sourceFile), line(sourceLine) {}
 
   fmt::format_string<Args...> text;
   const char* file;
   int line;
-
- private:
-  static consteval const char* BaseName(const char* path) {
-    const char* base = path;
-    for (const char* c = path; *c != '\0'; ++c) {
-      if (*c == '/') base = c + 1;
-    }
-    return base;
-  }
 };
 
-// Logs under one function's name. A function that logs holds one of these, since neither `__func__` nor
-// what clang 14 offers in its place carries the class. Immutable; thread-safe as the default logger is.
-class LogScope {
+// Logs under one function's name, class included. A function that logs holds one of these, since neither
+// `__func__` nor what clang 14 offers in its place carries the class. Immutable; as thread-safe as the
+// default logger.
+class FunctionLog {
  public:
-  explicit constexpr LogScope(const char* qualifiedFunction) : function_(qualifiedFunction) {}
+  explicit constexpr FunctionLog(const char* qualifiedFunction) : function_(qualifiedFunction) {}
 
   // False if info lines go nowhere: work done only for them can be left out.
   [[nodiscard]] static bool ShowsInfo() {
@@ -53,21 +44,21 @@ class LogScope {
   }
 
   template <typename... Args>
-  void Info(LogText<std::type_identity_t<Args>...> text, Args&&... args) const {
+  void Info(FormatWithLocation<std::type_identity_t<Args>...> text, Args&&... args) const {
     Write(spdlog::level::info, text, std::forward<Args>(args)...);
   }
   template <typename... Args>
-  void Warn(LogText<std::type_identity_t<Args>...> text, Args&&... args) const {
+  void Warn(FormatWithLocation<std::type_identity_t<Args>...> text, Args&&... args) const {
     Write(spdlog::level::warn, text, std::forward<Args>(args)...);
   }
   template <typename... Args>
-  void Error(LogText<std::type_identity_t<Args>...> text, Args&&... args) const {
+  void Error(FormatWithLocation<std::type_identity_t<Args>...> text, Args&&... args) const {
     Write(spdlog::level::err, text, std::forward<Args>(args)...);
   }
 
  private:
   template <typename... Args>
-  void Write(spdlog::level::level_enum level, const LogText<std::type_identity_t<Args>...>& text,
+  void Write(spdlog::level::level_enum level, const FormatWithLocation<std::type_identity_t<Args>...>& text,
              Args&&... args) const {
     spdlog::default_logger_raw()->log(spdlog::source_loc{text.file, text.line, function_}, level, text.text,
                                       std::forward<Args>(args)...);

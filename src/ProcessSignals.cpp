@@ -22,7 +22,7 @@ int ProcessSignals::WaitUntil(std::chrono::steady_clock::time_point deadline) co
     const timespec timeout{whole.count(), (left - whole).count()};
     const int signal = sigtimedwait(&handled_, nullptr, &timeout);
     if (signal > 0) return signal;
-    if (errno != EINTR) return 0;
+    if (errno != EINTR) return 0;  // a signal that we do not handle (SIGCONT) interrupts the wait
   }
 }
 
@@ -30,18 +30,18 @@ void ProcessSignals::StopProcess() {
   sigset_t stop;
   sigemptyset(&stop);
   sigaddset(&stop, SIGTSTP);
-  std::raise(SIGTSTP);
+  std::raise(SIGTSTP);                           // blocked, so it waits
   pthread_sigmask(SIG_UNBLOCK, &stop, nullptr);  // stops here
   pthread_sigmask(SIG_BLOCK, &stop, nullptr);
 }
 
-SignalsLeftToMainThread::SignalsLeftToMainThread() {
+ScopedSignalBlock::ScopedSignalBlock() {
   sigset_t all;
   sigfillset(&all);
   for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}) sigdelset(&all, fault);
   pthread_sigmask(SIG_BLOCK, &all, &before_);
 }
 
-SignalsLeftToMainThread::~SignalsLeftToMainThread() {
+ScopedSignalBlock::~ScopedSignalBlock() {
   pthread_sigmask(SIG_SETMASK, &before_, nullptr);
 }

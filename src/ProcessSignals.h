@@ -25,15 +25,16 @@ class ProcessSignals {
   sigset_t handled_;
 };
 
-// Threads that are started while one of these lives leave every signal sent to the process to the main
-// thread: a fatal signal's handler gives the terminal back, whose modes the main thread alone changes. Faults
-// of their own they keep, as a blocked one would end the process without its handler.
-class SignalsLeftToMainThread {
+// Blocks signals in the calling thread while it exists. A thread that is started meanwhile inherits that and
+// leaves every signal sent to the process to the main thread: a fatal signal's handler restores the terminal,
+// whose modes the main thread alone changes. Faults of a thread's own (SIGSEGV and the like) stay unblocked,
+// as a blocked one would end the process without its handler.
+class ScopedSignalBlock {
  public:
-  SignalsLeftToMainThread();
-  ~SignalsLeftToMainThread();
-  SignalsLeftToMainThread(const SignalsLeftToMainThread&) = delete;
-  SignalsLeftToMainThread& operator=(const SignalsLeftToMainThread&) = delete;
+  ScopedSignalBlock();
+  ~ScopedSignalBlock();
+  ScopedSignalBlock(const ScopedSignalBlock&) = delete;
+  ScopedSignalBlock& operator=(const ScopedSignalBlock&) = delete;
 
  private:
   sigset_t before_{};

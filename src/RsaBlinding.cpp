@@ -6,14 +6,9 @@
 #include <openssl/bn.h>
 #include <openssl/rsa.h>
 
-#include <memory>
+#include "OpenSsl.h"
 
 namespace {
-
-template <auto Free>
-struct Freeing {
-  void operator()(auto* object) const { Free(object); }
-};
 
 // Blinding for one modulus at a time: the keys of a server do not change. The steps are those of OpenSSL's
 // RSA_setup_blinding, with a Montgomery context, which is what makes the unblinding take constant time.
@@ -43,13 +38,18 @@ class Blinding {
                                              montgomery_.get()));
   }
 
-  std::unique_ptr<BIGNUM, Freeing<BN_free>> modulus_;
-  std::unique_ptr<BN_MONT_CTX, Freeing<BN_MONT_CTX_free>> montgomery_;  // used by blinding_
-  std::unique_ptr<BN_BLINDING, Freeing<BN_BLINDING_free>> blinding_;
+  ugs::OpenSslPtr<BIGNUM, BN_free> modulus_;
+  ugs::OpenSslPtr<BN_MONT_CTX, BN_MONT_CTX_free> montgomery_;  // used by blinding_
+  ugs::OpenSslPtr<BN_BLINDING, BN_BLINDING_free> blinding_;
 };
 
-// Raises `input` to the private exponent behind the blinding. OpenSSL calls it between the reading of the
-// block and the check of the padding.
+bool UnblindInConstantTime(BIGNUM* result, BN_BLINDING* blinding, BN_CTX* context) {
+  BN_set_flags(result, BN_FLG_CONSTTIME);  // as OpenSSL does, lest the length of the result show in the time
+  return BN_BLINDING_invert(result, blinding, context) == 1;
+}
+
+// Raises `input` to the private exponent with blinding around it. OpenSSL calls it after reading the block
+// and before checking the padding, only for keys with CRT members.
 int BlindedModExp(BIGNUM* result, const BIGNUM* input, RSA* key, BN_CTX* context) {
   thread_local Blinding kept;
   BN_CTX_start(context);
@@ -58,21 +58,33 @@ int BlindedModExp(BIGNUM* result, const BIGNUM* input, RSA* key, BN_CTX* context
   const bool done = blinded != nullptr && blinding != nullptr && BN_copy(blinded, input) != nullptr &&
                     BN_BLINDING_convert(blinded, blinding, context) == 1 &&
                     RSA_meth_get_mod_exp(RSA_PKCS1_OpenSSL())(result, blinded, key, context) == 1 &&
-                    BN_BLINDING_invert(result, blinding, context) == 1;
+                    UnblindInConstantTime(result, blinding, context);
   if (!done) kept.Drop();
   BN_CTX_end(context);
   return done ? 1 : 0;
 }
 
-}  // namespace
+bool HasCrtMembers(const RSA* key) {
+  for (const auto get : {RSA_get0_p, RSA_get0_q, RSA_get0_dmp1, RSA_get0_dmq1, RSA_get0_iqmp}) {
+    if (get(key) == nullptr) return false;
+  }
+  return true;
+}
 
-void UseKeptBlinding(RSA* key) {
-  static const std::unique_ptr<RSA_METHOD, Freeing<RSA_meth_free>> method = [] {
-    std::unique_ptr<RSA_METHOD, Freeing<RSA_meth_free>> copy(RSA_meth_dup(RSA_PKCS1_OpenSSL()));
+// OpenSSL's own method with our exponentiation; null if there was no memory for it.
+const RSA_METHOD* BlindedMethod() {
+  static const ugs::OpenSslPtr<RSA_METHOD, RSA_meth_free> method = [] {
+    ugs::OpenSslPtr<RSA_METHOD, RSA_meth_free> copy(RSA_meth_dup(RSA_PKCS1_OpenSSL()));
     if (copy != nullptr) RSA_meth_set_mod_exp(copy.get(), BlindedModExp);
     return copy;
   }();
-  if (method == nullptr) return;  // OpenSSL's own blinding then
-  RSA_set_method(key, method.get());
+  return method.get();
+}
+
+}  // namespace
+
+void UseKeptBlinding(RSA* key) {
+  if (BlindedMethod() == nullptr || !HasCrtMembers(key)) return;  // OpenSSL's own blinding then
+  RSA_set_method(key, BlindedMethod());
   RSA_set_flags(key, RSA_FLAG_NO_BLINDING);
 }

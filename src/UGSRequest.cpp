@@ -4,9 +4,9 @@
 
 #include <array>
 #include <functional>
-#include <span>
 
 #include "Logging.h"
+#include "ReportLayouts.h"
 
 using rapidjson::Value;
 using UGSDefs::Failed;
@@ -22,11 +22,13 @@ struct VersionRow {
   std::function<ReplyCode(const Value&, RequestData&, const char*)> parser;
 };
 
+// Newest first: a document that carries several layouts is read in the newest.
 const std::array kVersions{
-    VersionRow{"v6", UGSRequest::ParseV6},
-    VersionRow{"v5", UGSRequest::ParseV5},
-    VersionRow{"v4", UGSRequest::ParseV4},
+    VersionRow{ugs::kV6Layout.name, UGSRequest::ParseV6},
+    VersionRow{ugs::kV5Layout.name, UGSRequest::ParseV5},
+    VersionRow{ugs::kV4Layout.name, UGSRequest::ParseV4},
 };
+static_assert(kVersions.size() + 1 == ugs::kLayouts.size(), "a layout has no parser");
 
 // The member of `object` named `key`, or null. `object` must be an object.
 const Value* Find(const Value& object, const char* key) {
@@ -48,15 +50,67 @@ std::uint32_t ReadCount(const Value& value) {
   return 0;
 }
 
-ReplyCode ReadCounts(const Value& inUse, std::span<const CountField> fields, UsageCounts& counts,
-                     const LogScope& log) {
-  for (const CountField& field : fields) {
-    const Value* count = Find(inUse, field.key);
+ReplyCode ReadCounts(const Value& counts, const ugs::Layout& layout, ugs::UsageCounts& out,
+                     const FunctionLog& log) {
+  for (const ugs::CountField& field : layout.addedCounts) {
+    const Value* count = Find(counts, field.key);
     if (count == nullptr) {
-      log.Error("{}", field.textWhenMissing);
+      log.Error("error {}:: could not read data content\n", field.codeWhenMissing);
       return Failed;
     }
-    counts.*field.member = ReadCount(*count);
+    out.*field.member = ReadCount(*count);
+  }
+  return Ok;
+}
+
+// Where the absence of a member is told.
+enum class Outlet { kLog, kConsole };
+
+// A member that every request has. `read` answers false if the value is of a type that fails the request.
+struct MemberRow {
+  const char* key;
+  Outlet outlet;
+  const char* textWhenMissing;
+  bool (*read)(const Value& value, RequestData& out);
+  const char* textWhenWrong;
+};
+
+const std::array kMembers{
+    MemberRow{ugs::kInstanceIdMember, Outlet::kLog, "error 0xE099:: could not read data content",
+              [](const Value& value, RequestData& out) {
+                out.korvaneId = ReadString(value);
+                return true;
+              },
+              nullptr},
+    MemberRow{ugs::kContainerMember, Outlet::kLog, "error 0xE126:: could not read data content\n",
+              [](const Value& value, RequestData& out) {
+                out.dockerId = ReadString(value);
+                return true;
+              },
+              nullptr},
+    MemberRow{ugs::kCameraUrlsMember, Outlet::kLog, "error 0xE146:: could not read data content\n",
+              [](const Value& value, RequestData& out) {
+                if (!value.IsArray()) return false;
+                for (const Value& url : value.GetArray()) out.camRtspUrls.push_back(ReadString(url));
+                return true;
+              },
+              "error 0xE140:: could not read data content\n"},
+    MemberRow{ugs::kCountsMember, Outlet::kConsole, "error 0xE216:: could not read data content\n",
+              [](const Value& value, RequestData& /*out*/) { return value.IsObject(); },
+              "error 0xE210:: could not read data content\n"},
+};
+
+ReplyCode ReadMembers(const Value& request, RequestData& out, const FunctionLog& log) {
+  for (const MemberRow& row : kMembers) {
+    const Value* value = Find(request, row.key);
+    if (value == nullptr && row.outlet == Outlet::kConsole) {
+      PrintToConsole(row.textWhenMissing);
+      return Failed;
+    }
+    if (value == nullptr || !row.read(*value, out)) {
+      log.Error("{}", value == nullptr ? row.textWhenMissing : row.textWhenWrong);
+      return Failed;
+    }
   }
   return Ok;
 }
@@ -64,7 +118,7 @@ ReplyCode ReadCounts(const Value& inUse, std::span<const CountField> fields, Usa
 }  // namespace
 
 ReplyCode UGSRequest::Parse(const Value& root, RequestData& out) {
-  static constexpr LogScope log("UGSRequest::Parse");
+  static constexpr FunctionLog log("UGSRequest::Parse");
   if (!root.IsObject()) {
     log.Error("Error 0x476:: invalid data\n");
     return Failed;
@@ -76,63 +130,30 @@ ReplyCode UGSRequest::Parse(const Value& root, RequestData& out) {
 }
 
 ReplyCode UGSRequest::ParseLegacy(const Value& request, RequestData& out) {
-  static constexpr LogScope log("UGSRequest::ParseLegacy");
+  static constexpr FunctionLog log("UGSRequest::ParseLegacy");
   out = RequestData();
   if (!request.IsObject()) {
     log.Error("Error 0x476:: invalid data\n");
     return Failed;
   }
-  const Value* korvaneId = Find(request, "KorvaneID");
-  if (korvaneId == nullptr) {
-    log.Error("error 0xE099:: could not read data content");
-    return Failed;
-  }
-  out.korvaneId = ReadString(*korvaneId);
-
-  const Value* dockerId = Find(request, "DockerID");
-  if (dockerId == nullptr) {
-    log.Error("error 0xE126:: could not read data content\n");
-    return Failed;
-  }
-  out.dockerId = ReadString(*dockerId);
-
-  const Value* urls = Find(request, "CamRtspUrls");
-  if (urls == nullptr) {
-    log.Error("error 0xE146:: could not read data content\n");
-    return Failed;
-  }
-  if (!urls->IsArray()) {
-    log.Error("error 0xE140:: could not read data content\n");
-    return Failed;
-  }
-  for (const Value& url : urls->GetArray()) out.camRtspUrls.push_back(ReadString(url));
-
-  const Value* inUse = Find(request, "InUse");
-  if (inUse == nullptr) {
-    PrintToConsole("error 0xE216:: could not read data content\n");
-    return Failed;
-  }
-  if (!inUse->IsObject()) {
-    log.Error("error 0xE210:: could not read data content\n");
-    return Failed;
-  }
-  return ReadCounts(*inUse, kLegacyCounts, out.counts, log);
+  const ReplyCode code = ReadMembers(request, out, log);
+  return code == Ok ? ReadCounts(request[ugs::kCountsMember], ugs::kLegacyLayout, out.counts, log) : code;
 }
 
 ReplyCode UGSRequest::ParseV4(const Value& request, RequestData& out, const char* /*versionKey*/) {
-  static constexpr LogScope log("ParseV4");
+  static constexpr FunctionLog log("ParseV4");
   const ReplyCode code = ParseLegacy(request, out);
-  return code == Ok ? ReadCounts(request["InUse"], kV4Counts, out.counts, log) : code;
+  return code == Ok ? ReadCounts(request[ugs::kCountsMember], ugs::kV4Layout, out.counts, log) : code;
 }
 
 ReplyCode UGSRequest::ParseV5(const Value& request, RequestData& out, const char* versionKey) {
-  static constexpr LogScope log("ParseV5");
+  static constexpr FunctionLog log("ParseV5");
   const ReplyCode code = ParseV4(request, out, versionKey);
-  return code == Ok ? ReadCounts(request["InUse"], kV5Counts, out.counts, log) : code;
+  return code == Ok ? ReadCounts(request[ugs::kCountsMember], ugs::kV5Layout, out.counts, log) : code;
 }
 
 ReplyCode UGSRequest::ParseV6(const Value& request, RequestData& out, const char* versionKey) {
-  static constexpr LogScope log("ParseV6");
+  static constexpr FunctionLog log("ParseV6");
   const ReplyCode code = ParseV5(request, out, versionKey);
-  return code == Ok ? ReadCounts(request["InUse"], kV6Counts, out.counts, log) : code;
+  return code == Ok ? ReadCounts(request[ugs::kCountsMember], ugs::kV6Layout, out.counts, log) : code;
 }

@@ -10,7 +10,7 @@
 #include "UsageCounts.h"
 
 // Turns the JSON document of a report into a record. Stateless, and therefore thread-safe. Each layout's
-// parser runs the one before it and then reads the counts that its layout added (UsageCounts.h).
+// parser runs the one before it and then reads the counts that its layout added (ReportLayouts.h).
 //
 // A missing member fails the request with a log line of its own. A member of the wrong type does not fail
 // it: a count that is an integer gives its low 32 bits, any other value 0; a string member that is a number
@@ -23,7 +23,7 @@ class UGSRequest {
     std::string korvaneId = {};
     std::string dockerId = {};
     std::int32_t timeStamp = -1;  // seconds since 1970-01-01 UTC; -1 until the registry stamps it
-    UsageCounts counts = {};
+    ugs::UsageCounts counts = {};
   };
 
   // Chooses the layout by the member "v6", "v5" or "v4" of `root`, in that order; without one of them it is

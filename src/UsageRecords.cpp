@@ -1,27 +1,19 @@
 #include "UsageRecords.h"
 
 #include <algorithm>
-#include <array>
 #include <bit>
-#include <cstdlib>
 #include <ctime>
-#include <span>
 #include <string_view>
 
+#include "LogTexts.h"
 #include "Logging.h"
+#include "StatusReport.h"
 
 std::function<std::int32_t()> clockFunction = [] {
   return static_cast<std::int32_t>(std::time(nullptr));
 };
 
 namespace {
-
-// The details of a request show this row last, and only for a fleet that uses some other feature.
-constexpr std::uint32_t UsageCounts::*kConditionalMember = &UsageCounts::numNeuralPack;
-
-// Labels are padded to the longest one, so that all colons stand in one column.
-constexpr std::size_t kLabelWidth =
-    std::ranges::max(kReportRows, {}, [](const ReportRow& row) { return row.label.size(); }).label.size();
 
 // FNV-1a, 64 bits (Fowler, Noll, Vo).
 class Fnv1a {
@@ -54,7 +46,7 @@ std::string UsageRecords::InstanceKey(const UGSRequest::RequestData& request) {
 }
 
 std::int32_t UsageRecords::ApplyRequest(UGSRequest::RequestData& request) {
-  static constexpr LogScope log("UsageRecords::ApplyRequest");
+  static constexpr FunctionLog log("UsageRecords::ApplyRequest");
   const std::string key = InstanceKey(request);
   if (key.empty()) {
     log.Error("Error 0x442:: something wrong\n");
@@ -62,7 +54,7 @@ std::int32_t UsageRecords::ApplyRequest(UGSRequest::RequestData& request) {
   }
   request.timeStamp = clockFunction();
   {
-    const std::scoped_lock lock(mutex_);
+    const MutexLock lock(mutex_);
     PrintRequestDetails(ProspectiveTotals(key, request.counts));
   }
   Store(key, request);
@@ -70,36 +62,24 @@ std::int32_t UsageRecords::ApplyRequest(UGSRequest::RequestData& request) {
   return Stored;
 }
 
-UsageRecords::Records::const_iterator UsageRecords::LowerBound(const std::string& key) const {
+UsageRecords::Records::iterator UsageRecords::LowerBound(const std::string& key) {
   return std::ranges::lower_bound(records_, key, {}, &Record::key);
 }
 
-UsageCounts UsageRecords::ProspectiveTotals(const std::string& key, const UsageCounts& counts) const {
-  UsageCounts totals = totals_;
+ugs::UsageCounts UsageRecords::ProspectiveTotals(const std::string& key, const ugs::UsageCounts& counts) {
+  ugs::UsageCounts totals = totals_;
   const auto older = LowerBound(key);
   if (older != records_.end() && older->key == key) totals -= older->request.counts;
   return totals += counts;
 }
 
-void UsageRecords::PrintRequestDetails(const UsageCounts& prospectiveTotals) {
-  static constexpr LogScope log("UsageRecords::PrintRequestDetails");
-  const auto printRow = [&](const ReportRow& row) {
-    log.Info("{:<{}}: required: {}", row.label, kLabelWidth, prospectiveTotals.*row.member);
-  };
-  log.Info("==================== DETECT NEW REQUEST - {} ====================", clockFunction());
-  bool inUse = prospectiveTotals.numCollision != 0;  // counts towards the test though it is never printed
-  for (const ReportRow& row : kReportRows) {
-    if (row.member == kConditionalMember) continue;
-    printRow(row);
-    inUse = inUse || prospectiveTotals.*row.member != 0;
-  }
-  if (inUse) printRow(*std::ranges::find(kReportRows, kConditionalMember, &ReportRow::member));
-  log.Info("============================================================");
+void UsageRecords::PrintRequestDetails(const ugs::UsageCounts& prospectiveTotals) const {
+  LogRequestDetails(clockFunction(), prospectiveTotals);
 }
 
 void UsageRecords::Store(const std::string& key, const UGSRequest::RequestData& request) {
-  const std::scoped_lock lock(mutex_);
-  const auto place = records_.begin() + (LowerBound(key) - records_.cbegin());
+  const MutexLock lock(mutex_);
+  const auto place = LowerBound(key);
   if (place != records_.end() && place->key == key) {
     totals_ -= place->request.counts;
     place->request = request;
@@ -110,48 +90,42 @@ void UsageRecords::Store(const std::string& key, const UGSRequest::RequestData& 
 }
 
 void UsageRecords::CheckTimeStamp() {
-  if (RemoveSilent()) PrintStatus();
+  if (EraseExpired()) PrintStatus();
 }
 
-bool UsageRecords::RemoveSilent() {
-  static constexpr LogScope log("UsageRecords::CheckTimeStamp");
-  const std::scoped_lock lock(mutex_);
-  const auto removeIfSilent = [this](const Record& record) {
+bool UsageRecords::EraseExpired() {
+  static constexpr FunctionLog log("UsageRecords::CheckTimeStamp");
+  const MutexLock lock(mutex_);
+  const auto eraseIfSilent = [this](const Record& record) UGS_REQUIRES(mutex_) {
     const std::int32_t silence = Distance(clockFunction(), record.request.timeStamp);
     if (record.request.timeStamp == -1 || silence <= expiryTimeout_) return false;
-    log.Info("Deleting korvane {0} as no new update after {1} seconds\n", record.key, silence);
+    log.Info(ugs::kExpiredText, record.key, silence);
     totals_ -= record.request.counts;
     return true;
   };
-  return std::erase_if(records_, removeIfSilent) > 0;
+  return std::erase_if(records_, eraseIfSilent) > 0;
 }
 
 void UsageRecords::PrintStatus() const {
-  static constexpr LogScope log("UsageRecords::PrintStatus");
-  if (!LogScope::ShowsInfo()) return;
-  const std::scoped_lock lock(mutex_);
-  UsageCounts::Slots slots{};
-  for (const Record& record : records_) record.request.counts.AddTo(slots);
-  const auto sums = std::bit_cast<UsageCounts>(slots);
-  log.Info("******** UGS version {} **************", UGSDefs::kVersion);
-  log.Info("-------------------{}-----------------------------", clockFunction());
-  for (const ReportRow& row : kReportRows) {
-    log.Info("{:<{}}: in use: {}", row.label, kLabelWidth, sums.*row.member);
-  }
-  log.Info("----------------------------------------------------");
+  if (!FunctionLog::ShowsInfo()) return;  // summing a large fleet takes longer than the rest of a report
+  const MutexLock lock(mutex_);
+  ugs::CountSlots sums{};
+  for (const Record& record : records_) sums += record.request.counts;
+  LogStatus(clockFunction(), std::bit_cast<ugs::UsageCounts>(sums));
+}
+
+UsageRecords::Records UsageRecords::Snapshot() const {
+  const MutexLock lock(mutex_);
+  return records_;
 }
 
 std::uint64_t UsageRecords::TotalCameras() const {
-  const auto snapshot = [this] {
-    const std::scoped_lock lock(mutex_);
-    return records_;
-  }();
   std::uint64_t cameras = 0;
-  for (const Record& record : snapshot) cameras += record.request.counts.maxCameras;
+  for (const Record& record : Snapshot()) cameras += record.request.counts.maxCameras;
   return cameras;
 }
 
-UsageCounts UsageRecords::Totals() const {
-  const std::scoped_lock lock(mutex_);
+ugs::UsageCounts UsageRecords::Totals() const {
+  const MutexLock lock(mutex_);
   return totals_;
 }

@@ -1,12 +1,11 @@
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "Mutex.h"
 #include "UGSRequest.h"
 
 // The wall clock of the registry: whole seconds since 1970-01-01 UTC, narrowed to 32 bits. Never empty.
@@ -14,7 +13,8 @@
 extern std::function<std::int32_t()> clockFunction;
 
 // Holds the newest report of every instance and keeps the fleet's totals.
-// Thread-safe: one mutex, a leaf (nothing else is locked while it is held, but log lines are written).
+// Thread-safe: one mutex, a leaf (nothing else is locked while it is held, but log lines are written, so that
+// each print is one consistent picture).
 // Invariant: the running totals equal the sum of `counts` over all records, modulo 2^32.
 class UsageRecords {
  public:
@@ -24,47 +24,50 @@ class UsageRecords {
     NoInstanceKey = 3,
   };
 
+  struct Record {
+    std::string key;  // InstanceKey of the request
+    UGSRequest::RequestData request;
+  };
+  // Sorted by key. Every tick walks all records, and neighbours in memory are walked several times faster
+  // than the nodes of a tree; only the first report of an instance moves others.
+  using Records = std::vector<Record>;
+
   // Stamps `request`, logs its details, puts it in the place of the instance's older report and prints the
   // status. A request without an identity or without a camera URL changes nothing and gives NoInstanceKey.
-  std::int32_t ApplyRequest(UGSRequest::RequestData& request);
+  std::int32_t ApplyRequest(UGSRequest::RequestData& request) UGS_EXCLUDES(mutex_);
 
   // Forgets every instance whose last report is more than 120 s from the clock, in either direction, and
   // prints the status if there was one.
-  void CheckTimeStamp();
+  void CheckTimeStamp() UGS_EXCLUDES(mutex_);
 
-  // Writes the fleet's usage to the log: one consistent picture, summed from the records.
-  void PrintStatus() const;
+  // Writes the fleet's usage to the log, summed from the records.
+  void PrintStatus() const UGS_EXCLUDES(mutex_);
+
+  // A copy of all records, taken in one go: a consistent picture that the caller can walk at leisure.
+  [[nodiscard]] Records Snapshot() const UGS_EXCLUDES(mutex_);
 
   // The sum of `maxCameras` over all records.
-  [[nodiscard]] std::uint64_t TotalCameras() const;
+  [[nodiscard]] std::uint64_t TotalCameras() const UGS_EXCLUDES(mutex_);
 
   // The running totals.
-  [[nodiscard]] UsageCounts Totals() const;
+  [[nodiscard]] ugs::UsageCounts Totals() const UGS_EXCLUDES(mutex_);
 
   // A lowercase hexadecimal FNV-1a 64 digest, without leading zeros, of the identity followed by the camera
   // URLs: the same cameras in another order are another instance. Empty if either part is empty.
   [[nodiscard]] static std::string InstanceKey(const UGSRequest::RequestData& request);
 
  private:
-  struct Record {
-    std::string key;
-    UGSRequest::RequestData request;
-  };
-  // Sorted by key. Every turn walks all records, and neighbours in memory are walked several times faster
-  // than the nodes of a tree; only the first report of an instance moves others.
-  using Records = std::vector<Record>;
-
-  // These need the mutex held.
-  [[nodiscard]] Records::const_iterator LowerBound(const std::string& key) const;
-  [[nodiscard]] UsageCounts ProspectiveTotals(const std::string& key, const UsageCounts& counts) const;
-
-  static void PrintRequestDetails(const UsageCounts& prospectiveTotals);
-  void Store(const std::string& key, const UGSRequest::RequestData& request);
-  [[nodiscard]] bool RemoveSilent();
+  // Where the record of `key` is, or where it would be inserted.
+  [[nodiscard]] Records::iterator LowerBound(const std::string& key) UGS_REQUIRES(mutex_);
+  [[nodiscard]] ugs::UsageCounts ProspectiveTotals(const std::string& key, const ugs::UsageCounts& counts)
+      UGS_REQUIRES(mutex_);
+  void PrintRequestDetails(const ugs::UsageCounts& prospectiveTotals) const UGS_REQUIRES(mutex_);
+  void Store(const std::string& key, const UGSRequest::RequestData& request) UGS_EXCLUDES(mutex_);
+  [[nodiscard]] bool EraseExpired() UGS_EXCLUDES(mutex_);
 
   const std::int64_t expiryTimeout_ = 120;  // seconds
 
-  mutable std::mutex mutex_;  // guards all that follows
-  Records records_;
-  UsageCounts totals_;
+  mutable Mutex mutex_;
+  Records records_ UGS_GUARDED_BY(mutex_);
+  ugs::UsageCounts totals_ UGS_GUARDED_BY(mutex_);
 };

@@ -18,8 +18,11 @@
 #include "ConsoleKeyboard.h"
 #include "Deadline.h"
 #include "KorvaneControllerServer.h"
+#include "KorvaneUGSZMQ.h"
 #include "Logging.h"
+#include "PrivateKey.h"
 #include "ProcessSignals.h"
+#include "UGSDefs.h"
 
 namespace {
 
@@ -36,14 +39,15 @@ Ticks SystemTicks() {
 }
 
 // A closed standard descriptor would be reused by the log file or a socket, and written to as the console.
-void OccupyStandardDescriptors() {
+void OpenMissingStdio() {
   for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
     if (fcntl(descriptor, F_GETFD) == -1) open("/dev/null", O_RDWR);
   }
 }
 
-// Every peer takes a descriptor; at the soft limit new ones are refused, at a full core's cost.
-void RaiseOpenFileLimit(const LogScope& log) {
+// Every peer takes a descriptor. At the soft limit the accept of a new peer fails and is tried again without
+// end, which takes a whole core.
+void RaiseOpenFileLimit(const FunctionLog& log) {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
     limit.rlim_cur = limit.rlim_max;
@@ -59,12 +63,17 @@ void ReturnLargeBlocksWhenFreed() {
 }
 
 void FlushLogPeriodically() {
-  const SignalsLeftToMainThread guard;
+  const ScopedSignalBlock block;
   spdlog::flush_every(kLogFlushPeriod);
 }
 
-void Start(KorvaneControllerServer& server) {
-  const SignalsLeftToMainThread guard;
+std::unique_ptr<KorvaneControllerServer> MakeServer() {
+  return std::make_unique<KorvaneControllerServer>(kEncrypted, UGSDefs::kPort, ScrambledPrivateKey(),
+                                                   std::make_unique<KorvaneUGSZMQ>());
+}
+
+void StartWithSignalsBlocked(KorvaneControllerServer& server) {
+  const ScopedSignalBlock block;
   server.Start();
 }
 
@@ -72,12 +81,12 @@ bool IsQuitKey(std::optional<char> key) {
   return key == ConsoleKeyboard::kEscape || key == 'Q' || key == 'q';
 }
 
-// Sleeps to the end of the turn. True if a signal asked the server to end.
+// Sleeps to the end of the tick. True if a signal asked the server to end.
 bool WaitForQuitSignal(const ProcessSignals& signals, ConsoleKeyboard& keyboard) {
   const auto deadline = DeadlineAfter(kLoopPeriod);
   while (const int signal = signals.WaitUntil(deadline)) {
     if (signal != SIGTSTP) return true;
-    keyboard.ReleaseTerminal();
+    keyboard.RestoreTerminal();
     ProcessSignals::StopProcess();
   }
   return false;
@@ -86,9 +95,9 @@ bool WaitForQuitSignal(const ProcessSignals& signals, ConsoleKeyboard& keyboard)
 }  // namespace
 
 int main(int argc, char** argv) {
-  static constexpr LogScope log("main");
+  static constexpr FunctionLog log("main");
   ReturnLargeBlocksWhenFreed();
-  OccupyStandardDescriptors();
+  OpenMissingStdio();
   const ProcessSignals signals;
   const std::string logDirectory = "logs";
   const std::string logName = "KorvaneUGS.log";
@@ -97,8 +106,8 @@ int main(int argc, char** argv) {
   log.Warn("UGS version {}", UGSDefs::kVersion);
   RaiseOpenFileLimit(log);
 
-  auto server = std::make_unique<KorvaneControllerServer>(kEncrypted, UGSDefs::kPort);
-  Start(*server);
+  auto server = MakeServer();
+  StartWithSignalsBlocked(*server);
   PrintToConsole("\n");
   PrintToConsole("Press a key to exit...\n");
   ConsoleKeyboard keyboard;
@@ -111,10 +120,10 @@ int main(int argc, char** argv) {
     quit = IsQuitKey(keyboard.ReadKey());
     if (SystemTicks() - lastBuild >= kRefreshPeriod) {
       log.Info("Refreshing UGS server...");
-      auto fresh = std::make_unique<KorvaneControllerServer>(kEncrypted, UGSDefs::kPort);
+      auto fresh = MakeServer();
       server.reset();  // the port must be free before the new server binds it
       server = std::move(fresh);
-      Start(*server);
+      StartWithSignalsBlocked(*server);
       lastBuild = SystemTicks();
     }
     quit = quit || WaitForQuitSignal(signals, keyboard);

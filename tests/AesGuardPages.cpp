@@ -9,7 +9,7 @@
 #include <new>
 #include <vector>
 
-#include "Envelope.h"
+#include "Crypto.h"
 
 namespace {
 

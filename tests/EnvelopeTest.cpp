@@ -1,4 +1,5 @@
-#include "Envelope.h"
+#include "Crypto.h"
+#include "Secrets.h"
 
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
@@ -148,7 +149,7 @@ TEST(AesCbcDecryptTest, AShortIvIsFilledUpWithZeroes) {
 
 TEST(WipeOnExitTest, LeavesOnlyZeroesBehind) {
   std::string secret = "a secret that must not stay in memory";
-  { const WipeOnExit wipe(secret); }
+  { const ugs::WipeOnExit wipe(secret); }
   EXPECT_EQ(secret, std::string(secret.size(), '\0'));
 }
 

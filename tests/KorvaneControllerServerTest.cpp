@@ -5,7 +5,7 @@
 
 #include <chrono>
 
-#include "Envelope.h"
+#include "Crypto.h"
 #include "TestSupport.h"
 
 namespace {
@@ -54,7 +54,7 @@ class IntakeTest : public testing::Test {
  protected:
   const std::uint16_t port = FreePort();
   CapturedLog log;
-  KorvaneControllerServer server{true, port};
+  KorvaneControllerServer server{true, port, ScrambledPrivateKey(), std::make_unique<KorvaneUGSZMQ>()};
 };
 
 TEST_F(IntakeTest, ABurstIsAnsweredInOrderOneRequestATurn) {

@@ -14,8 +14,8 @@ namespace {
 namespace fs = std::filesystem;
 
 // Text that came from a peer can be an argument of a log line, never its format.
-static_assert(!std::is_constructible_v<LogText<>, std::string>);
-static_assert(!std::is_constructible_v<LogText<>, const char*>);
+static_assert(!std::is_constructible_v<FormatWithLocation<>, std::string>);
+static_assert(!std::is_constructible_v<FormatWithLocation<>, const char*>);
 
 class LoggingTest : public testing::Test {
  protected:
@@ -46,7 +46,7 @@ class LoggingTest : public testing::Test {
 TEST_F(LoggingTest, ConsoleAndFileHaveTheirOwnForm) {
   testing::internal::CaptureStdout();
   SetUpWith({});
-  static constexpr LogScope log("LoggingTest");
+  static constexpr FunctionLog log("LoggingTest");
   log.Info("an {} line", "info");
   log.Warn("a warning");
   spdlog::debug("dropped");

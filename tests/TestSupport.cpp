@@ -139,14 +139,6 @@ std::string Wrap(EVP_PKEY* key, std::string_view text) {
   return Base64Encode(wrapped);
 }
 
-std::string Base64Encode(std::string_view bytes) {
-  std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');
-  EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
-                  reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
-  text.pop_back();
-  return text;
-}
-
 std::uint16_t FreePort() {
   const int descriptor = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address{};

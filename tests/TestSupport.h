@@ -19,8 +19,19 @@
 #include <vector>
 #include <zmq.hpp>
 
+#include "Base64.h"
+#include "KorvaneUGSZMQ.h"
+#include "PrivateKey.h"
+#include "ScrambledKey.h"
 #include "Sealer.h"
 #include "UGSRequest.h"
+
+using ugs::Base64Decode;
+using ugs::Base64Encode;
+using ugs::CountSlots;
+using ugs::ScrambleKey;
+using ugs::UnscrambleKey;
+using ugs::UsageCounts;
 
 struct LogLine {
   spdlog::level::level_enum level;
@@ -87,7 +98,6 @@ std::string Seal(std::string_view plaintext);  // for that pair
 std::string WrapKey(std::string_view key);     // for that pair; what goes into it, 245 bytes at most
 // RSA with PKCS #1 v1.5 padding, as base64. `text` must fit into the key's size less 11 bytes.
 std::string Wrap(EVP_PKEY* key, std::string_view text);
-std::string Base64Encode(std::string_view bytes);
 
 // A TCP port that was free a moment ago.
 std::uint16_t FreePort();

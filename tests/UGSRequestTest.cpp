@@ -38,14 +38,14 @@ TEST_F(UGSRequestTest, EachLayoutFillsItsCountsInTheRecordsOrder) {
       {"FaceTier2", 22}};
   for (const std::string& layout : ugs::LayoutNames()) {
     DocumentText document{.layout = layout};
-    UsageCounts::Slots expected{};
+    CountSlots expected{};
     for (const std::string& key : ugs::CountKeys(layout)) {
       const std::size_t slot = slots.at(key);
       expected[slot] = static_cast<std::uint32_t>(100 + slot);
       document.raw[key] = std::to_string(expected[slot]);
     }
     EXPECT_EQ(Parse(document.Write()), Ok) << layout;
-    EXPECT_EQ(std::bit_cast<UsageCounts::Slots>(request.counts), expected) << layout;
+    EXPECT_EQ(std::bit_cast<CountSlots>(request.counts), expected) << layout;
     EXPECT_EQ(request.korvaneId, "id");
     EXPECT_EQ(request.dockerId, "docker");
     EXPECT_EQ(request.camRtspUrls, std::vector<std::string>{"rtsp://camera"});

@@ -1,8 +1,6 @@
 #include "Keygen.h"
 
 #include <fcntl.h>
-#include <openssl/bio.h>
-#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
@@ -15,11 +13,11 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
-#include <vector>
 
-#include "Envelope.h"
-#include "KorvaneControllerServer.h"
+#include "OpenSsl.h"
+#include "ScrambledKey.h"
 #include "Sealer.h"
+#include "Secrets.h"
 
 namespace fs = std::filesystem;
 
@@ -30,13 +28,13 @@ namespace {
 constexpr int kModulusBits = 2048;
 constexpr std::size_t kPemSize = 1674;
 
-using KeyPtr = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
-using BioPtr = std::unique_ptr<BIO, decltype(&BIO_free)>;
+using ugs::BioPtr;
+using ugs::PKeyPtr;
 
 // What `write` puts into a memory BIO, without the last newline.
 template <typename Write>
 std::string PemText(Write write) {
-  const BioPtr bio(BIO_new(BIO_s_secmem()), BIO_free);
+  const BioPtr bio(BIO_new(BIO_s_secmem()));
   char* data = nullptr;
   if (bio == nullptr || write(bio.get()) != 1) throw std::runtime_error("the key cannot be written as PEM");
   const long size = BIO_get_mem_data(bio.get(), &data);
@@ -53,12 +51,12 @@ std::string PublicPem(EVP_PKEY* key) {
   return PemText([key](BIO* bio) { return PEM_write_bio_PUBKEY(bio, key); }) + "\n";
 }
 
-KeyPtr GenerateKey() {
+PKeyPtr GenerateKey() {
   while (true) {
-    KeyPtr key(EVP_RSA_gen(kModulusBits), EVP_PKEY_free);
+    PKeyPtr key(EVP_RSA_gen(kModulusBits));
     if (key == nullptr) throw std::runtime_error("OpenSSL could not make an RSA key");
     std::string pem = PrivatePem(key.get());
-    const WipeOnExit wipe(pem);
+    const ugs::WipeOnExit wipe(pem);
     if (pem.size() == kPemSize) return key;
   }
 }
@@ -68,11 +66,11 @@ int NotePasswordWanted(char* /*buffer*/, int /*size*/, int /*writing*/, void* wa
   return -1;
 }
 
-KeyPtr ReadKey(const fs::path& file) {
-  const BioPtr bio(BIO_new_file(file.c_str(), "r"), BIO_free);
+PKeyPtr ReadKey(const fs::path& file) {
+  const BioPtr bio(BIO_new_file(file.c_str(), "r"));
   if (bio == nullptr) throw std::runtime_error("cannot read " + file.string());
   bool passwordWanted = false;
-  KeyPtr key(PEM_read_bio_PrivateKey(bio.get(), nullptr, NotePasswordWanted, &passwordWanted), EVP_PKEY_free);
+  PKeyPtr key(PEM_read_bio_PrivateKey(bio.get(), nullptr, NotePasswordWanted, &passwordWanted));
   if (passwordWanted) {
     throw std::runtime_error(file.string() + " is encrypted; decrypt it first: openssl rsa -in " +
                              file.string() + " -out PLAIN.pem");
@@ -83,11 +81,16 @@ KeyPtr ReadKey(const fs::path& file) {
   return key;
 }
 
-// Opens with the server's own code what the client library seals.
-void ProvePair(const std::string& scrambled, const ugs::Sealer& sealer) {
-  KorvaneControllerServer server(true, 0, scrambled, nullptr);
-  if (server.ProcessData(sealer.Seal(UGSDefs::kGreeting)) != UGSDefs::Hello) {
-    throw std::runtime_error("the key pair does not open what it seals");
+// Reads both halves back as the server and the instances will, and compares them.
+void ProvePair(const std::string& scrambled, const std::string& publicPem) {
+  std::string pem = ugs::UnscrambleKey(scrambled);
+  const ugs::WipeOnExit wipe(pem);
+  const BioPtr privateText(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+  const BioPtr publicText(BIO_new_mem_buf(publicPem.data(), static_cast<int>(publicPem.size())));
+  const PKeyPtr privateKey(PEM_read_bio_PrivateKey(privateText.get(), nullptr, nullptr, nullptr));
+  const PKeyPtr publicKey(PEM_read_bio_PUBKEY(publicText.get(), nullptr, nullptr, nullptr));
+  if (privateKey == nullptr || publicKey == nullptr || EVP_PKEY_eq(privateKey.get(), publicKey.get()) != 1) {
+    throw std::runtime_error("the two halves of the key pair do not belong together");
   }
 }
 
@@ -97,7 +100,6 @@ class FileDescriptor {
   ~FileDescriptor() { close(descriptor_); }
   FileDescriptor(const FileDescriptor&) = delete;
   FileDescriptor& operator=(const FileDescriptor&) = delete;
-  [[nodiscard]] int Get() const { return descriptor_; }
 
  private:
   const int descriptor_;
@@ -110,9 +112,12 @@ void CreateFile(const fs::path& file, mode_t mode, const std::string& content) {
   const int descriptor = open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
   if (descriptor == -1) fail("cannot create");
   const FileDescriptor owner(descriptor);
-  if (fchmod(descriptor, mode) != 0) fail("cannot set the mode of");
-  if (write(descriptor, content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
+  if (fchmod(descriptor, mode) != 0 ||
+      write(descriptor, content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
       fsync(descriptor) != 0) {
+    const int error = errno;
+    unlink(file.c_str());  // half a file would only stop the next try
+    errno = error;
     fail("cannot write");
   }
 }
@@ -125,21 +130,20 @@ std::string MakeKeyPair(const fs::path& directory, const std::optional<fs::path>
   for (const fs::path& file : {privateFile, publicFile}) {
     if (fs::exists(file)) throw std::runtime_error(file.string() + " exists and will not be overwritten");
   }
-  const KeyPtr key = from ? ReadKey(*from) : GenerateKey();
+  const PKeyPtr key = from ? ReadKey(*from) : GenerateKey();
   std::string pem = PrivatePem(key.get());
-  const WipeOnExit wipe(pem);
-  const std::string scrambled = ScrambleKey(pem);
+  const ugs::WipeOnExit wipe(pem);
+  const std::string scrambled = ugs::ScrambleKey(pem);
   const std::string publicPem = PublicPem(key.get());
-  const ugs::Sealer sealer(publicPem);
-  ProvePair(scrambled, sealer);
+  ProvePair(scrambled, publicPem);
 
   fs::create_directories(directory);
   CreateFile(privateFile, 0600, scrambled);
   try {
     CreateFile(publicFile, 0644, publicPem);
   } catch (...) {
-    fs::remove(privateFile);  // half a pair would only stand in the way of the next try
+    fs::remove(privateFile);  // half a pair would only stop the next try
     throw;
   }
-  return sealer.Fingerprint();
+  return ugs::Sealer(publicPem).Fingerprint();
 }

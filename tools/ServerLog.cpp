@@ -8,38 +8,39 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "LogTexts.h"
+#include "ReportLayouts.h"
+
 namespace fs = std::filesystem;
 
 namespace {
 
-constexpr int kOlderFiles = 5;
-constexpr std::string_view kInUse = ": in use: ";
-
-// The text behind "[time][level] "; empty for the blank line behind a text that ends in a newline.
+// The text after "[time][level] "; empty for the blank line after a text that ends in a newline.
 std::string_view Message(std::string_view line) {
   const std::size_t end = line.find("] ");
   return line.starts_with('[') && end != std::string_view::npos ? line.substr(end + 2) : std::string_view();
 }
 
 // Takes a line of a status block: its label is one of the report's, its figure goes into `counts`.
-bool TakeFigure(std::string_view message, UsageCounts& counts) {
-  const std::size_t colon = message.find(kInUse);
-  if (colon == std::string_view::npos) return false;
-  const std::string_view label = message.substr(0, message.substr(0, colon).find(' '));
-  const auto* row = std::ranges::find(kReportRows, label.substr(0, colon), &ReportRow::label);
-  if (row == kReportRows.end()) return false;
-  const std::string_view figure = message.substr(colon + kInUse.size());
-  std::from_chars(figure.data(), figure.data() + figure.size(), counts.*row->member);
+bool TakeFigure(std::string_view message, ugs::UsageCounts& counts) {
+  const std::size_t mark = message.find(ugs::kInUseMark);
+  if (mark == std::string_view::npos) return false;
+  std::string_view label = message.substr(0, mark);
+  label = label.substr(0, label.find_last_not_of(' ') + 1);
+  const auto field = std::ranges::find(ugs::kPrintedCounts, label, &ugs::CountField::label);
+  if (field == ugs::kPrintedCounts.end()) return false;
+  const std::string_view figure = message.substr(mark + ugs::kInUseMark.size());
+  std::from_chars(figure.data(), figure.data() + figure.size(), counts.*field->member);
   return true;
 }
 
 class Reader {
  public:
   void Take(std::string_view message) {
-    if (message.starts_with("==================== DETECT NEW REQUEST")) reported_ = true;
-    if (message.starts_with("Deleting korvane ")) ++deletions_;
-    if (message.starts_with("******** UGS version")) figures_ = 0;
-    if (TakeFigure(message, counts_) && ++figures_ == kReportRows.size()) EndBlock();
+    if (message.starts_with(ugs::Beginning(ugs::kNewRequestText))) reported_ = true;
+    if (message.starts_with(ugs::Beginning(ugs::kExpiredText))) ++deletions_;
+    if (message.starts_with(ugs::Beginning(ugs::kStatusHeaderText))) figures_ = 0;
+    if (TakeFigure(message, counts_) && ++figures_ == ugs::kPrintedCounts.size()) EndBlock();
   }
   [[nodiscard]] const ServerLog::Findings& Findings() const { return findings_; }
 
@@ -53,7 +54,7 @@ class Reader {
   }
 
   ServerLog::Findings findings_;
-  UsageCounts counts_;
+  ugs::UsageCounts counts_;
   std::size_t figures_ = 0;
   bool reported_ = false;      // since the last block that counts
   std::size_t deletions_ = 0;  // since then
@@ -70,7 +71,7 @@ ServerLog::ServerLog(fs::path file) : file_(std::move(file)) {
 
 std::vector<fs::path> ServerLog::FilesOldestFirst() const {
   std::vector<fs::path> files;
-  for (int index = kOlderFiles; index > 0; --index) {
+  for (std::size_t index = ugs::kOlderLogFiles; index > 0; --index) {
     fs::path older = file_;
     older.replace_extension(std::to_string(index) + file_.extension().string());
     files.push_back(older);

@@ -16,8 +16,8 @@ class ServerLog {
   explicit ServerLog(std::filesystem::path file);
 
   struct Findings {
-    std::optional<UsageCounts> lastStatus;  // of the status block behind the last report
-    std::size_t deletions = 0;              // instances that were forgotten before it
+    std::optional<ugs::UsageCounts> lastStatus;  // of the status block after the last report
+    std::size_t deletions = 0;                   // instances that were forgotten before it
   };
   // What expires after the last report is left out: instances that no longer report should expire.
   [[nodiscard]] Findings Read() const;

@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <atomic>
+#include <charconv>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
@@ -15,6 +16,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Fleet.h"
@@ -97,7 +99,7 @@ struct Target {
     }
   }
 
-  [[nodiscard]] int Conclude(std::optional<int> code, int expected) const {
+  [[nodiscard]] int PrintOutcome(std::optional<int> code, int expected) const {
     if (!code) {
       const ugs::Address address = ugs::ParseAddress(server);
       std::cerr << "ugs: no answer from host " << address.host << ", port " << address.port << " within "
@@ -117,12 +119,17 @@ struct Target {
   }
 };
 
+bool ParseCount(std::string_view text, std::uint32_t& count) {
+  const auto [last, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+  return error == std::errc() && last == text.data() + text.size();
+}
+
 std::map<std::string, std::uint32_t> ParseCounts(const std::vector<std::string>& uses) {
   std::map<std::string, std::uint32_t> counts;
   for (const std::string& use : uses) {
     const std::size_t equals = use.find('=');
     std::uint32_t count = 0;
-    if (equals == std::string::npos || !CLI::detail::lexical_cast(use.substr(equals + 1), count)) {
+    if (equals == std::string::npos || !ParseCount(std::string_view(use).substr(equals + 1), count)) {
       throw std::invalid_argument("--use " + use + " is not NAME=COUNT with a count from 0 to 4294967295");
     }
     counts[use.substr(0, equals)] = count;
@@ -174,7 +181,7 @@ int ReportEvery(double seconds, const ugs::Usage& usage, const Target& target) {
   const ugs::Reporter reporter(
       target.server, target.key, [&usage] { return usage; },
       std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(seconds)),
-      [&](std::optional<int> code) { exitCode = target.Conclude(code, UGSDefs::Ok); }, target.Timeout());
+      [&](std::optional<int> code) { exitCode = target.PrintOutcome(code, UGSDefs::Ok); }, target.Timeout());
   int signal = 0;
   sigwait(&ending, &signal);
   return exitCode;
@@ -214,7 +221,7 @@ Command AddReport(CLI::App& app) {
     if (options->every > 0) return ReportEvery(options->every, options->usage, options->target);
     const std::string document =
         options->json.empty() ? ugs::WriteDocument(options->usage) : ReadText(options->json);
-    return options->target.Conclude(options->target.Connect().SendDocument(document), UGSDefs::Ok);
+    return options->target.PrintOutcome(options->target.Connect().SendDocument(document), UGSDefs::Ok);
   };
 }
 
@@ -223,7 +230,7 @@ Command AddPing(CLI::App& app) {
   const auto target = std::make_shared<Target>();
   target->AddOptions(*command);
   return [target] {
-    return target->Conclude(target->Connect().Greet(), UGSDefs::Hello);
+    return target->PrintOutcome(target->Connect().Greet(), UGSDefs::Hello);
   };
 }
 
@@ -252,7 +259,8 @@ Command AddFleet(CLI::App& app) {
       ->check(CLI::IsMember(ugs::LayoutNames()))
       ->capture_default_str();
   command->add_flag("--random", options->random, "reports come at random moments, not evenly");
-  command->add_option("--patience", options->patience, "seconds to wait for answers after the last report")
+  command
+      ->add_option("--drain,--patience", options->drain, "seconds to wait for answers after the last report")
       ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
   command->add_flag("--json", options->json, "print the outcome as JSON");

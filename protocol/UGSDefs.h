@@ -1,5 +1,4 @@
-// What the server and the instances that report to it have agreed on, apart from the counts themselves
-// (UsageCounts.h). The client library includes both headers and nothing else of src/.
+// What a server and the instances that report to it have agreed on, apart from the layouts (ReportLayouts.h).
 #pragma once
 
 #include <cstdint>
@@ -17,5 +16,10 @@ enum ReplyCode : std::int32_t {
 inline constexpr std::string_view kVersion = "2025.3.0-3380";
 inline constexpr std::string_view kGreeting = "{hello}";
 inline constexpr std::uint16_t kPort = 9304;
+
+// The members of an envelope, each the base64 of bytes.
+inline constexpr const char* kWrappedKeyMember = "data1";
+inline constexpr const char* kIvMember = "data2";
+inline constexpr const char* kCiphertextMember = "data3";
 
 }  // namespace UGSDefs

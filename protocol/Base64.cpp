@@ -1,0 +1,50 @@
+#include "Base64.h"
+
+#include <openssl/evp.h>
+
+#include <array>
+#include <cstdint>
+
+namespace ugs {
+namespace {
+
+constexpr std::array<int, 256> kValues = [] {
+  constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::array<int, 256> values{};
+  values.fill(-1);
+  for (std::size_t i = 0; i < alphabet.size(); ++i) {
+    values[static_cast<unsigned char>(alphabet[i])] = static_cast<int>(i);
+  }
+  return values;
+}();
+
+}  // namespace
+
+std::string Base64Encode(std::string_view bytes) {
+  std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');  // EVP_EncodeBlock ends its output with a NUL
+  EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                  reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
+  text.pop_back();
+  return text;
+}
+
+// By hand, since OpenSSL's decoder refuses what follows the text instead of ending there.
+std::string Base64Decode(std::string_view text) {
+  std::string bytes;
+  bytes.reserve(text.size() / 4 * 3 + 2);
+  std::uint32_t group = 0;
+  int bits = 0;
+  for (const char c : text) {
+    const int value = kValues[static_cast<unsigned char>(c)];
+    if (value < 0) break;
+    group = group << 6 | static_cast<std::uint32_t>(value);
+    bits += 6;
+    if (bits >= 8) {
+      bits -= 8;
+      bytes.push_back(static_cast<char>(group >> bits & 0xff));
+    }
+  }
+  return bytes;
+}
+
+}  // namespace ugs

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "Fleet.h"
+#include "FleetConnections.h"
+#include "Sealer.h"
+#include "UgsClient.h"
+#include "UsageCounts.h"
+
+// One report of a run.
+struct FleetEntry {
+  struct Answer {
+    int code;
+    double latency;  // milliseconds since the report was due
+  };
+  std::uint32_t instance;
+  double due;                    // seconds since the start
+  std::optional<Answer> answer;  // nothing while in flight, and if none came
+};
+
+// What came of a run.
+struct FleetRecord {
+  std::vector<FleetEntry> reports;
+  std::uint32_t connections = 0;
+  double seconds = 0;        // from the start to the last answer
+  ugs::UsageCounts counted;  // the sum over the newest counted report of every instance
+};
+
+// Simulates a fleet in open loop: a report is sent when it is due, whether or not earlier ones were answered,
+// and its latency counts from then. One thread; runs once.
+class FleetRun {
+ public:
+  // Makes the connections. Throws as FleetConnections and ugs::Sealer do.
+  explicit FleetRun(const FleetOptions& options);
+
+  // Takes the duration of the run and up to the drain time. Shows progress on a terminal. Throws
+  // std::runtime_error if the server answers what no server should.
+  [[nodiscard]] FleetRecord Run();
+
+ private:
+  using Clock = FleetConnections::Clock;
+
+  // Its identity never changes, its counts do with every report.
+  class Instance {
+   public:
+    Instance(const FleetOptions& options, std::uint32_t number);
+    const ugs::Usage& NextUsage();
+    void Answered(int code);
+    void AddTo(ugs::UsageCounts& sum) const;
+
+   private:
+    using Counts = std::map<std::string, std::uint32_t>;
+
+    std::mt19937_64 random_;
+    ugs::Usage usage_;
+    std::vector<std::string> keys_;
+    std::deque<Counts> inFlight_;
+    Counts counted_;
+  };
+
+  void Send(double due);
+  template <typename Condition>
+  void TakeAnswersUntil(Clock::time_point deadline, Condition done);
+  void Take(const FleetConnections::Answer& answer);
+  void ShowProgress(bool last);
+
+  const FleetOptions options_;
+  const double rate_;
+  const std::uint32_t connectionCount_;
+  const ugs::Sealer sealer_;
+  FleetConnections connections_;
+  std::vector<Instance> instances_;
+  std::vector<std::deque<std::size_t>> inFlight_;  // by connection: indices of reports, oldest first
+  std::size_t answered_ = 0;
+  FleetRecord record_;
+  Clock::time_point start_;
+  Clock::time_point nextProgress_;
+};
