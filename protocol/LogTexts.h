@@ -13,11 +13,10 @@ inline constexpr char kNewRequestText[] = "==================== DETECT NEW REQUE
 // Of an instance that expired, with its key and the seconds since its last report.
 inline constexpr char kExpiredText[] = "Deleting korvane {0} as no new update after {1} seconds\n";
 
-// Of a status report: its first line, with the server's version; and that of a count, with its padded label.
+// Of a status report: its first line, with the server's version; and between a count's label, padded with
+// blanks, and its figure.
 inline constexpr char kStatusHeaderText[] = "******** UGS version {} **************";
-inline constexpr char kInUseText[] = "{:<{}}: in use: {}";
-inline constexpr std::string_view kInUseMark = ": in use: ";  // between the label and the figure
-static_assert(std::string_view(kInUseText).find(kInUseMark) != std::string_view::npos);
+inline constexpr std::string_view kInUseMark = ": in use: ";
 
 // The log is one active file, NAME.txt, and older ones, NAME.1.txt (the newest) to NAME.5.txt.
 inline constexpr std::size_t kOlderLogFiles = 5;

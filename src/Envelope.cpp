@@ -45,12 +45,12 @@ bool ReadMembers(std::string_view text, Envelope& envelope) {
   rapidjson::Document document;
   if (!ParseJson(text, document) || !document.IsObject()) return false;
   for (const Member& row : kMembers) {
-    const auto found = document.FindMember(row.key);
-    if (found == document.MemberEnd() || !found->value.IsString()) {
+    const rapidjson::Value* value = FindMember(document, row.key);
+    if (value == nullptr || !value->IsString()) {
       kLog.Error("{}", row.textWhenMissing);
       return false;
     }
-    (envelope.*row.member).assign(found->value.GetString(), found->value.GetStringLength());
+    (envelope.*row.member).assign(value->GetString(), value->GetStringLength());
   }
   return true;
 }

@@ -79,3 +79,8 @@ bool ParseJson(std::string_view text, rapidjson::Document& document) {
   document.Populate(generate);
   return parsed;
 }
+
+const rapidjson::Value* FindMember(const rapidjson::Value& object, const char* key) {
+  const auto member = object.FindMember(key);
+  return member == object.MemberEnd() ? nullptr : &member->value;
+}

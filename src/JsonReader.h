@@ -9,3 +9,7 @@
 // none of the library's own number arithmetic sees the text: both end the process on hostile input.
 // Integers that fit 64 bits stay integers; any other number is a double, 0 where a double cannot hold it.
 [[nodiscard]] bool ParseJson(std::string_view text, rapidjson::Document& document);
+
+// The member of `object`, which must be an object, that is named `key`; null if there is none. Of several
+// with that name, the first.
+[[nodiscard]] const rapidjson::Value* FindMember(const rapidjson::Value& object, const char* key);

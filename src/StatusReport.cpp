@@ -41,7 +41,7 @@ void LogStatus(std::int32_t now, const ugs::UsageCounts& sums) {
   log.Info(ugs::kStatusHeaderText, UGSDefs::kVersion);
   log.Info("-------------------{}-----------------------------", now);
   for (const ugs::CountField& field : ugs::kPrintedCounts) {
-    log.Info(ugs::kInUseText, field.label, kLabelWidth, sums.*field.member);
+    log.Info("{:<{}}{}{}", field.label, kLabelWidth, ugs::kInUseMark, sums.*field.member);
   }
   log.Info("----------------------------------------------------");
 }

@@ -5,6 +5,7 @@
 #include <array>
 #include <functional>
 
+#include "JsonReader.h"
 #include "Logging.h"
 #include "ReportLayouts.h"
 
@@ -30,12 +31,6 @@ const std::array kVersions{
 };
 static_assert(kVersions.size() + 1 == ugs::kLayouts.size(), "a layout has no parser");
 
-// The member of `object` named `key`, or null. `object` must be an object.
-const Value* Find(const Value& object, const char* key) {
-  const auto member = object.FindMember(key);
-  return member == object.MemberEnd() ? nullptr : &member->value;
-}
-
 std::string ReadString(const Value& value) {
   if (value.IsString()) return value.GetString();  // up to its first NUL
   if (value.IsUint64()) return std::to_string(value.GetUint64());
@@ -53,7 +48,7 @@ std::uint32_t ReadCount(const Value& value) {
 ReplyCode ReadCounts(const Value& counts, const ugs::Layout& layout, ugs::UsageCounts& out,
                      const FunctionLog& log) {
   for (const ugs::CountField& field : layout.addedCounts) {
-    const Value* count = Find(counts, field.key);
+    const Value* count = FindMember(counts, field.key);
     if (count == nullptr) {
       log.Error("error {}:: could not read data content\n", field.codeWhenMissing);
       return Failed;
@@ -102,7 +97,7 @@ const std::array kMembers{
 
 ReplyCode ReadMembers(const Value& request, RequestData& out, const FunctionLog& log) {
   for (const MemberRow& row : kMembers) {
-    const Value* value = Find(request, row.key);
+    const Value* value = FindMember(request, row.key);
     if (value == nullptr && row.outlet == Outlet::kConsole) {
       PrintToConsole(row.textWhenMissing);
       return Failed;
@@ -124,7 +119,8 @@ ReplyCode UGSRequest::Parse(const Value& root, RequestData& out) {
     return Failed;
   }
   for (const VersionRow& version : kVersions) {
-    if (const Value* request = Find(root, version.key)) return version.parser(*request, out, version.key);
+    if (const Value* request = FindMember(root, version.key))
+      return version.parser(*request, out, version.key);
   }
   return ParseLegacy(root, out);
 }
