@@ -113,7 +113,7 @@ def saturated_rate(records, least):
 def work_of_a_turn():
     medians = bench_medians("Registry/(sweep|status)/(0|12000)$")
     extra = sum(medians[f"Registry/{step}/12000"] - medians[f"Registry/{step}/0"] for step in ("sweep", "status"))
-    row("a turn's extra work at 12,000 records", extra / 1000, 0.25, "ms")
+    row("a tick's extra work at 12,000 records", extra / 1000, 0.25, "ms")
 
 
 def latency(rate, limits):
@@ -138,7 +138,7 @@ def idle_cpu(records, limit):
 
 def idle_cpu_of_sleep_alone():
     for cores, kept in CORES.items():
-        with kept(), subprocess.Popen([os.path.join(BUILD, "bench/bare-turn")]) as sleeper:
+        with kept(), subprocess.Popen([os.path.join(BUILD, "bench/bare-tick")]) as sleeper:
             share = cpu_share(sleeper.pid)
             sleeper.terminate()
         row(f"CPU of a process that only sleeps, 10 ms at a time, {cores}", share, None, "% of a core")

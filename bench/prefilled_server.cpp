@@ -1,5 +1,5 @@
 // The server with a registry that is full from the start: `prefilled-server RECORDS` serves on the usual
-// port, from its first status report on, until SIGTERM. A fleet alone cannot fill one to more than a turn's
+// port, from its first status report on, until SIGTERM. A fleet alone cannot fill one to more than a tick's
 // rate times 120 s.
 
 #include <csignal>
