@@ -54,6 +54,7 @@ Client::Connection::Connection(const Address& address, const std::string& public
   socket_.set(zmq::sockopt::linger, 0);
   socket_.set(zmq::sockopt::immediate, true);  // queues nothing for a connection that is not there
   socket_.set(zmq::sockopt::heartbeat_ivl, kHeartbeatMilliseconds);
+  // Before the connect, so that no event is missed.
   if (zmq_socket_monitor(socket_.handle(), kMonitorEndpoint, kEvents) != 0) {
     throw zmq::error_t();
   }
@@ -66,6 +67,11 @@ Client::Connection::Connection(const Address& address, const std::string& public
   }
 }
 
+// A connection is in one of three states, which `connected_` and `inFlight_` say together:
+//   no connection                    -> wait for one, then send
+//   connection, nothing in flight    -> send
+//   connection, a request in flight  -> wait for its late answer first, then send
+// A lost connection takes the request in flight with it, so that the next call may send at once.
 std::optional<int> Client::Connection::Request(std::string_view plaintext) {
   const Clock::time_point deadline = Clock::now() + replyTimeout_;
   if (inFlight_) {
@@ -88,6 +94,7 @@ bool Client::Connection::SleepUntil(Clock::time_point deadline) {
   return false;
 }
 
+// `readiness` is what to wait for on the socket: ZMQ_POLLIN, ZMQ_POLLOUT or nothing.
 Client::Connection::Polled Client::Connection::Poll(short readiness, Clock::time_point deadline) {
   std::array<zmq::pollitem_t, 3> items{{{nullptr, interrupt_.Descriptor(), ZMQ_POLLIN, 0},
                                         {socket_.handle(), 0, readiness, 0},

@@ -13,6 +13,7 @@ namespace {
 
 using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
+// With its length: a name may contain NUL.
 void WriteString(Writer& writer, const std::string& text) {
   writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
 }
@@ -65,6 +66,7 @@ std::vector<std::string> CountKeys(std::string_view layout) {
 
 std::string WriteDocument(const Usage& usage) {
   const std::vector<std::string> keys = CountKeys(usage.layout);
+  // A misspelt key would silently report nothing.
   for (const auto& [key, count] : usage.counts) {
     if (std::ranges::find(keys, key) == keys.end()) {
       throw std::invalid_argument("layout " + usage.layout + " carries no count \"" + key + "\"");

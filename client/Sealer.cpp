@@ -37,6 +37,7 @@ std::string Base64(const Buffer& bytes) {
   return Base64Encode({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
 }
 
+// PKCS #1 v1.5 padding: what servers expect.
 Bytes WrapKey(EVP_PKEY* publicKey, const AesKey& key) {
   const KeyContextPtr context(EVP_PKEY_CTX_new(publicKey, nullptr));
   std::size_t length = 0;
@@ -51,6 +52,7 @@ Bytes WrapKey(EVP_PKEY* publicKey, const AesKey& key) {
   return block;
 }
 
+// With PKCS #7 padding, which the server cuts off with everything after the last brace.
 Bytes Encrypt(const AesKey& key, const Iv& iv, std::string_view plaintext) {
   const CipherContextPtr context(EVP_CIPHER_CTX_new());
   Bytes ciphertext(plaintext.size() + iv.size());
@@ -72,6 +74,7 @@ struct DerDeleter {
 };
 
 std::string PemText(const std::string& textOrFile) {
+  // No file name holds a PEM header.
   if (textOrFile.find("-----BEGIN") != std::string::npos) return textOrFile;
   std::ifstream file(textOrFile);
   std::string text{std::istreambuf_iterator<char>(file), {}};
@@ -93,6 +96,7 @@ Sealer::Sealer(const std::string& publicKey) : key_(ReadPublicKey(PemText(public
 }
 
 std::string Sealer::Seal(std::string_view plaintext) const {
+  // Fresh for every text: with a used pair, equal texts would give equal ciphertexts.
   AesKey key;
   Iv iv;
   Require(RAND_bytes(key.data(), key.size()) == 1 && RAND_bytes(iv.data(), iv.size()) == 1, "random bytes");

@@ -22,6 +22,7 @@ constexpr milliseconds kFirstRetry(1000);
 
 Address ParseAddress(std::string_view server) {
   Address address{std::string(server), UGSDefs::kPort};
+  // IPv6 addresses are refused below: the server listens on IPv4 only.
   if (const std::size_t colon = server.rfind(':'); colon != std::string_view::npos) {
     address.host.resize(colon);
     const char* end = server.data() + server.size();
@@ -82,6 +83,7 @@ void Reporter::Run() {
   const auto between = [&random](milliseconds least, milliseconds most) {
     return milliseconds(std::uniform_int_distribution(least.count(), most.count())(random));
   };
+  // A random moment of the first period: instances that start together do not report together.
   Clock::time_point due = Clock::now() + between(milliseconds(0), period_);
   milliseconds retry = std::min(kFirstRetry, period_);
   while (client_.connection_->SleepUntil(due) && !stop_) {
@@ -92,6 +94,7 @@ void Reporter::Run() {
       retry = std::min(kFirstRetry, period_);
       while (due <= Clock::now()) due += period_;  // from the time it was due, so that delays do not add up
     } else {
+      // Spread, lest all instances of a server that was restarted come back at one moment.
       due = Clock::now() + between(retry / 2, retry * 3 / 2);
       retry = std::min(retry * 2, period_);
     }

@@ -81,6 +81,7 @@ std::int32_t RsaPrivateDecrypt(const std::string& pemKey, const std::string& tex
     PrintToConsole("Error 0x00AE08: Cannot read the private key\n");
     return -1;
   }
+  // The key is read anew for each envelope, so that no copy of it stays in memory between two.
   UseKeptBlinding(key.get());
   Bytes opened(static_cast<std::size_t>(RSA_size(key.get())));
   const std::string block = ugs::Base64Decode(std::string_view(text).substr(0, length));

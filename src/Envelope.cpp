@@ -18,6 +18,7 @@ namespace {
 
 constexpr FunctionLog kLog("KorvaneControllerServer::DecryptData");
 
+// The outer document: {"data1": wrapped key, "data2": IV, "data3": ciphertext}.
 struct Envelope {
   std::string wrappedKey;  // each in base64
   std::string iv;
@@ -29,6 +30,7 @@ struct Member {
   std::string Envelope::*member;
   const char* textWhenMissing;
 };
+// In the order in which their absence is told.
 constexpr std::array kMembers{
     Member{UGSDefs::kWrappedKeyMember, &Envelope::wrappedKey, "Error 0x00AE03: Missing content\n"},
     Member{UGSDefs::kIvMember, &Envelope::iv, "Error 0x00AE04: Missing content\n"},
@@ -55,6 +57,7 @@ bool ReadMembers(std::string_view text, Envelope& envelope) {
   return true;
 }
 
+// The clear PEM text lives for this one call only.
 bool OpenKey(const Envelope& envelope, std::string_view scrambledKey, Bytes& key) {
   std::string pem = ugs::UnscrambleKey(scrambledKey);
   const ugs::WipeOnExit wipe(pem);
@@ -69,6 +72,7 @@ std::int32_t OpenEnvelope(std::string_view payload, std::string_view scrambledKe
                           std::vector<char>& plaintext) {
   ClearCryptoErrors();
   std::string text = ugs::Base64Decode(payload);
+  // What follows the last brace is padding, here and in the plaintext.
   text.resize(LengthToLastBrace(text));
   if (text.empty()) {
     kLog.Error("Received Invalid Content 0x316\n");
@@ -81,6 +85,8 @@ std::int32_t OpenEnvelope(std::string_view payload, std::string_view scrambledKe
   Bytes decrypted =
       AesCbcDecrypt(key, ugs::Base64Decode(envelope.iv), ugs::Base64Decode(envelope.ciphertext));
   const ugs::WipeOnExit wipeDecrypted(decrypted);
+  // A wrong key or IV gives noise; without a brace it is refused here, with one by the parser of the
+  // document.
   const std::size_t length = LengthToLastBrace(decrypted);
   plaintext.insert(plaintext.end(), decrypted.begin(),
                    decrypted.begin() + static_cast<std::ptrdiff_t>(length));

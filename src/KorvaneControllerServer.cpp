@@ -50,6 +50,7 @@ void KorvaneControllerServer::Start() {
   if (communicator_ != nullptr) {
     communicator_->SetPort(port_);
     communicator_->Start();
+    // After the start: a request that comes in between is dropped, and its instance reports again.
     communicator_->SetRequestCallback([this](const std::string& identity, const std::string& payload) {
       const MutexLock lock(queueMutex_);
       queue_.emplace(identity, payload);
@@ -108,6 +109,7 @@ std::int32_t KorvaneControllerServer::ProcessData(const std::string& payload) {
 UGSDefs::ReplyCode KorvaneControllerServer::ProcessDocument(std::string_view text) {
   static constexpr FunctionLog log("KorvaneControllerServer::ProcessData");
   rapidjson::Document document;
+  // A null root makes Parse log the refusal.
   if (!ParseJson(text, document)) document.SetNull();
   UGSRequest::RequestData request;
   const UGSDefs::ReplyCode code = UGSRequest::Parse(document, request);

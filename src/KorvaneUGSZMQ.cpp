@@ -179,6 +179,7 @@ void KorvaneUGSZMQ::ProcessWork(zmq::socket_t& router, zmq::socket_t& forwarding
   static constexpr FunctionLog log("KorvaneUGSZMQ::ProcessWork");
   FramePairs pairs;
   while (running_) {
+    // An error costs one iteration, never the thread.
     try {
       std::array<zmq::pollitem_t, 2> items{
           {{router.handle(), 0, ZMQ_POLLIN, 0}, {forwarding.handle(), 0, ZMQ_POLLIN, 0}}};
@@ -213,6 +214,7 @@ void KorvaneUGSZMQ::ForwardReply(zmq::socket_t& router, zmq::socket_t& forwardin
   if (!identity || !identity->more()) return;
   auto reply = TryReceive(forwarding);
   if (!reply) return;
+  // To a peer that is gone or reads nothing the ROUTER drops it: sending does not wait.
   router.send(*identity, zmq::send_flags::sndmore);
   router.send(*reply, zmq::send_flags::dontwait);
 }

@@ -26,6 +26,8 @@ void LogFile::flush() {
   UseFile([&]() UGS_REQUIRES(mutex_) { file_->flush(); });
 }
 
+// Opens the file first if the last use failed. Lines that come before the next try are dropped: waiting for a
+// disk would hold up whoever logs.
 template <typename Action>
 void LogFile::UseFile(Action action) {
   if (file_ == nullptr && Clock::now() < nextTry_) return;

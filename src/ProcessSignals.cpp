@@ -8,6 +8,7 @@ ProcessSignals::ProcessSignals() {
   for (const int signal : {SIGPIPE, SIGXFSZ, SIGTTOU, SIGTTIN}) std::signal(signal, SIG_IGN);
   sigemptyset(&handled_);
   for (const int signal : {SIGINT, SIGTERM, SIGTSTP}) sigaddset(&handled_, signal);
+  // Ignored at the start means that somebody wants the server to outlive the terminal (nohup(1)).
   struct sigaction hangup = {};
   if (sigaction(SIGHUP, nullptr, &hangup) != 0 || hangup.sa_handler != SIG_IGN) sigaddset(&handled_, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &handled_, nullptr);
@@ -17,6 +18,7 @@ int ProcessSignals::WaitUntil(std::chrono::steady_clock::time_point deadline) co
   using std::chrono::nanoseconds;
   using std::chrono::seconds;
   while (true) {
+    // Anew for each wait: a signal that is not ours must not lengthen the whole.
     const auto left = std::max<nanoseconds>(deadline - std::chrono::steady_clock::now(), nanoseconds(0));
     const auto whole = std::chrono::duration_cast<seconds>(left);
     const timespec timeout{whole.count(), (left - whole).count()};
@@ -26,6 +28,7 @@ int ProcessSignals::WaitUntil(std::chrono::steady_clock::time_point deadline) co
   }
 }
 
+// With the default action, so that a shell sees its job stopped.
 void ProcessSignals::StopProcess() {
   sigset_t stop;
   sigemptyset(&stop);

@@ -31,6 +31,7 @@ const std::array kVersions{
 };
 static_assert(kVersions.size() + 1 == ugs::kLayouts.size(), "a layout has no parser");
 
+// The wrong type never fails a request that has the member: instances of all ages are counted.
 std::string ReadString(const Value& value) {
   if (value.IsString()) return value.GetString();  // up to its first NUL
   if (value.IsUint64()) return std::to_string(value.GetUint64());
@@ -39,12 +40,14 @@ std::string ReadString(const Value& value) {
   return "(not a string)";
 }
 
+// A negative count keeps its low 32 bits, so that -1 is 4294967295.
 std::uint32_t ReadCount(const Value& value) {
   if (value.IsUint64()) return static_cast<std::uint32_t>(value.GetUint64());
   if (value.IsInt64()) return static_cast<std::uint32_t>(value.GetInt64());
   return 0;
 }
 
+// The first missing count fails the request; what was read before it stays in `out`.
 ReplyCode ReadCounts(const Value& counts, const ugs::Layout& layout, ugs::UsageCounts& out,
                      const FunctionLog& log) {
   for (const ugs::CountField& field : layout.addedCounts) {
@@ -71,6 +74,7 @@ struct MemberRow {
 };
 
 const std::array kMembers{
+    // The only text without a line break at its end.
     MemberRow{ugs::kInstanceIdMember, Outlet::kLog, "error 0xE099:: could not read data content",
               [](const Value& value, RequestData& out) {
                 out.korvaneId = ReadString(value);
@@ -90,6 +94,7 @@ const std::array kMembers{
                 return true;
               },
               "error 0xE140:: could not read data content\n"},
+    // Its counts are read afterwards, layout by layout.
     MemberRow{ugs::kCountsMember, Outlet::kConsole, "error 0xE216:: could not read data content\n",
               [](const Value& value, RequestData& /*out*/) { return value.IsObject(); },
               "error 0xE210:: could not read data content\n"},
@@ -118,6 +123,7 @@ ReplyCode UGSRequest::Parse(const Value& root, RequestData& out) {
     log.Error("Error 0x476:: invalid data\n");
     return Failed;
   }
+  // The key alone decides; a value that is no object fails in the parser, not here.
   for (const VersionRow& version : kVersions) {
     if (const Value* request = FindMember(root, version.key))
       return version.parser(*request, out, version.key);

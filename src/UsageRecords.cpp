@@ -39,6 +39,7 @@ std::string UsageRecords::InstanceKey(const UGSRequest::RequestData& request) {
   const auto& urls = request.camRtspUrls;
   const bool hasUrl = std::ranges::any_of(urls, [](const std::string& url) { return !url.empty(); });
   if (request.korvaneId.empty() || !hasUrl) return {};
+  // Joined without a separator: (a, bc) and (ab, c) are one instance.
   Fnv1a hash;
   hash.Add(request.korvaneId);
   for (const std::string& url : urls) hash.Add(url);
@@ -52,6 +53,7 @@ std::int32_t UsageRecords::ApplyRequest(UGSRequest::RequestData& request) {
     log.Error("Error 0x442:: something wrong\n");
     return NoInstanceKey;
   }
+  // Three steps, each under the lock; nobody but the intake thread changes records, so they fit together.
   request.timeStamp = clockFunction();
   {
     const MutexLock lock(mutex_);
@@ -96,6 +98,7 @@ void UsageRecords::CheckTimeStamp() {
 bool UsageRecords::EraseExpired() {
   static constexpr FunctionLog log("UsageRecords::CheckTimeStamp");
   const MutexLock lock(mutex_);
+  // The clock is read for every record. A time in the future counts by its distance, as one in the past does.
   const auto eraseIfSilent = [this](const Record& record) UGS_REQUIRES(mutex_) {
     const std::int32_t silence = Distance(clockFunction(), record.request.timeStamp);
     if (record.request.timeStamp == -1 || silence <= expiryTimeout_) return false;
@@ -109,6 +112,7 @@ bool UsageRecords::EraseExpired() {
 void UsageRecords::PrintStatus() const {
   if (!FunctionLog::ShowsInfo()) return;  // summing a large fleet takes longer than the rest of a report
   const MutexLock lock(mutex_);
+  // From the records, not the running totals: the report shows what is stored.
   ugs::CountSlots sums{};
   for (const Record& record : records_) sums += record.request.counts;
   LogStatus(clockFunction(), std::bit_cast<ugs::UsageCounts>(sums));
@@ -120,6 +124,7 @@ UsageRecords::Records UsageRecords::Snapshot() const {
 }
 
 std::uint64_t UsageRecords::TotalCameras() const {
+  // On a copy, so that a walk over a large fleet does not hold up the intake.
   std::uint64_t cameras = 0;
   for (const Record& record : Snapshot()) cameras += record.request.counts.maxCameras;
   return cameras;

@@ -12,6 +12,7 @@ bool RunFleet(const FleetOptions& options) {
     throw std::invalid_argument("give either --rate or --period");
   }
   FleetRun run(options);
+  // Notes where the log ends now: only what this run adds to it counts.
   const auto log = options.log.empty() ? std::nullopt : std::optional<ServerLog>(options.log);
   const FleetRecord record = run.Run();
   if (!options.csv.empty()) WriteCsv(record, options.csv);

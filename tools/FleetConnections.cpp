@@ -36,6 +36,7 @@ FleetConnections::FleetConnections(const ugs::Address& address, std::uint32_t co
     : socket_(context_, zmq::socket_type::router), monitor_(context_, zmq::socket_type::pair) {
   RaiseOpenFileLimit(count);
   socket_.set(zmq::sockopt::linger, 0);
+  // No limits: a report that the socket dropped would look like one that the server lost.
   socket_.set(zmq::sockopt::sndhwm, 0);
   socket_.set(zmq::sockopt::rcvhwm, 0);
   socket_.set(zmq::sockopt::router_mandatory, true);  // an error for a name we never gave
@@ -51,6 +52,7 @@ FleetConnections::FleetConnections(const ugs::Address& address, std::uint32_t co
   }
 }
 
+// Batch by batch, or a backlog that overflows would cost seconds of retries.
 void FleetConnections::AwaitConnected(std::uint32_t count, const std::string& endpoint) {
   monitor_.set(zmq::sockopt::rcvtimeo, static_cast<int>(kConnectTimeout.count()));
   for (; connected_ < count; ++connected_) {

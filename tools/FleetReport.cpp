@@ -19,12 +19,14 @@ constexpr auto kLogTimeout = std::chrono::seconds(15);
 constexpr auto kLogRetry = std::chrono::milliseconds(500);
 constexpr std::array kShares{0.5, 0.9, 0.99, 1.0};
 
+// Nearest rank; the maximum for a share of 1.
 double Percentile(const std::vector<double>& sorted, double share) {
   if (sorted.empty()) return 0;
   const auto rank = static_cast<std::size_t>(share * static_cast<double>(sorted.size()));
   return sorted[std::min(rank, sorted.size() - 1)];
 }
 
+// By what the server prints; the other counts are in no log.
 FleetOutcome::LogVerdict CompareOnce(const ServerLog& log, const ugs::UsageCounts& expected) {
   const ServerLog::Findings findings = log.Read();
   FleetOutcome::LogVerdict verdict{findings.lastStatus.has_value(), findings.deletions, {}};
@@ -39,6 +41,7 @@ FleetOutcome::LogVerdict CompareOnce(const ServerLog& log, const ugs::UsageCount
   return verdict;
 }
 
+// The server may still be writing, and its log reaches the file only with the next flush.
 FleetOutcome::LogVerdict CompareWithLog(const ServerLog& log, const ugs::UsageCounts& expected) {
   const auto deadline = std::chrono::steady_clock::now() + kLogTimeout;
   while (true) {

@@ -93,6 +93,7 @@ FleetRecord FleetRun::Run() {
   start_ = Clock::now();
   while (record_.reports.size() < total) {
     const double due = schedule.Next();
+    // In open loop: the next report waits for its time, never for an answer.
     TakeAnswersUntil(start_ + ToClock(due), [] { return false; });
     Send(due);
   }
@@ -121,6 +122,7 @@ void FleetRun::TakeAnswersUntil(Clock::time_point deadline, Condition done) {
   }
 }
 
+// A connection's answers come in the order of its reports.
 void FleetRun::Take(const FleetConnections::Answer& answer) {
   std::deque<std::size_t>& waiting = inFlight_.at(answer.connection);
   if (waiting.empty()) throw std::runtime_error("the server answered a report twice");

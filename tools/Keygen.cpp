@@ -51,6 +51,7 @@ std::string PublicPem(EVP_PKEY* key) {
   return PemText([key](BIO* bio) { return PEM_write_bio_PUBKEY(bio, key); }) + "\n";
 }
 
+// Two tries on average (see kPemSize).
 PKeyPtr GenerateKey() {
   while (true) {
     PKeyPtr key(EVP_RSA_gen(kModulusBits));
@@ -61,6 +62,7 @@ PKeyPtr GenerateKey() {
   }
 }
 
+// OpenSSL would ask on the terminal instead, and a build would wait there for ever.
 int NotePasswordWanted(char* /*buffer*/, int /*size*/, int /*writing*/, void* wanted) {
   *static_cast<bool*>(wanted) = true;
   return -1;
@@ -105,6 +107,7 @@ class FileDescriptor {
   const int descriptor_;
 };
 
+// Never follows or replaces what is there (O_EXCL); nobody else can read a private key at any moment.
 void CreateFile(const fs::path& file, mode_t mode, const std::string& content) {
   const auto fail = [&](const char* what) {
     throw std::system_error(errno, std::generic_category(), std::string(what) + " " + file.string());

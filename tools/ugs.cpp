@@ -119,11 +119,13 @@ struct Target {
   }
 };
 
+// Digits only: strtoul(3) and the like would take a sign and blanks.
 bool ParseCount(std::string_view text, std::uint32_t& count) {
   const auto [last, error] = std::from_chars(text.data(), text.data() + text.size(), count);
   return error == std::errc() && last == text.data() + text.size();
 }
 
+// Keys are checked later, against the layout, by WriteDocument.
 std::map<std::string, std::uint32_t> ParseCounts(const std::vector<std::string>& uses) {
   std::map<std::string, std::uint32_t> counts;
   for (const std::string& use : uses) {
@@ -175,6 +177,7 @@ int ReportEvery(double seconds, const ugs::Usage& usage, const Target& target) {
   sigemptyset(&ending);
   sigaddset(&ending, SIGINT);
   sigaddset(&ending, SIGTERM);
+  // Before the reporter's threads exist, so that they leave both signals to sigwait(3).
   pthread_sigmask(SIG_BLOCK, &ending, nullptr);
   std::cout << "The first report comes within " << seconds << " s; Ctrl-C ends this." << std::endl;
   std::atomic<int> exitCode = kNoAnswer;
