@@ -2,10 +2,12 @@
 // line is a document, or "+" and as many seconds as it has bytes.
 
 #include <rapidjson/document.h>
+#include <spdlog/spdlog.h>
+
+#include <map>
 
 #include "Fuzz.h"
 #include "JsonReader.h"
-#include "Logging.h"
 #include "TestSupport.h"
 #include "UsageRecords.h"
 
@@ -29,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       if (records.ApplyRequest(request) == UsageRecords::Stored)
         model[UsageRecords::InstanceKey(request)] = request;
     }
-    UsageCounts sums;
+    ugs::UsageCounts sums;
     for (const auto& [key, request] : model) sums += request.counts;
     Require(records.Totals() == sums &&
             static_cast<std::uint32_t>(records.TotalCameras()) == sums.maxCameras);

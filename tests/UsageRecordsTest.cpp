@@ -3,7 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
+#include <fstream>
 #include <limits>
+#include <sstream>
+#include <thread>
 
 #include "TestSupport.h"
 
@@ -11,8 +15,9 @@ namespace {
 
 using RequestData = UGSRequest::RequestData;
 
-RequestData RequestOf(const std::string& id, const std::vector<std::string>& urls, UsageCounts counts = {}) {
-  return {.camRtspUrls = urls, .korvaneId = id, .dockerId = "docker", .timeStamp = -1, .counts = counts};
+RequestData RequestOf(const std::string& id, const std::vector<std::string>& urls,
+                      const ugs::UsageCounts& counts = {}) {
+  return {.camRtspUrls = urls, .korvaneId = id, .dockerId = "docker", .counts = counts};
 }
 
 class UsageRecordsTest : public testing::Test {
@@ -22,16 +27,13 @@ class UsageRecordsTest : public testing::Test {
   std::vector<std::string> Sweep() {
     log.Clear();
     records.CheckTimeStamp();
-    return log.Texts();
+    return log.Lines();
   }
 
-  // The figure that the last line with this label shows; nothing if there was none.
-  std::optional<std::uint32_t> Figure(const std::string& label) const {
-    std::optional<std::uint32_t> figure;
-    for (const std::string& text : log.Texts()) {
-      if (text.starts_with(label)) figure = std::stoul(text.substr(text.rfind(' ')));
-    }
-    return figure;
+  // Of an instance's deletion.
+  static std::string Deletion(const std::string& key, int silence) {
+    return "info UsageRecords::CheckTimeStamp: Deleting korvane " + key + " as no new update after " +
+           std::to_string(silence) + " seconds\n";
   }
 
   CapturedLog log;
@@ -40,108 +42,63 @@ class UsageRecordsTest : public testing::Test {
 };
 
 TEST_F(UsageRecordsTest, TheKeyIsTheDigestOfIdentityAndCamerasWithoutLeadingZeros) {
-  EXPECT_EQ(UsageRecords::InstanceKey(RequestOf("a", {"b"})), "89c4407b545986a");
-  EXPECT_EQ(UsageRecords::InstanceKey(RequestOf("i", {"a", "bc"})),
-            UsageRecords::InstanceKey(RequestOf("i", {"ab", "c"})));
-  EXPECT_NE(UsageRecords::InstanceKey(RequestOf("i", {"a", "b"})),
-            UsageRecords::InstanceKey(RequestOf("i", {"b", "a"})));
-  EXPECT_EQ(UsageRecords::InstanceKey(RequestOf("foo", {"\x80\xff"})), "cdc0e7afa58a93be");
-  for (const RequestData& request :
-       {RequestOf("", {"b"}), RequestOf("a", {}), RequestOf("a", {"", ""}), RequestOf("", {})}) {
-    EXPECT_EQ(UsageRecords::InstanceKey(request), "");
-  }
+  const auto key = [](const std::string& id, const std::vector<std::string>& urls) {
+    return UsageRecords::InstanceKey(RequestOf(id, urls));
+  };
+  EXPECT_EQ(key("a", {"b"}), "89c4407b545986a");
+  EXPECT_EQ(key("foo", {"\x80\xff"}), "cdc0e7afa58a93be");
+  EXPECT_EQ(key("i", {"a", "bc"}), key("i", {"ab", "c"}));
+  EXPECT_NE(key("i", {"a", "b"}), key("i", {"b", "a"}));
+  for (const std::string& none : {key("", {"b"}), key("a", {}), key("a", {"", ""})}) EXPECT_EQ(none, "");
 }
 
-TEST_F(UsageRecordsTest, ARequestWithoutAKeyIsRefusedAndLeavesNoTrace) {
+TEST_F(UsageRecordsTest, ARequestWithoutAKeyLeavesNoTrace) {
   EXPECT_EQ(Apply(RequestOf("a", {}, {.maxCameras = 1})), UsageRecords::NoInstanceKey);
-  EXPECT_EQ(log.Lines(),
-            std::vector{ErrorLine("UsageRecords::ApplyRequest", "Error 0x442:: something wrong\n")});
-  EXPECT_EQ(records.TotalCameras(), 0U);
-  EXPECT_EQ(records.Totals(), UsageCounts());
+  EXPECT_EQ(records.Totals(), ugs::UsageCounts());
+  EXPECT_TRUE(records.Snapshot().empty());
 }
 
-TEST_F(UsageRecordsTest, ARequestIsStampedAndPrintedLineByLine) {
-  RequestData request = RequestOf("a", {"b"}, {.maxCameras = 4, .numFaceTier2 = 7});
+// The figures are 100 for the first count of the record, 101 for the second and so on.
+TEST_F(UsageRecordsTest, ARequestThatReplacesAnotherIsStampedAndPrintedAsInTheGoldenLog) {
+  ugs::CountSlots older{};
+  ugs::CountSlots newer{};
+  for (std::uint32_t i = 0; i < newer.size(); ++i) {
+    older[i] = 1000 + i;
+    newer[i] = 100 + i;
+  }
+  Apply(RequestOf("a", {"b"}, std::bit_cast<ugs::UsageCounts>(older)));
+  log.Clear();
+  RequestData request = RequestOf("a", {"b"}, std::bit_cast<ugs::UsageCounts>(newer));
   EXPECT_EQ(records.ApplyRequest(request), UsageRecords::Stored);
   EXPECT_EQ(request.timeStamp, 1000);
-
-  const std::vector<std::string> labels{
-      "MaxCameras    ", "numAbandoned  ", "numCrossing   ", "numAnomaly    ", "numClassTier0 ",
-      "numClassTier1 ", "numClassTier2 ", "numClassTier3 ", "numPerimeter  ", "numPX         ",
-      "numPlates     ", "numGenerative ", "numRemoteTier1", "numRemoteTier2", "numRemoteTier3",
-      "numRemoteTier4", "numFaceTier1  ", "numFaceTier2  "};
-  std::vector<LogLine> expected;
-  const auto expect = [&](const char* function, const std::string& text) {
-    expected.push_back(InfoLine(std::string("UsageRecords::") + function, text));
-  };
-  const auto figure = [](const std::string& label) {
-    return label == "MaxCameras    " ? "4" : label == "numFaceTier2  " ? "7" : "0";
-  };
-  expect("PrintRequestDetails", "==================== DETECT NEW REQUEST - 1000 ====================");
-  for (const auto& label : labels) expect("PrintRequestDetails", label + ": required: " + figure(label));
-  expect("PrintRequestDetails", "numNeuralPack : required: 0");
-  expect("PrintRequestDetails", "============================================================");
-  expect("PrintStatus", "******** UGS version 2025.3.0-3380 **************");
-  expect("PrintStatus", "-------------------1000-----------------------------");
-  for (const auto& label : labels) {
-    if (label == "numPX         ") expect("PrintStatus", "numNeuralPack : in use: 0");
-    expect("PrintStatus", label + ": in use: " + figure(label));
-  }
-  expect("PrintStatus", "----------------------------------------------------");
-  EXPECT_EQ(log.Lines(), expected);
+  EXPECT_EQ(records.Totals(), request.counts);
+  std::ostringstream printed;
+  for (const std::string& line : log.Lines()) printed << line << '\n';
+  std::ostringstream golden;
+  golden << std::ifstream(UGS_GOLDEN_LOG).rdbuf();
+  EXPECT_EQ(printed.str(), golden.str());
 }
 
 TEST_F(UsageRecordsTest, TheNeuralPackLineNeedsAnotherFeatureInUse) {
-  const auto required = [this](UsageCounts counts) {
+  const auto isRequired = [this](const ugs::UsageCounts& counts) {
     log.Clear();
     Apply(RequestOf("a", {"b"}, counts));
-    return std::ranges::any_of(log.Texts(),
-                               [](const auto& text) { return text.starts_with("numNeuralPack : required"); });
+    return log.Count("numNeuralPack : required: " + std::to_string(counts.numNeuralPack)) == 1;
   };
-  EXPECT_FALSE(required({}));
-  EXPECT_FALSE(required({.numSpare1 = 1, .numSpare2 = 1, .numDwell = 1, .numNeuralPack = 1}));
-  EXPECT_TRUE(required({.numCollision = 1}));
-  EXPECT_TRUE(required({.numPX = 1}));
-}
-
-TEST_F(UsageRecordsTest, ALaterReportReplacesTheEarlierOneWhole) {
-  Apply(RequestOf("a", {"1"}, {.maxCameras = 10, .numDwell = 3}));
-  Apply(RequestOf("b", {"1"}, {.maxCameras = 5}));
-  RequestData again = RequestOf("a", {"1"}, {.maxCameras = 2});
-  again.dockerId = "another";
-  log.Clear();
-  Apply(again);
-  EXPECT_EQ(log.Count("MaxCameras    : required: 7"), 1U);
-  EXPECT_EQ(log.Count("MaxCameras    : in use: 7"), 1U);
-  EXPECT_EQ(records.Totals(), UsageCounts{.maxCameras = 7});
-  EXPECT_EQ(records.TotalCameras(), 7U);
-  Apply(RequestOf("a", {"1", "2"}, {.maxCameras = 1}));  // other cameras, another record
-  EXPECT_EQ(records.TotalCameras(), 8U);
+  EXPECT_FALSE(isRequired({}));
+  EXPECT_FALSE(isRequired({.numSpare1 = 1, .numSpare2 = 1, .numDwell = 1, .numNeuralPack = 1}));
+  EXPECT_TRUE(isRequired({.numCollision = 1}));
+  EXPECT_TRUE(isRequired({.numPX = 1}));
 }
 
 TEST_F(UsageRecordsTest, SumsWrapAt32BitsButCamerasAreCountedIn64) {
   const std::uint32_t most = std::numeric_limits<std::uint32_t>::max();
   Apply(RequestOf("a", {"1"}, {.maxCameras = most, .numPX = most}));
-  Apply(RequestOf("b", {"1"}, {.maxCameras = most, .numPX = 2}));
-  EXPECT_EQ(Figure("MaxCameras"), most - 1);
-  EXPECT_EQ(Figure("numPX"), 1U);
+  Apply(RequestOf("a", {"1", "2"}, {.maxCameras = most, .numPX = 2}));  // other cameras, another record
+  EXPECT_EQ(log.Count("MaxCameras    : in use: " + std::to_string(most - 1)), 1U);
+  EXPECT_EQ(log.Count("numPX         : required: 1"), 1U);
+  EXPECT_EQ(log.Count("numPX         : in use: 1"), 1U);
   EXPECT_EQ(records.TotalCameras(), 2 * std::uint64_t{most});
-}
-
-TEST_F(UsageRecordsTest, ARecordExpiresOnlyPastTheTimeout) {
-  Apply(RequestOf("a", {"b"}, {.maxCameras = 3}));
-  clock.now = 1120;
-  EXPECT_TRUE(Sweep().empty());
-  clock.now = 1121;
-  const auto texts = Sweep();
-  ASSERT_EQ(texts.size(), 23U);
-  EXPECT_EQ(log.Lines()[0],
-            InfoLine("UsageRecords::CheckTimeStamp",
-                     "Deleting korvane 89c4407b545986a as no new update after 121 seconds\n"));
-  EXPECT_EQ(texts[1], "******** UGS version 2025.3.0-3380 **************");
-  EXPECT_EQ(Figure("MaxCameras"), 0U);
-  EXPECT_EQ(records.Totals(), UsageCounts());
-  EXPECT_TRUE(Sweep().empty());
 }
 
 TEST_F(UsageRecordsTest, ExpiryCountsTheDistanceInBothDirectionsIn32Bits) {
@@ -153,6 +110,8 @@ TEST_F(UsageRecordsTest, ExpiryCountsTheDistanceInBothDirectionsIn32Bits) {
   const auto most = std::numeric_limits<std::int32_t>::max();
   const auto least = std::numeric_limits<std::int32_t>::min();
   for (const Case& c : std::initializer_list<Case>{
+           {1000, 1120, false},          //
+           {1000, 1121, true},           //
            {1000, 880, false},           // 120 s in the future
            {1000, 879, true},            // 121 s in the future
            {-1, 100000, false},          // the mark of a record that was never stamped
@@ -161,14 +120,13 @@ TEST_F(UsageRecordsTest, ExpiryCountsTheDistanceInBothDirectionsIn32Bits) {
            {1000, least + 1000, false},  // exactly 2^31 s: the distance stays negative
            {1000, least + 1001, true},   //
        }) {
+    UsageRecords fresh;
+    RequestData request = RequestOf("a", {"b"});
     clock.now = c.stamped;
-    Apply(RequestOf("a", {"b"}));
+    fresh.ApplyRequest(request);
     clock.now = c.now;
-    EXPECT_EQ(!Sweep().empty(), c.expires) << c.stamped << " " << c.now;
-    clock.now = 5000;
-    Apply(RequestOf("a", {"b"}));
-    clock.now = 6000;
-    Sweep();
+    fresh.CheckTimeStamp();
+    EXPECT_EQ(fresh.Snapshot().empty(), c.expires) << c.stamped << " " << c.now;
   }
 }
 
@@ -176,26 +134,32 @@ TEST_F(UsageRecordsTest, ASweepDeletesInKeyOrderAndPrintsOneStatus) {
   std::vector<std::string> expected;
   for (const char* id : {"x", "y", "z", "w"}) {
     Apply(RequestOf(id, {"1"}, {.numPlates = 1}));
-    expected.push_back("Deleting korvane " + UsageRecords::InstanceKey(RequestOf(id, {"1"})) +
-                       " as no new update after 200 seconds\n");
+    expected.push_back(Deletion(UsageRecords::InstanceKey(RequestOf(id, {"1"})), 200));
   }
+  std::ranges::sort(expected);
   clock.now = 1150;
   Apply(RequestOf("stays", {"1"}, {.numPlates = 5}));
   clock.now = 1200;
-  const auto texts = Sweep();
-  std::ranges::sort(expected);
-  EXPECT_EQ(std::vector(texts.begin(), texts.begin() + 4), expected);
-  EXPECT_EQ(texts.size(), 4U + 22U);
-  EXPECT_EQ(Figure("numPlates"), 5U);
-  EXPECT_EQ(records.Totals(), UsageCounts{.numPlates = 5});
+  const auto lines = Sweep();
+  EXPECT_EQ(std::vector(lines.begin(), lines.begin() + 4), expected);
+  EXPECT_EQ(lines.size(), 4U + 22U);
+  EXPECT_EQ(log.Count("numPlates     : in use: 5"), 1U);
+  EXPECT_EQ(records.Totals(), ugs::UsageCounts{.numPlates = 5});
+  EXPECT_TRUE(Sweep().empty());
 }
 
-TEST_F(UsageRecordsTest, AReportBeforeExpiryStartsTheSilenceAnew) {
-  Apply(RequestOf("a", {"b"}));
-  clock.now = 1120;
-  Apply(RequestOf("a", {"b"}));
-  clock.now = 1240;
-  EXPECT_TRUE(Sweep().empty());
+TEST_F(UsageRecordsTest, AllOfItMayBeCalledFromAnyThread) {
+  const auto use = [this](int thread) {
+    for (int i = 0; i < 50; ++i) {
+      Apply(RequestOf(std::to_string(thread), {std::to_string(i)}, {.maxCameras = 1}));
+      records.CheckTimeStamp();
+      records.PrintStatus();
+      EXPECT_GE(records.TotalCameras(), static_cast<std::uint64_t>(i));
+      EXPECT_GE(records.Totals().maxCameras, records.Snapshot().size() > 0 ? 1U : 0U);
+    }
+  };
+  { const std::array<std::jthread, 2> threads{std::jthread(use, 1), std::jthread(use, 2)}; }
+  EXPECT_EQ(records.TotalCameras(), 100U);
 }
 
 }  // namespace

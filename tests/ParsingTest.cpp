@@ -1,0 +1,215 @@
+#include <gtest/gtest.h>
+#include <rapidjson/document.h>
+
+#include <bit>
+#include <limits>
+#include <map>
+#include <string>
+
+#include "JsonReader.h"
+#include "TestSupport.h"
+#include "UGSRequest.h"
+#include "UgsClient.h"
+
+namespace {
+
+bool Parses(std::string_view text) {
+  rapidjson::Document document;
+  const bool parsed = ParseJson(text, document);
+  EXPECT_EQ(parsed, !document.IsNull() || text == "null") << text.substr(0, 80);
+  return parsed;
+}
+
+std::string Repeated(std::size_t times, const std::string& text) {
+  std::string all;
+  for (std::size_t i = 0; i < times; ++i) all += text;
+  return all;
+}
+
+TEST(JsonReaderTest, AcceptsJsonAndRefusesEverythingElse) {
+  using namespace std::string_view_literals;
+  for (const auto text : {"{}"sv, "[]"sv, "null"sv, "7"sv, "\"x\""sv, " {\"a\":[1,{\"b\":null}]} "sv,
+                          "\xEF\xBB\xBF{}"sv, "{\"a\":\"x\\u0000y\"}"sv}) {
+    EXPECT_TRUE(Parses(text)) << text;
+  }
+  for (const auto text :
+       {""sv,     " "sv,         "{"sv,     "}"sv,     "{}{}"sv,        "{hello}"sv,   "{\"a\":}"sv,
+        "[1,]"sv, "01"sv,        "+1"sv,    "1."sv,    "1e"sv,          "-"sv,         "nan"sv,
+        "\""sv,   "{\"a\" 1}"sv, "1e999"sv, "1e309"sv, "\"\\ud800\""sv, "{\"a\0\":1"sv}) {
+    EXPECT_FALSE(Parses(text)) << text;
+  }
+}
+
+TEST(JsonReaderTest, NestingPastTheLimitIsRefusedWithoutRecursion) {
+  const auto nests = [](std::size_t depth, const std::string& begin, const std::string& end) {
+    return Parses(Repeated(depth, begin) + "[]" + Repeated(depth, end));
+  };
+  EXPECT_TRUE(nests(511, "[", "]"));
+  EXPECT_FALSE(nests(512, "[", "]"));
+  EXPECT_TRUE(nests(511, "{\"a\":", "}"));
+  EXPECT_FALSE(nests(512, "{\"a\":", "}"));
+  EXPECT_FALSE(Parses(std::string(2'000'000, '[')));
+  EXPECT_FALSE(Parses(Repeated(400'000, "{\"a\":")));
+  EXPECT_TRUE(Parses("[{}" + Repeated(2000, ",[],{\"a\":[]}") + "]"));  // siblings are no depth
+}
+
+TEST(JsonReaderTest, TextOverTwoGibibytesIsRefusedUnread) {
+  const std::string little = "{}";
+  const std::string_view huge(little.data(), std::size_t{std::numeric_limits<std::int32_t>::max()} + 1);
+  rapidjson::Document document;
+  EXPECT_FALSE(ParseJson(huge, document));
+}
+
+TEST(JsonReaderTest, NumbersKeepTheirType) {
+  rapidjson::Document document;
+  ASSERT_TRUE(
+      ParseJson("[0,-0,-1,4294967296,9223372036854775808,18446744073709551615,-9223372036854775808,"
+                "18446744073709551616,1.5,1E+2,-9223372036854775809,-0.0]",
+                document));
+  EXPECT_TRUE(document[0].IsInt() && document[1].IsInt());
+  EXPECT_EQ(document[2].GetInt(), -1);
+  EXPECT_EQ(document[3].GetInt64(), 4294967296);
+  EXPECT_EQ(document[4].GetUint64(), 9223372036854775808U);
+  EXPECT_EQ(document[5].GetUint64(), 18446744073709551615U);
+  EXPECT_EQ(document[6].GetInt64(), std::numeric_limits<std::int64_t>::min());
+  for (rapidjson::SizeType i = 7; i < document.Size(); ++i) EXPECT_TRUE(document[i].IsDouble()) << i;
+  EXPECT_EQ(document[8].GetDouble(), 1.5);
+  EXPECT_EQ(document[9].GetDouble(), 100);
+}
+
+TEST(JsonReaderTest, HostileExponentsAreHarmless) {
+  rapidjson::Document document;
+  ASSERT_TRUE(ParseJson("{\"a\":0.00000000000000001e-2147483639}", document));
+  EXPECT_EQ(document["a"].GetDouble(), 0);
+  for (const char* number :
+       {"1e-2147483648", "1e-99999999999999999999", "123456789012345678901234567890e-400", "0.1e-308",
+        "4.9e-324", "1e-400", "1.7976931348623157e308", "1.8e308"}) {
+    EXPECT_TRUE(Parses(number)) << number;
+  }
+  EXPECT_TRUE(Parses("0." + std::string(100'000, '0') + "1"));
+  Parses("0." + std::string(100'000, '0') + "1e100000");  // either answer will do
+}
+
+using UGSDefs::Failed;
+using UGSDefs::Ok;
+
+using Values = std::map<std::string, std::string>;
+
+// A document of `layout` with other JSON texts for some members.
+std::string Document(const std::string& layout, const Values& values = {}) {
+  std::string text =
+      ugs::WriteDocument({.id = "id", .container = "docker", .cameras = {"camera"}, .layout = layout});
+  for (const auto& [key, value] : values) {
+    const std::size_t begin = text.find('"' + key + "\":") + key.size() + 3;
+    text.replace(begin, text.find_first_of(",}", begin) - begin, value);
+  }
+  return text;
+}
+
+// What the parser says to malformed documents stands in docs/vectors, and is tested with them.
+class UGSRequestTest : public testing::Test {
+ protected:
+  UGSDefs::ReplyCode Parse(const std::string& text) {
+    rapidjson::Document document;
+    EXPECT_TRUE(ParseJson(text, document)) << text;
+    return UGSRequest::Parse(document, request);
+  }
+
+  CapturedLog log;
+  UGSRequest::RequestData request;
+};
+
+TEST_F(UGSRequestTest, EachLayoutFillsItsCountsInTheRecordsOrder) {
+  // The slot of the record that each key fills, in reading order.
+  const std::map<std::string, std::size_t> slots{
+      {"MaxCameras", 0},   {"ABD", 1},          {"CR", 2},           {"AN", 3},           {"ClassTier1", 6},
+      {"ClassTier0", 7},   {"ClassTier2", 8},   {"ClassTier3", 9},   {"Perimeter", 10},   {"Dwell", 11},
+      {"Collision", 12},   {"NeuralPack", 13},  {"PX", 14},          {"Plates", 15},      {"Generative", 16},
+      {"RemoteTier1", 17}, {"RemoteTier2", 18}, {"RemoteTier3", 19}, {"RemoteTier4", 20}, {"FaceTier1", 21},
+      {"FaceTier2", 22}};
+  for (const std::string& layout : ugs::LayoutNames()) {
+    Values values;
+    ugs::CountSlots expected{};
+    for (const std::string& key : ugs::CountKeys(layout)) {
+      const std::size_t slot = slots.at(key);
+      expected[slot] = static_cast<std::uint32_t>(100 + slot);
+      values[key] = std::to_string(expected[slot]);
+    }
+    EXPECT_EQ(Parse(Document(layout, values)), Ok) << layout;
+    EXPECT_EQ(std::bit_cast<ugs::CountSlots>(request.counts), expected) << layout;
+    EXPECT_EQ(request.korvaneId, "id");
+    EXPECT_EQ(request.dockerId, "docker");
+    EXPECT_EQ(request.camRtspUrls, std::vector<std::string>{"camera"});
+    EXPECT_EQ(request.timeStamp, -1);
+    EXPECT_TRUE(log.Lines().empty());
+  }
+}
+
+TEST_F(UGSRequestTest, OfSeveralLayoutsTheNewestCountsWhereverItStands) {
+  for (const auto& [newer, older] : {std::pair("v6", "v5"), {"v6", "v4"}, {"v5", "v4"}}) {
+    const std::string one = Document(newer, {{"MaxCameras", "1"}});
+    const std::string two = Document(older, {{"MaxCameras", "2"}});
+    const auto join = [](const std::string& first, const std::string& second) {
+      return first.substr(0, first.size() - 1) + "," + second.substr(1);
+    };
+    for (const std::string& both : {join(one, two), join(two, one)}) {
+      EXPECT_EQ(Parse(both), Ok);
+      EXPECT_EQ(request.counts.maxCameras, 1U) << both;
+    }
+  }
+}
+
+TEST_F(UGSRequestTest, AMissingCountIsLoggedByTheParserOfItsLayout) {
+  for (const auto& [layout, key, line] :
+       {std::tuple("legacy", "NeuralPack", "UGSRequest::ParseLegacy: error 0xE246"),
+        {"v4", "PX", "ParseV4: error 0xE247"},
+        {"v5", "RemoteTier1", "ParseV5: error 0xE251"},
+        {"v6", "FaceTier1", "ParseV6: error 0xE261"}}) {
+    std::string text = Document(layout);
+    text.replace(text.find(key), 1, "?");
+    log.Clear();
+    EXPECT_EQ(Parse(text), Failed);
+    EXPECT_EQ(log.Lines(), std::vector{"error " + std::string(line) + ":: could not read data content\n"});
+  }
+}
+
+TEST_F(UGSRequestTest, ACountTakesItsLow32BitsAndAnythingElseIsZero) {
+  const std::map<std::string, std::uint32_t> cases{
+      {"7", 7},          {"-1", 4294967295}, {"4294967295", 4294967295},
+      {"4294967298", 2}, {"-4294967295", 1}, {"18446744073709551615", 4294967295},
+      {"1.5", 0},        {"1e3", 0},         {"99999999999999999999", 0},
+      {"\"7\"", 0},      {"null", 0},        {"[7]", 0},
+      {"{}", 0},         {"true", 0},        {"-0", 0}};
+  for (const auto& [text, expected] : cases) {
+    EXPECT_EQ(Parse(Document("v6", {{"MaxCameras", text}, {"FaceTier2", text}})), Ok) << text;
+    EXPECT_EQ(request.counts, (ugs::UsageCounts{.maxCameras = expected, .numFaceTier2 = expected})) << text;
+  }
+}
+
+TEST_F(UGSRequestTest, AStringOfTheWrongTypeIsDefinedAndNotEmpty) {
+  const Values cases{{"\"x\"", "x"},
+                     {"\"x\\u0000y\"", "x"},
+                     {"-12", "-12"},
+                     {"1.5", "1.5"},
+                     {"18446744073709551615", "18446744073709551615"},
+                     {"null", "(not a string)"},
+                     {"true", "(not a string)"},
+                     {"{}", "(not a string)"},
+                     {"[1]", "(not a string)"}};
+  for (const auto& [text, expected] : cases) {
+    const Values values{{"KorvaneID", text}, {"DockerID", text}, {"CamRtspUrls", "[" + text + ",\"b\"]"}};
+    EXPECT_EQ(Parse(Document("v6", values)), Ok) << text;
+    EXPECT_EQ(request.korvaneId, expected);
+    EXPECT_EQ(request.dockerId, expected);
+    EXPECT_EQ(request.camRtspUrls, (std::vector<std::string>{expected, "b"}));
+  }
+}
+
+TEST_F(UGSRequestTest, NothingOfAnEarlierRequestIsLeftInTheRecord) {
+  ASSERT_EQ(Parse(Document("v6", {{"FaceTier1", "5"}})), Ok);
+  ASSERT_EQ(Parse(Document("legacy", {{"CamRtspUrls", "[]"}})), Ok);
+  EXPECT_TRUE(request.camRtspUrls.empty());
+  EXPECT_EQ(request.counts, ugs::UsageCounts());
+}
+
+}  // namespace

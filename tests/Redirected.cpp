@@ -1,0 +1,85 @@
+#include "Redirected.h"
+
+#include <openssl/bn.h>
+#include <openssl/crypto.h>
+#include <time.h>
+#include <zmq.h>
+
+#include <mutex>
+#include <utility>
+
+namespace {
+
+std::mutex mutex;  // guards the next two
+std::vector<std::string> wiped;
+std::vector<long> waits;
+
+void NoteWiped(const void* data, std::size_t size) {
+  const std::scoped_lock lock(mutex);
+  wiped.emplace_back(static_cast<const char*>(data), size);
+}
+
+}  // namespace
+
+std::vector<std::string> TakeWiped() {
+  const std::scoped_lock lock(mutex);
+  return std::exchange(wiped, {});
+}
+std::vector<long> TakeWaits() {
+  const std::scoped_lock lock(mutex);
+  return std::exchange(waits, {});
+}
+
+extern "C" {
+
+decltype(OPENSSL_cleanse) RealCleanse __asm__("__real_OPENSSL_cleanse");
+decltype(OPENSSL_cleanse) OnCleanse __asm__("__wrap_OPENSSL_cleanse");
+void OnCleanse(void* data, std::size_t size) {
+  NoteWiped(data, size);
+  RealCleanse(data, size);
+}
+
+decltype(CRYPTO_secure_clear_free) RealClearFree __asm__("__real_CRYPTO_secure_clear_free");
+decltype(CRYPTO_secure_clear_free) OnClearFree __asm__("__wrap_CRYPTO_secure_clear_free");
+void OnClearFree(void* data, std::size_t size, const char* file, int line) {
+  NoteWiped(data, size);
+  RealClearFree(data, size, file, line);
+}
+
+decltype(BN_BLINDING_create_param) RealSetUp __asm__("__real_BN_BLINDING_create_param");
+decltype(BN_BLINDING_create_param) OnSetUp __asm__("__wrap_BN_BLINDING_create_param");
+BN_BLINDING* OnSetUp(BN_BLINDING* blinding, const BIGNUM* exponent, BIGNUM* modulus, BN_CTX* context,
+                     decltype(&BN_mod_exp_mont) power, BN_MONT_CTX* montgomery) {
+  ++blindingSetUps;
+  return blindingFails ? nullptr : RealSetUp(blinding, exponent, modulus, context, power, montgomery);
+}
+
+decltype(BN_BLINDING_invert) RealInvert __asm__("__real_BN_BLINDING_invert");
+decltype(BN_BLINDING_invert) OnInvert __asm__("__wrap_BN_BLINDING_invert");
+int OnInvert(BIGNUM* number, BN_BLINDING* blinding, BN_CTX* context) {
+  if (BN_get_flags(number, BN_FLG_CONSTTIME) != 0) ++unblindings;
+  return RealInvert(number, blinding, context);
+}
+
+int OnTrim(std::size_t pad) __asm__("__wrap_malloc_trim");
+int OnTrim(std::size_t /*pad*/) {
+  ++memoryReturns;
+  return 1;
+}
+
+decltype(nanosleep) RealSleep __asm__("__real_nanosleep");
+decltype(nanosleep) OnSleep __asm__("__wrap_nanosleep");
+int OnSleep(const timespec* duration, timespec* rest) {
+  return waitsAreInstant ? 0 : RealSleep(duration, rest);
+}
+
+decltype(zmq_poll) RealPoll __asm__("__real_zmq_poll");
+decltype(zmq_poll) OnPoll __asm__("__wrap_zmq_poll");
+int OnPoll(zmq_pollitem_t* items, int count, long timeout) {
+  if (!waitsAreInstant || count != 1) return RealPoll(items, count, timeout);
+  const std::scoped_lock lock(mutex);
+  waits.push_back(timeout);
+  return 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,22 @@
+// Calls of library functions that the linker redirects to these tests (--wrap in CMakeLists.txt): they show
+// what cannot be seen from outside.
+#pragma once
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+// All bytes that were wiped since the last call of this function, as they were before. Thread-safe.
+std::vector<std::string> TakeWiped();
+
+inline std::atomic<int> memoryReturns = 0;  // calls of malloc_trim(3)
+
+// Blinding of RSA operations.
+inline std::atomic<int> blindingSetUps = 0;
+inline std::atomic<bool> blindingFails = false;
+inline std::atomic<int> unblindings = 0;  // in constant time only
+
+// While this is true, waiting for time to pass takes none.
+inline std::atomic<bool> waitsAreInstant = false;
+// The milliseconds that were to be waited in zmq_poll(3) meanwhile, for one item. Thread-safe.
+std::vector<long> TakeWaits();

@@ -1,0 +1,297 @@
+#include <gtest/gtest.h>
+#include <rapidjson/document.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <mutex>
+#include <stdexcept>
+
+#include "Base64.h"
+#include "JsonReader.h"
+#include "KorvaneUGSZMQ.h"
+#include "Redirected.h"
+#include "Sealer.h"
+#include "TestSupport.h"
+#include "UGSRequest.h"
+#include "UgsClient.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Request = std::pair<std::string, std::string>;  // identity, payload
+using Strings = std::vector<std::string>;
+
+// A transport that keeps the requests, and answers them if the test says what.
+class TransportTest : public testing::Test {
+ protected:
+  TransportTest() { Start(); }
+
+  void Start() {
+    transport->SetRequestCallback([this](const std::string& identity, const std::string& payload) {
+      if (payload == "throw") throw std::runtime_error("callback {} failed");
+      const std::scoped_lock lock(mutex);
+      requests.emplace_back(identity, payload);
+      if (!answer.empty()) transport->Reply(identity, answer);
+    });
+    transport->SetPort(port);
+    transport->Start();
+  }
+  // What each request is answered from now on; nothing if empty. Returns how many there were before.
+  std::size_t AnswerWith(const std::string& text) {
+    const std::scoped_lock lock(mutex);
+    answer = text;
+    return requests.size();
+  }
+  // The n-th request received so far, waited for.
+  Request Received(std::size_t n) {
+    EXPECT_TRUE(Await([&] {
+      const std::scoped_lock lock(mutex);
+      return requests.size() > n;
+    }));
+    const std::scoped_lock lock(mutex);
+    return requests.at(n);
+  }
+
+  CapturedLog log;
+  const std::uint16_t port = FreePort();
+  std::mutex mutex;  // guards the next two
+  std::vector<Request> requests;
+  std::string answer;
+  std::unique_ptr<KorvaneUGSZMQ> transport = std::make_unique<KorvaneUGSZMQ>();
+};
+
+class KorvaneUGSZMQTest : public TransportTest {
+ protected:
+  // Makes `newcomer` known to the transport, with a first request.
+  std::string IdentityOf(Peer& newcomer) {
+    newcomer.Send("first");
+    return Received(known++).first;
+  }
+
+  std::size_t known = 0;
+  Peer peer{port};
+};
+
+TEST_F(KorvaneUGSZMQTest, AnyBytesGoInAndTheReplyComesBackToItsPeer) {
+  KorvaneUGSZMQ().Reply("identity", "dropped: not started");
+  EXPECT_TRUE(log.Lines().empty());
+  Peer other(port);
+  const std::string identity = IdentityOf(peer);
+  const std::string identityOfOther = IdentityOf(other);
+  const std::string bytes("\0\xff{}%s\n", 7);
+  peer.Send(bytes);
+  EXPECT_EQ(Received(2), Request(identity, bytes));
+  transport->Reply(identityOfOther, "for the other");
+  transport->Reply(identity, bytes);
+  transport->Reply("nobody", "lost");
+  EXPECT_EQ(peer.Receive(), bytes);
+  EXPECT_EQ(other.Receive(), "for the other");
+}
+
+TEST_F(KorvaneUGSZMQTest, BytesOfNoProtocolAreNotTakenForFramesOfAnOldOne) {
+  IdentityOf(peer);
+  Peer raw(port, ZMQ_STREAM);  // whose messages are a connection and bytes; none when it begins or ends
+  const std::string connection = *raw.Receive();
+  raw.Receive();
+  // ZMTP 1.0: an empty name, and a message of two frames, which makes three with the name in front.
+  raw.SendFrames({connection, std::string("\1\0\4\1one\4\0two", 12)});
+  while (raw.Receive() == connection && raw.Receive() != "") continue;
+  peer.Send("next");
+  EXPECT_EQ(Received(1).second, "next");
+}
+
+TEST_F(KorvaneUGSZMQTest, AnEmptyPayloadOrAnExceptionOfTheCallbackIsLoggedAndTheServiceGoesOn) {
+  peer.Send("");
+  peer.Send("throw");
+  peer.Send("next");
+  EXPECT_EQ(Received(0).second, "next");
+  EXPECT_EQ(log.Lines(), (Strings{"error KorvaneUGSZMQ::ProcessWork: 0x0084 Invalid incoming data",
+                                  "error KorvaneUGSZMQ::ProcessWork: 0x0083 callback {} failed"}));
+}
+
+TEST_F(KorvaneUGSZMQTest, FramesAreTakenTwoAtATimeAcrossMessages) {
+  const std::string name = IdentityOf(peer);
+  peer.SendFrames({"a", "b"});       // with the identity in front: three frames
+  peer.SendFrames({"c", "d", "e"});  // four more
+  peer.SendFrames({"f", "g"});       // three more
+  const std::vector<Request> pairs{{name, "a"}, {"b", name}, {"c", "d"}, {"e", name}, {"f", "g"}};
+  for (std::size_t i = 0; i < pairs.size(); ++i) EXPECT_EQ(Received(i + 1), pairs[i]);
+}
+
+TEST_F(KorvaneUGSZMQTest, AfterAnOddMessageRepliesAndTheStopAreNotHeldBack) {
+  const std::string identity = IdentityOf(peer);
+  Peer req(port, ZMQ_REQ);
+  req.Send("from a REQ socket");  // identity, empty delimiter, payload: the payload waits for a partner
+  ASSERT_TRUE(Await([this] { return log.Count("0x0084 Invalid incoming data") == 1; }));
+  transport->Reply(identity, "not held back");
+  EXPECT_EQ(peer.Receive(), "not held back");
+  transport.reset();  // never returns if the worker waits for the missing frame
+}
+
+TEST_F(KorvaneUGSZMQTest, WithoutAFreeDescriptorTheFirstReplyStillLeaves) {
+  const std::string identity = IdentityOf(peer);
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  const rlimit none{5, before.rlim_max};  // fewer than are open
+  setrlimit(RLIMIT_NOFILE, &none);
+  transport->Reply(identity, "reply");
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_EQ(peer.Receive(), "reply");
+}
+
+// A reply is two frames on the channel to the worker. If the second were taken for an identity, the peer
+// would get the other's name.
+TEST_F(KorvaneUGSZMQTest, RepliesThatOverflowTheirChannelAreLostWhole) {
+  const std::string identity = IdentityOf(peer);
+  for (int i = 0; i < 100'000; ++i) transport->Reply("nobody", identity);
+  std::optional<std::string> reply;
+  EXPECT_TRUE(Await([&] {
+    transport->Reply(identity, "for the peer");
+    return (reply = peer.Receive(20)).has_value();
+  }));
+  EXPECT_EQ(reply, "for the peer");
+}
+
+TEST_F(KorvaneUGSZMQTest, ARestartBindsTheSamePortAndNeedsANewReplySocketAndNewNames) {
+  Strings names;
+  for (int i = 0; i < 2; ++i) {
+    std::srand(1);  // as every process begins
+    Start();
+    Peer newcomer(port);
+    names.push_back(IdentityOf(newcomer));
+    transport->Reply(names.back(), "reply");
+    EXPECT_EQ(newcomer.Receive(), "reply");
+  }
+  EXPECT_EQ(log.Count("Cleaning up Reply socket in main thread!"), 1U);
+  EXPECT_EQ(log.Count("Creating response socket and connecting back"), 2U);
+  EXPECT_EQ(names[0].size(), 5U);
+  EXPECT_NE(names[0], names[1]);
+}
+
+class ClientTest : public TransportTest {
+ protected:
+  const std::string address = "127.0.0.1:" + std::to_string(port);
+  ugs::Client client{address, PublicKeyPem()};
+  ugs::Client hasty{address, PublicKeyPem(), 400ms};
+};
+
+TEST_F(ClientTest, ReturnsTheCodeWhateverItIs) {
+  for (const int code : {0, 1, 2, -7}) {
+    AnswerWith(std::to_string(code));
+    EXPECT_EQ(client.Greet(), code);
+  }
+  AnswerWith("1x");
+  EXPECT_THROW(client.Greet(), std::runtime_error);
+}
+
+TEST_F(ClientTest, ASlowServerNeverHasASecondRequestOfTheSameClient) {
+  EXPECT_TRUE(Await([this] { return hasty.Greet(), AnswerWith("") == 1; }));
+  EXPECT_EQ(hasty.Greet(), std::nullopt);
+  transport->Reply(Received(0).first, "2");  // late: it must not be taken for the next request's
+  AnswerWith("1");
+  std::optional<int> code;
+  EXPECT_TRUE(Await([&] { return (code = hasty.Greet()).has_value(); }));
+  EXPECT_EQ(code, 1);
+  EXPECT_EQ(requests.size(), 2U);
+}
+
+TEST_F(ClientTest, TheLateAnswerToAnInterruptedCallIsNotTheNextOnes) {
+  std::optional<int> code = 0;
+  {
+    const std::jthread caller([&] { code = client.Greet(); });
+    Received(0);
+    client.Interrupt();
+  }
+  EXPECT_EQ(code, std::nullopt);
+  transport->Reply(Received(0).first, "2");
+  AnswerWith("1");
+  EXPECT_EQ(client.Greet(), 1);
+}
+
+TEST_F(ClientTest, AfterALostConnectionItAsksAnewAndNothingWasQueued) {
+  EXPECT_TRUE(Await([this] { return hasty.Greet(), AnswerWith("1") == 1; }));
+  transport.reset();
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(hasty.Greet(), std::nullopt);
+  transport = std::make_unique<KorvaneUGSZMQ>();
+  Start();
+  EXPECT_TRUE(Await([this] { return hasty.Greet() == 1; }));
+  EXPECT_EQ(requests.size(), 2U);
+}
+
+TEST_F(ClientTest, AReporterReportsOncePerPeriodUntilItIsDestroyed) {
+  AnswerWith("0");
+  std::atomic<int> counted = 0;
+  const auto usage = [] {
+    return ugs::Usage{.id = "i", .cameras = {"c"}};
+  };
+  const auto count = [&](std::optional<int> code) {
+    counted += code == 0 ? 1 : 0;
+  };
+  const ugs::Reporter reporter(address, PublicKeyPem(), usage, 20ms, count, 1h);
+  EXPECT_TRUE(Await([&] { return counted >= 5; }));
+  Received(AnswerWith(""));  // destroyed while this one is waiting for its answer
+}
+
+TEST_F(ClientTest, AReporterWaitsLongerAfterEachFailureUpToItsPeriod) {
+  std::atomic<int> unanswered = 0;
+  const auto usage = []() -> ugs::Usage {
+    throw std::runtime_error("no figures");
+  };
+  const auto count = [&](std::optional<int> code) {
+    unanswered += code ? 0 : 1;
+  };
+  TakeWaits();
+  waitsAreInstant = true;
+  {
+    const ugs::Reporter reporter(address, PublicKeyPem(), usage, 4s, count);
+    EXPECT_TRUE(Await([&] { return unanswered > 100; }));
+  }
+  waitsAreInstant = false;
+  const std::vector<long> waits = TakeWaits();
+  EXPECT_LE(waits[1], 1500);  // from half of 1, 2 and 4 s to one and a half
+  EXPECT_LE(waits[2], 3000);
+  EXPECT_LE(std::ranges::max(waits), 6000);
+  EXPECT_GT(std::ranges::max(waits), 3000);
+}
+
+TEST(WriteDocumentTest, AnyBytesOfAStringAreReadBackByTheServer) {
+  const ugs::Usage usage{.id = "i\"d\n", .container = "d\t\x01", .cameras = {"rtsp://a?x=\\", "b"}};
+  rapidjson::Document document;
+  ASSERT_TRUE(ParseJson(ugs::WriteDocument(usage), document));
+  UGSRequest::RequestData data;
+  ASSERT_EQ(UGSRequest::Parse(document, data), UGSDefs::Ok);
+  EXPECT_EQ(data.korvaneId, usage.id);
+  EXPECT_EQ(data.dockerId, usage.container);
+  EXPECT_EQ(data.camRtspUrls, usage.cameras);
+}
+
+TEST(WriteDocumentTest, WhatALayoutDoesNotCarryIsRefused) {
+  EXPECT_THROW(ugs::WriteDocument({.counts = {{"PX", 1}}, .layout = "legacy"}), std::invalid_argument);
+  EXPECT_THROW(ugs::WriteDocument({.counts = {{"maxcameras", 1}}}), std::invalid_argument);
+  EXPECT_THROW(ugs::WriteDocument({.layout = "v7"}), std::invalid_argument);
+}
+
+TEST(ParseAddressTest, TakesAHostWithOrWithoutAPort) {
+  EXPECT_EQ(ugs::ParseAddress("host").port, 9304);
+  EXPECT_EQ(ugs::ParseAddress("10.0.0.1:77").port, 77);
+  EXPECT_EQ(ugs::ParseAddress("10.0.0.1:77").host, "10.0.0.1");
+  for (const char* text : {"", ":1", "a:", "a:0", "a:65536", "a:1x", "a:-1", "::1", "a:1:2"}) {
+    EXPECT_THROW(ugs::ParseAddress(text), std::invalid_argument) << text;
+  }
+}
+
+TEST(SealerTest, KeyAndIvAreNewForEachEnvelopeAndForeignKeysAreRefused) {
+  rapidjson::Document one;
+  rapidjson::Document two;
+  ASSERT_TRUE(ParseJson(ugs::Base64Decode(Seal("{hello}")), one));
+  ASSERT_TRUE(ParseJson(ugs::Base64Decode(Seal("{hello}")), two));
+  for (const char* key : {"data1", "data2", "data3"})
+    EXPECT_STRNE(one[key].GetString(), two[key].GetString());
+  EXPECT_THROW(ugs::Sealer(""), std::invalid_argument);
+  EXPECT_THROW(ugs::Sealer("-----BEGIN PUBLIC KEY-----\nAAAA\n-----END PUBLIC KEY-----\n"),
+               std::invalid_argument);
+}
+
+}  // namespace
