@@ -4,7 +4,7 @@
 
 #include <spdlog/spdlog.h>
 
-#include <string>
+#include <sstream>
 
 #include "Base64.h"
 #include "Envelope.h"
@@ -12,29 +12,24 @@
 #include "PrivateKey.h"
 #include "TestSupport.h"
 
-namespace {
-std::string WrapKey(std::string_view key) {
-  return Wrap(key.substr(0, 245));
-}
-std::string Member(std::string_view line, std::string (*encode)(std::string_view)) {
-  const bool plain = line.empty() || line[0] != '!';
-  return '"' + (plain ? std::string(line) : encode(line.substr(1))) + '"';
-}
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+void TestOneInput(std::string_view input) {
   spdlog::set_level(spdlog::level::off);
-  std::string_view rest = AsText(data, size);
-  std::string payload(rest);
-  if (rest.find('\n') != std::string_view::npos) {
-    std::string envelope = "{\"data1\":" + Member(NextField(rest), WrapKey);
-    envelope += ",\"data2\":" + Member(NextField(rest), ugs::Base64Encode);
-    envelope += ",\"data3\":" + Member(rest, ugs::Base64Encode) + "}";
-    payload = ugs::Base64Encode(envelope);
+  std::string payload(input);
+  if (payload.find('\n') != std::string::npos) {
+    std::istringstream lines(payload);
+    std::string key;
+    std::string iv;
+    std::getline(std::getline(lines, key), iv);
+    std::string ciphertext(std::istreambuf_iterator<char>(lines), {});
+    if (key.starts_with('!')) key = Wrap(key.substr(1, 245));
+    for (std::string* member : {&iv, &ciphertext}) {
+      if (member->starts_with('!')) *member = ugs::Base64Encode(member->substr(1));
+    }
+    payload = ugs::Base64Encode(R"({"data1":")" + key + R"(","data2":")" + iv + R"(","data3":")" +
+                                ciphertext + "\"}");
   }
   std::vector<char> plaintext;
   const std::int32_t length = OpenEnvelope(payload, ScrambledPrivateKey(), plaintext);
   Require(length < 0 ? plaintext.empty() : plaintext.size() == static_cast<std::size_t>(length));
   Require(length < 0 || (length > 0 && plaintext.back() == '}'));
-  return 0;
 }

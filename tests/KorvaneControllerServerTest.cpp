@@ -29,15 +29,6 @@ class ProcessDataTest : public testing::Test {
   KorvaneControllerServer server{true, 0, ScrambledPrivateKey(), nullptr};
 };
 
-TEST_F(ProcessDataTest, AKeyThatCannotBeReadRefusesEveryEnvelope) {
-  KorvaneControllerServer keyless(true, 0, ugs::Base64Encode("no key"), nullptr);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(keyless.ProcessData(Seal("{hello}")), UGSDefs::Failed);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Error 0x00AE08: Cannot read the private key\n");
-  EXPECT_EQ(log.Lines(), std::vector<std::string>{"error KorvaneControllerServer::DecryptData: "
-                                                  "Error 0x00AE06: Decryption fail\n"});
-}
-
 TEST_F(ProcessDataTest, ErrorsOfOpenSslDoNotPileUp) {
   // No key of ours can have wrapped a block of this length.
   const std::string block(400, 'A');
@@ -173,21 +164,6 @@ TEST_F(IntakeTest, AtTheEndTheCallbackIsEmptiedAndTheLoopJoinedBeforeTheTranspor
   server.reset();
   EXPECT_TRUE(seen.callbackWasEmptied);
   EXPECT_LT(seen.replies.size(), 100U);
-}
-
-TEST_F(IntakeTest, TheMemoryOfALongQueueIsReturnedOnceItIsEmptyAndAtTheEnd) {
-  memoryReturns = 0;
-  for (int i = 0; i < 11'000; ++i) transport->Request("", "garbage");
-  EXPECT_TRUE(Await([this] { return Replies() > 2; }));
-  EXPECT_EQ(memoryReturns, 0);
-  waitsAreInstant = true;
-  EXPECT_TRUE(Await([this] { return Replies() == 11'000 && memoryReturns > 0; }));
-  transport->Request("", "garbage");  // a short queue
-  EXPECT_TRUE(Await([this] { return Replies() == 11'001; }));
-  waitsAreInstant = false;
-  EXPECT_EQ(memoryReturns, 1);
-  server.reset();
-  EXPECT_EQ(memoryReturns, 2);
 }
 
 TEST_F(IntakeTest, StartedAgainItServesOnWithItsRegistry) {

@@ -2,7 +2,6 @@
 
 #include <openssl/bn.h>
 #include <openssl/crypto.h>
-#include <time.h>
 #include <zmq.h>
 
 #include <mutex>
@@ -59,18 +58,6 @@ decltype(BN_BLINDING_invert) OnInvert __asm__("__wrap_BN_BLINDING_invert");
 int OnInvert(BIGNUM* number, BN_BLINDING* blinding, BN_CTX* context) {
   if (BN_get_flags(number, BN_FLG_CONSTTIME) != 0) ++unblindings;
   return RealInvert(number, blinding, context);
-}
-
-int OnTrim(std::size_t pad) __asm__("__wrap_malloc_trim");
-int OnTrim(std::size_t /*pad*/) {
-  ++memoryReturns;
-  return 1;
-}
-
-decltype(nanosleep) RealSleep __asm__("__real_nanosleep");
-decltype(nanosleep) OnSleep __asm__("__wrap_nanosleep");
-int OnSleep(const timespec* duration, timespec* rest) {
-  return waitsAreInstant ? 0 : RealSleep(duration, rest);
 }
 
 decltype(zmq_poll) RealPoll __asm__("__real_zmq_poll");

@@ -9,14 +9,11 @@
 // All bytes that were wiped since the last call of this function, as they were before. Thread-safe.
 std::vector<std::string> TakeWiped();
 
-inline std::atomic<int> memoryReturns = 0;  // calls of malloc_trim(3)
-
 // Blinding of RSA operations.
 inline std::atomic<int> blindingSetUps = 0;
 inline std::atomic<bool> blindingFails = false;
 inline std::atomic<int> unblindings = 0;  // in constant time only
 
-// While this is true, waiting for time to pass takes none.
+// While this is true, zmq_poll(3) for one item takes no time, and its milliseconds are noted.
 inline std::atomic<bool> waitsAreInstant = false;
-// The milliseconds that were to be waited in zmq_poll(3) meanwhile, for one item. Thread-safe.
-std::vector<long> TakeWaits();
+std::vector<long> TakeWaits();  // thread-safe
