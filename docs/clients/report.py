@@ -21,12 +21,20 @@ ANSWER_WITHIN = 30  # seconds
 
 def usage(identity):
     """What this instance is using; all 21 counts, those that it does not use as 0."""
-    counts = dict.fromkeys("MaxCameras ABD AN CR ClassTier1 ClassTier2 ClassTier3 Perimeter Dwell Collision NeuralPack "
-                           "PX Plates Generative ClassTier0 RemoteTier1 RemoteTier2 RemoteTier3 RemoteTier4 "
-                           "FaceTier1 FaceTier2".split(), 0)
-    return {"v6": {"KorvaneID": identity, "DockerID": os.uname().nodename,
-                   "CamRtspUrls": [f"rtsp://10.0.0.9/{camera}" for camera in range(4)],
-                   "InUse": counts | {"MaxCameras": 4, "Plates": 2}}}
+    counts = dict.fromkeys(
+        "MaxCameras ABD AN CR ClassTier1 ClassTier2 ClassTier3 Perimeter Dwell Collision NeuralPack "
+        "PX Plates Generative ClassTier0 RemoteTier1 RemoteTier2 RemoteTier3 RemoteTier4 "
+        "FaceTier1 FaceTier2".split(),
+        0,
+    )
+    return {
+        "v6": {
+            "KorvaneID": identity,
+            "DockerID": os.uname().nodename,
+            "CamRtspUrls": [f"rtsp://10.0.0.9/{camera}" for camera in range(4)],
+            "InUse": counts | {"MaxCameras": 4, "Plates": 2},
+        }
+    }
 
 
 def seal(document, public_key):
@@ -34,8 +42,9 @@ def seal(document, public_key):
     pad = 16 - len(plaintext) % 16
     aes = Cipher(algorithms.AES(key), modes.CBC(iv)).encryptor()
     parts = public_key.encrypt(key, padding.PKCS1v15()), iv, aes.update(plaintext + bytes([pad]) * pad) + aes.finalize()
-    return base64.b64encode(json.dumps({f"data{number}": base64.b64encode(part).decode()
-                                        for number, part in enumerate(parts, 1)}).encode())
+    return base64.b64encode(
+        json.dumps({f"data{number}": base64.b64encode(part).decode() for number, part in enumerate(parts, 1)}).encode()
+    )
 
 
 def connect(server):
