@@ -37,8 +37,8 @@ def usage(identity):
     }
 
 
-def seal(document, public_key):
-    plaintext, key, iv = json.dumps(document).encode(), os.urandom(32), os.urandom(16)
+def seal(plaintext, public_key):
+    key, iv = os.urandom(32), os.urandom(16)
     pad = 16 - len(plaintext) % 16
     aes = Cipher(algorithms.AES(key), modes.CBC(iv)).encryptor()
     parts = public_key.encrypt(key, padding.PKCS1v15()), iv, aes.update(plaintext + bytes([pad]) * pad) + aes.finalize()
@@ -60,7 +60,7 @@ def main(server, key_file, identity, period, times="0"):
     time.sleep(random.random() * float(period))  # a fleet that was started together must not report together
     socket, sent, pause = connect(server), 0, float(period)
     while sent < int(times) or times == "0":
-        socket.send(seal(usage(identity), public_key))
+        socket.send(seal(json.dumps(usage(identity)).encode(), public_key))
         sent += 1
         if socket.poll(ANSWER_WITHIN * 1000):
             print(socket.recv().decode(), flush=True)

@@ -50,12 +50,19 @@ def metrics(text):
 
 class DeployTest(ServerTest):
     def background(self, *command, **options):
-        process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                                   start_new_session=True, **options)
+        process = subprocess.Popen(
+            command,
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.DEVNULL,
+            stderr=subprocess.DEVNULL,
+            start_new_session=True,
+            **options,
+        )
 
         def end():
             os.killpg(process.pid, signal.SIGTERM)
             process.wait(20)
+
         self.addCleanup(end)
 
     def scratch(self):
@@ -64,11 +71,14 @@ class DeployTest(ServerTest):
         return directory.name
 
     def mtail(self, log, port):
-        self.background(*MTAIL, "--logs", log, "--address", "127.0.0.1", "--port", str(port), "--log_dir", self.scratch())
+        self.background(
+            *MTAIL, "--logs", log, "--address", "127.0.0.1", "--port", str(port), "--log_dir", self.scratch()
+        )
 
         def answers():
             with contextlib.suppress(OSError):
                 return fetch(f"http://127.0.0.1:{port}/metrics")
+
         wait_until(answers, "mtail")
 
 
@@ -87,20 +97,36 @@ class Packages(unittest.TestCase):
     def test_lnav_reads_a_log(self):
         with tempfile.TemporaryDirectory() as home:
             log = os.path.join(home, "KorvaneUGS.log.txt")
-            with open(os.path.join(HERE, "golden.log"), encoding="ascii") as golden, open(log, "w", encoding="ascii") as copy:
+            with open(os.path.join(HERE, "golden.log"), encoding="ascii") as golden, open(
+                log, "w", encoding="ascii"
+            ) as copy:
                 copy.write(golden.read())
             environment = {**os.environ, "HOME": home}
             run("lnav", "-i", os.path.join(ROOT, "deploy/lnav/korvaneugs.json"), env=environment)
-            found = run("lnav", "-n", "-c", ";SELECT count(*) AS errors FROM korvaneugs WHERE log_level = 'error'", log,
-                        env=environment)
+            found = run(
+                "lnav",
+                "-n",
+                "-c",
+                ";SELECT count(*) AS errors FROM korvaneugs WHERE log_level = 'error'",
+                log,
+                env=environment,
+            )
             self.assertRegex(found.stdout, r"errors\s+5")
 
 
 class Metrics(DeployTest):
     def test_a_log_gives_these_metrics(self):
         with open(os.path.join(HERE, "golden.metrics"), encoding="ascii") as golden:
-            found = run(*MTAIL, "--one_shot", "--one_shot_format", "prometheus", "--logs", os.path.join(HERE, "golden.log"),
-                        "--log_dir", self.scratch())
+            found = run(
+                *MTAIL,
+                "--one_shot",
+                "--one_shot_format",
+                "prometheus",
+                "--logs",
+                os.path.join(HERE, "golden.log"),
+                "--log_dir",
+                self.scratch(),
+            )
             self.assertEqual(metrics(found.stdout), metrics(golden.read()), found.stderr)
 
     def test_no_report_is_lost_or_counted_twice_over_ten_rotations(self):
@@ -115,6 +141,7 @@ class Metrics(DeployTest):
 
         def counted():
             return metrics(fetch("http://127.0.0.1:13904/metrics"))
+
         wait_until(lambda: counted().get("ugs_reports_total", 0) >= reports, lambda: f"all reports: {counted()}")
         time.sleep(2)
         self.assertEqual(counted()["ugs_reports_total"], reports)
@@ -139,17 +166,46 @@ class Page(DeployTest):
         data = os.path.join(ROOT, "build/monitor")
         shutil.rmtree(data, ignore_errors=True)
         self.background(os.path.join(ROOT, "dev"), "monitor", log)
-        fleet = subprocess.run([UGS, "fleet", "--key", os.path.join(KEYS, "public.pem"), "--instances", "50", "--period", "10",
-                                "--duration", "60"], capture_output=True, text=True, check=False, timeout=120)
+        fleet = subprocess.run(
+            [
+                UGS,
+                "fleet",
+                "--key",
+                os.path.join(KEYS, "public.pem"),
+                "--instances",
+                "50",
+                "--period",
+                "10",
+                "--duration",
+                "60",
+            ],
+            capture_output=True,
+            text=True,
+            check=False,
+            timeout=120,
+        )
         self.assertEqual(fleet.returncode, 0, fleet.stdout)
-        wait_until(lambda: [value for _, value in ask(PROMETHEUS, CAMERAS)] == [server.figures()["MaxCameras"]],
-                   "the server's figures in Prometheus")
+        wait_until(
+            lambda: [value for _, value in ask(PROMETHEUS, CAMERAS)] == [server.figures()["MaxCameras"]],
+            "the server's figures in Prometheus",
+        )
         time.sleep(16)  # for the rules
-        (_, cameras), = ask(PROMETHEUS, 'ugs:in_use:steady{feature="MaxCameras"}')
+        ((_, cameras),) = ask(PROMETHEUS, 'ugs:in_use:steady{feature="MaxCameras"}')
         address, picture = PROMETHEUS + "/consoles/ugs.html", os.path.join(ROOT, "build/page.png")
-        chromium = ("chromium", "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
-                    "--disable-background-networking", "--disable-component-update", "--disable-sync",
-                    "--user-data-dir=" + self.scratch(), "--virtual-time-budget=6000", "--window-size=1280,900")
+        chromium = (
+            "chromium",
+            "--headless",
+            "--no-sandbox",
+            "--disable-gpu",
+            "--disable-quic",
+            "--no-first-run",
+            "--disable-background-networking",
+            "--disable-component-update",
+            "--disable-sync",
+            "--user-data-dir=" + self.scratch(),
+            "--virtual-time-budget=6000",
+            "--window-size=1280,900",
+        )
         page = run(*chromium, "--dump-dom", address).stdout
         run(*chromium, "--screenshot=" + picture, address)
         for text in (f"<b>{cameras:,.0f}</b><small>cameras in use</small>", "No alarm"):
@@ -159,7 +215,11 @@ class Page(DeployTest):
 
     def check_dashboard(self):
         with open(os.path.join(MONITORING, "grafana.json"), encoding="ascii") as file:
-            expressions = [target["expr"].replace("$__range", "1h") for panel in json.load(file)["panels"] for target in panel["targets"]]
+            expressions = [
+                target["expr"].replace("$__range", "1h")
+                for panel in json.load(file)["panels"]
+                for target in panel["targets"]
+            ]
         for expression in expressions:
             if "errors" not in expression:  # there are none
                 self.assertTrue(ask(PROMETHEUS, expression), expression)
@@ -168,8 +228,12 @@ class Page(DeployTest):
 class Sites(DeployTest):
     def test_two_sites_are_added_up_in_one_place(self):
         middle = "http://127.0.0.1:18428"
-        self.background("victoria-metrics", "-httpListenAddr=127.0.0.1:18428", "-storageDataPath=" + self.scratch(),
-                        "-search.latencyOffset=0s")  # else it shows nothing of the last 30 s
+        self.background(
+            "victoria-metrics",
+            "-httpListenAddr=127.0.0.1:18428",
+            "-storageDataPath=" + self.scratch(),
+            "-search.latencyOffset=0s",
+        )  # else it shows nothing of the last 30 s
         with open(os.path.join(ROOT, "deploy/many-sites/site.yml"), encoding="ascii") as file:
             template = file.read()
         for number, site in enumerate(("north", "south"), 1):
@@ -178,17 +242,35 @@ class Sites(DeployTest):
             open(log, "w", encoding="ascii").close()
             self.mtail(log, port)
             with open(configuration, "w", encoding="ascii") as file:
-                file.write(template.replace("SITE", site).replace(":3903", f":{port}").replace(":8428", ":18428")
-                           .replace("15s", "2s"))
-            self.background("prometheus", "--enable-feature", "agent", "--config.file", configuration,
-                            "--storage.agent.path", os.path.join(directory, "data"), "--web.listen-address", f"127.0.0.1:{port + 10}")
+                file.write(
+                    template.replace("SITE", site)
+                    .replace(":3903", f":{port}")
+                    .replace(":8428", ":18428")
+                    .replace("15s", "2s")
+                )
+            self.background(
+                "prometheus",
+                "--enable-feature",
+                "agent",
+                "--config.file",
+                configuration,
+                "--storage.agent.path",
+                os.path.join(directory, "data"),
+                "--web.listen-address",
+                f"127.0.0.1:{port + 10}",
+            )
             run(os.path.join(BUILD, "tests/paced-log"), log, str(30 * number), "100", "10000000")
 
         def sums():
-            return {(labels["site"], labels["feature"]): value for labels, value in
-                    ask(middle, "sum by (site, feature) (max_over_time(ugs_in_use[3m]))")}
-        wait_until(lambda: sums().get(("north", "MaxCameras")) == 30 and sums().get(("south", "MaxCameras")) == 50,
-                   lambda: f"both sites: {sums()}")
+            return {
+                (labels["site"], labels["feature"]): value
+                for labels, value in ask(middle, "sum by (site, feature) (max_over_time(ugs_in_use[3m]))")
+            }
+
+        wait_until(
+            lambda: sums().get(("north", "MaxCameras")) == 30 and sums().get(("south", "MaxCameras")) == 50,
+            lambda: f"both sites: {sums()}",
+        )
         self.assertEqual([value for labels, value in ask(middle, CAMERAS)], [80])
 
 

@@ -50,6 +50,7 @@ class Trial(contextlib.ExitStack):
         def loop():
             while not stop.is_set():
                 function()
+
         thread = threading.Thread(target=loop, daemon=True)
         thread.start()
         self.callback(thread.join)
@@ -75,6 +76,7 @@ def fill_log(server_directory, room):
 
 def scratch(trial):
     import tempfile
+
     directory = tempfile.mkdtemp()
     os.chmod(directory, 0o777)
     trial.callback(subprocess.run, ["rm", "-rf", directory])
@@ -89,8 +91,10 @@ def resident(server):
 def fleet(*arguments):
     """Runs a fleet to its end and requires that every report was answered "0"."""
     import json
-    output = subprocess.run([UGS, "fleet", "--key", KEY, "--json", *map(str, arguments)], capture_output=True, text=True,
-                            check=False)
+
+    output = subprocess.run(
+        [UGS, "fleet", "--key", KEY, "--json", *map(str, arguments)], capture_output=True, text=True, check=False
+    )
     outcome = json.loads(output.stdout)
     require(outcome["unanswered"] == 0 and set(outcome["answered"]) == {"0"}, output.stdout)
     return outcome
@@ -122,6 +126,7 @@ def probe(peer, times=20):
 
 def require_counted(server, peer, identity):
     """A report is answered, and the sum that it brings about stands in the log file within 10 s."""
+
     def counted():
         cameras = random.randrange(2**32)  # nobody has had this sum before
         require(peer.ask(seal(document(identity, MaxCameras=cameras))) == b"0", "not answered 0")
@@ -131,6 +136,7 @@ def require_counted(server, peer, identity):
                 if f": in use: {server.figures()['MaxCameras']}\n" in log_text(server):
                     return True
         return False
+
     wait_until(counted, "the report in the log file")
 
 
@@ -189,7 +195,7 @@ def peer_names(trial):
     require(len(names) == 4, f"the same name twice: {names}")
     library = ctypes.CDLL(None)
     unseeded = {library.rand() for _ in range(1000)}  # how many libzmq draws before a name varies
-    numbers = {int.from_bytes(map(int, name.strip(".").split(".")[1:]), "big") & 0x7fffffff for name in names}
+    numbers = {int.from_bytes(map(int, name.strip(".").split(".")[1:]), "big") & 0x7FFFFFFF for name in names}
     require(not numbers & unseeded, f"names of a generator that nobody seeded: {names}")
     return f"first names {', '.join(sorted(names))}"
 
@@ -214,6 +220,7 @@ def port_taken(trial):
             squatter.listen()
             return True
         return False
+
     deadline = time.monotonic() + 20
     while not taken() and time.monotonic() < deadline:
         pass
@@ -226,8 +233,15 @@ def port_taken(trial):
 
 @fault("disk-full")
 def disk_full(trial):
-    server = trial.server(command=("unshare", "--mount", "sh", "-c",
-                                   f"mkdir logs && mount -t tmpfs -o size=3m none logs && exec {SERVER}")).started()
+    server = trial.server(
+        command=(
+            "unshare",
+            "--mount",
+            "sh",
+            "-c",
+            f"mkdir logs && mount -t tmpfs -o size=3m none logs && exec {SERVER}",
+        )
+    ).started()
     filler = f"/proc/{server.process.pid}/cwd/logs/filler"
     with open(filler, "wb") as file:
         file.write(b"x" * 2_000_000)
@@ -243,7 +257,9 @@ def fleet_across_rotation(trial, harm, mend):
     directory = scratch(trial)
     fill_log(directory, room=100_000)
     run("chown", "-R", str(NOBODY), directory)
-    server = trial.server(directory=directory, command=("setpriv", f"--reuid={NOBODY}", "--clear-groups", SERVER)).started()
+    server = trial.server(
+        directory=directory, command=("setpriv", f"--reuid={NOBODY}", "--clear-groups", SERVER)
+    ).started()
     harm(directory + "/logs")
     outcome = fleet("--instances", 50, "--rate", 40, "--duration", 20)
     mend(directory + "/logs")
@@ -263,6 +279,7 @@ def log_directory_gone(trial):
         os.rename(logs, logs + ".away")
         with open(logs, "w", encoding="ascii"):
             pass  # something else in its place: it cannot be made again
+
     return fleet_across_rotation(trial, take_away, os.remove)
 
 
@@ -270,8 +287,7 @@ def log_directory_gone(trial):
 def descriptor_limit(trial, rounds=10, seconds=60):
     directory = scratch(trial)
     fill_log(directory, room=200_000)
-    server = trial.server(directory=directory, clock=True,
-                          command=("prlimit", "--nofile=256:256", SERVER)).started()
+    server = trial.server(directory=directory, clock=True, command=("prlimit", "--nofile=256:256", SERVER)).started()
     served_in_all = set()
     for number in range(rounds):
         with Trial() as crowd:
@@ -287,8 +303,11 @@ def descriptor_limit(trial, rounds=10, seconds=60):
                 wait = time.monotonic() + 8
                 answered = set()
                 while time.monotonic() < wait and answered < asked:
-                    answered |= {index for index in asked - answered if peers[index].socket.poll(0)
-                                 and peers[index].socket.recv() == b"1"}
+                    answered |= {
+                        index
+                        for index in asked - answered
+                        if peers[index].socket.poll(0) and peers[index].socket.recv() == b"1"
+                    }
                     time.sleep(0.05)
                 require(answered >= served, f"{len(served - answered)} of {len(served)} served peers lost")
                 served = answered
@@ -306,8 +325,13 @@ def clock(trial):
     server = trial.server(clock=True).started()
     peer = trial.peer()
     rebuilds = 0
-    for shift, forward in ((-86400, False), (0, True), (2400, True), (10 * 365 * 86400, True),
-                           (2**31 - int(time.time()) + 5, True)):
+    for shift, forward in (
+        (-86400, False),
+        (0, True),
+        (2400, True),
+        (10 * 365 * 86400, True),
+        (2**31 - int(time.time()) + 5, True),
+    ):
         server.shift_clock(shift)
         rebuilds += forward and shift != 0
         if forward and shift:
@@ -346,7 +370,9 @@ def every_way_to_stop(trial):
             stop = (lambda: server.type(way)) if isinstance(way, bytes) else (lambda: server.process.send_signal(way))
             took = milliseconds(lambda: (stop(), server.process.wait(10)))
             longest = max(longest, took)
-            require(took <= 2500 and server.process.returncode == 0, f"{way}: {took:.0f} ms, {server.process.returncode}")
+            require(
+                took <= 2500 and server.process.returncode == 0, f"{way}: {took:.0f} ms, {server.process.returncode}"
+            )
             require(server.modes() == server.modes_before, f"{way}: the terminal is another")
             last = wait_until(lambda: server.console().split("[info] ")[-1].strip(), "a last line")
             require(log_text_of_ended(server).rstrip().endswith(last), f"{way}: the log misses {last!r}")
@@ -364,12 +390,16 @@ def stray_signals(trial):
     sent = []
 
     def send():
-        sent.append(random.choice([signal.SIGCHLD, signal.SIGWINCH, signal.SIGURG, signal.SIGCONT, signal.SIGPIPE,
-                                   signal.SIGSTOP]))
+        sent.append(
+            random.choice(
+                [signal.SIGCHLD, signal.SIGWINCH, signal.SIGURG, signal.SIGCONT, signal.SIGPIPE, signal.SIGSTOP]
+            )
+        )
         server.process.send_signal(sent[-1])
         if sent[-1] == signal.SIGSTOP:
             server.process.send_signal(signal.SIGCONT)
         time.sleep(0.005)
+
     trial.background(send)
     outcome = fleet("--instances", 50, "--rate", 40, "--duration", 30)
     require("0x0082" not in log_text(server), "a 0x0082 line")
@@ -399,8 +429,12 @@ def hostile_connections():
     for _ in range(1000):
         yield {"frames": b"\x02" + struct.pack(">Q", 5000) + b"half"}
     generator = random.Random(1)
-    samples = [b"GET / HTTP/1.1\r\nHost: x\r\n\r\n", b"\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03" + b"r" * 500,
-               b"SSH-2.0-OpenSSH_9.2\r\n", handshake()]
+    samples = [
+        b"GET / HTTP/1.1\r\nHost: x\r\n\r\n",
+        b"\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03" + b"r" * 500,
+        b"SSH-2.0-OpenSSH_9.2\r\n",
+        handshake(),
+    ]
     for number in range(5000):
         sample = bytearray(samples[number % 4])
         for _ in range(number // 4 % 5):
@@ -426,7 +460,9 @@ def garbage(trial):
                 for connection in dripping:
                     with contextlib.suppress(OSError):
                         connection.send(b"\0")
-    wait_until(lambda: resident(server) - before < 5e6, lambda: f"memory: {(resident(server) - before) / 1e6:.1f} MB more")
+    wait_until(
+        lambda: resident(server) - before < 5e6, lambda: f"memory: {(resident(server) - before) / 1e6:.1f} MB more"
+    )
     require(slowest <= 100, f"slowest answer {slowest:.0f} ms")
     return f"6,400 connections, the slowest answer in {slowest:.0f} ms, {(resident(server) - before) / 1e6:.1f} MB more"
 
@@ -448,11 +484,18 @@ def giant_frames(trial):
     for _ in range(3):
         with connect(handshake(b"\x08Identity" + struct.pack(">I", len(name)) + name)):
             with_name = probe(peer)
-        require(with_name <= 100 + 2 * copies, f"{with_name:.0f} ms beside a name of 20 MB, ten copies of it {copies:.0f} ms")
-    wait_until(lambda: resident(server) - before < 5e6, lambda: f"memory: {(resident(server) - before) / 1e6:.1f} MB more")
+        require(
+            with_name <= 100 + 2 * copies,
+            f"{with_name:.0f} ms beside a name of 20 MB, ten copies of it {copies:.0f} ms",
+        )
+    wait_until(
+        lambda: resident(server) - before < 5e6, lambda: f"memory: {(resident(server) - before) / 1e6:.1f} MB more"
+    )
     require(slowest <= 100, f"slowest answer {slowest:.0f} ms")
-    return (f"the slowest answer in {slowest:.0f} ms, beside a name of 20 MB in {with_name:.0f} ms (ten copies of it: "
-            f"{copies:.0f} ms), {(resident(server) - before) / 1e6:.1f} MB more")
+    return (
+        f"the slowest answer in {slowest:.0f} ms, beside a name of 20 MB in {with_name:.0f} ms (ten copies of it: "
+        f"{copies:.0f} ms), {(resident(server) - before) / 1e6:.1f} MB more"
+    )
 
 
 @fault("odd-frames")
@@ -504,9 +547,13 @@ def flood(trial, count=1_000_000, size=1500):
     server.shift_clock(HALF_HOUR)
     server.wait_for("Refreshing UGS server...")
     took = milliseconds(peer.meet)
-    wait_until(lambda: resident(server) - before < 10e6, lambda: f"memory: {(resident(server) - before) / 1e6:.1f} MB more")
-    return (f"{count} requests of {size} bytes take {each:.0f} bytes each; {(resident(server) - before) / 1e6:.1f} MB "
-            f"stay after the rebuild, served again {took:.0f} ms after it began")
+    wait_until(
+        lambda: resident(server) - before < 10e6, lambda: f"memory: {(resident(server) - before) / 1e6:.1f} MB more"
+    )
+    return (
+        f"{count} requests of {size} bytes take {each:.0f} bytes each; {(resident(server) - before) / 1e6:.1f} MB "
+        f"stay after the rebuild, served again {took:.0f} ms after it began"
+    )
 
 
 @fault("12000-connections")
@@ -514,8 +561,11 @@ def many_connections(trial):
     server = trial.server().started()
     trial.peer()
     before = resident(server)
-    process = subprocess.Popen([UGS, "fleet", "--key", KEY, "--instances", "12000", "--rate", "80", "--duration", "150",
-                                "--json"], stdout=subprocess.PIPE, text=True)
+    process = subprocess.Popen(
+        [UGS, "fleet", "--key", KEY, "--instances", "12000", "--rate", "80", "--duration", "150", "--json"],
+        stdout=subprocess.PIPE,
+        text=True,
+    )
     trial.callback(process.wait)
     most = 0
     while process.poll() is None:

@@ -107,10 +107,16 @@ def soak(trial, minutes):
         if len(memory) < elapsed / 10:
             memory.append(resident(server))
             if len(memory) % 30 == 0:
-                print(f"{elapsed / 60:.0f} min: {sent} sent, {lost} lost to {rebuilds} rebuilds, "
-                      f"{memory[-1] / 1e6:.2f} MB", flush=True)
+                print(
+                    f"{elapsed / 60:.0f} min: {sent} sent, {lost} lost to {rebuilds} rebuilds, "
+                    f"{memory[-1] / 1e6:.2f} MB",
+                    flush=True,
+                )
     for instance in instances:
-        wait_until(lambda: instance.collect(rebuilt) and sum(owed[0] > rebuilt for owed in instance.owed) == 0, "the last answers")
+        wait_until(
+            lambda: instance.collect(rebuilt) and sum(owed[0] > rebuilt for owed in instance.owed) == 0,
+            "the last answers",
+        )
     return report(sent, time.monotonic() - start, latencies, lost, rebuilds, memory, before, counts(server))
 
 
@@ -119,10 +125,16 @@ def report(sent, seconds, latencies, lost, rebuilds, memory, before, after):
     # A cycle from rebuild to rebuild is a sawtooth, so whole cycles are compared: the last with the second, by which
     # every buffer has had its largest filling.
     cycle = REBUILD_EVERY // 10
-    drift = sum(memory[-cycle:]) / cycle - sum(memory[cycle:2 * cycle]) / cycle if len(memory) >= 3 * cycle else 0
-    print(f"{sent} requests in {seconds:.0f} s, {sent / seconds:.1f}/s; {lost} without an answer at {rebuilds} rebuilds")
-    print(f"latency p50 {latencies[len(latencies) // 2] * 1000:.1f} ms, p99 {latencies[len(latencies) * 99 // 100] * 1000:.1f} ms")
-    print(f"memory {memory[0] / 1e6:.2f} -> {memory[-1] / 1e6:.2f} MB, drift from the second cycle to the last {drift / 1e3:.0f} kB")
+    drift = sum(memory[-cycle:]) / cycle - sum(memory[cycle : 2 * cycle]) / cycle if len(memory) >= 3 * cycle else 0
+    print(
+        f"{sent} requests in {seconds:.0f} s, {sent / seconds:.1f}/s; {lost} without an answer at {rebuilds} rebuilds"
+    )
+    print(
+        f"latency p50 {latencies[len(latencies) // 2] * 1000:.1f} ms, p99 {latencies[len(latencies) * 99 // 100] * 1000:.1f} ms"
+    )
+    print(
+        f"memory {memory[0] / 1e6:.2f} -> {memory[-1] / 1e6:.2f} MB, drift from the second cycle to the last {drift / 1e3:.0f} kB"
+    )
     print(f"descriptors {before[0]} -> {after[0]}, threads {before[1]} -> {after[1]}")
     failures = []
     if sent / seconds < LEAST_RATE:

@@ -1,0 +1,51 @@
+"""The simulator `ugs fleet`, and through it the server's sums."""
+
+import json
+import subprocess
+
+from support import END_OF_STATUS, KEY_FILE, UGS, sealed_report
+
+FEW = ("--instances", "2", "--period", "1", "--duration", "1")
+
+
+def begin(server, *arguments):
+    log = server.directory / "logs/KorvaneUGS.log.txt"
+    return subprocess.Popen(
+        [UGS, "fleet", "--key", KEY_FILE, "--log", log, *arguments], stdout=subprocess.PIPE, text=True
+    )
+
+
+def run(server, *arguments):
+    """Its exit code and its output."""
+    fleet = begin(server, *arguments)
+    output = fleet.communicate()[0]
+    return fleet.returncode, output
+
+
+def test_a_difference_or_a_refusal_is_a_failure(start, peer):
+    server = start()
+    assert run(server, *FEW)[0] == 0
+    assert peer.meet().ask(sealed_report("foreign", MaxCameras=1000)) == b"0"
+    code, output = run(server, *FEW, "--layout", "v4")
+    assert code == 1 and "SUMS DIFFER" in output and "MaxCameras: server 10" in output
+
+
+def test_the_servers_sums_are_the_fleets(start, tmp_path):
+    crowd = ("--instances", "30", "--rate", "60", "--duration", "2", "--connections", "7")
+    code, output = run(start(), *crowd, "--json", "--csv", tmp_path / "csv")
+    outcome = json.loads(output)
+    keys = ("reports", "answered", "unanswered", "deletions")
+    assert (code, [outcome[key] for key in keys]) == (0, [120, {"0": 120}, 0, 0])
+    rows = (tmp_path / "csv").read_text().splitlines()
+    assert (len(rows), rows[0]) == (121, "report,instance,due_s,latency_ms,code")
+
+
+def test_instances_that_expire_after_the_run_are_none_of_its_matter(start):
+    server = start(clock=True)
+    fleet = begin(server, *FEW)
+    server.wait_for("DETECT NEW REQUEST", times=2)
+    server.wait_for(END_OF_STATUS, times=3)
+    server.shift_clock(200)  # before the log is flushed, so that the fleet finds it with the deletions
+    server.wait_for("Deleting korvane", times=2)
+    assert "sums agree; 0 deletion lines" in fleet.communicate()[0]
+    assert fleet.returncode == 0
