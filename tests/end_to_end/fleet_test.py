@@ -3,7 +3,7 @@
 import json
 import subprocess
 
-from support import END_OF_STATUS, KEY_FILE, UGS, sealed_report
+from support import END_OF_STATUS, KEY_FILE, UGS, fill_log, sealed_report
 
 FEW = ("--instances", "2", "--period", "1", "--duration", "1")
 
@@ -30,18 +30,22 @@ def test_a_difference_or_a_refusal_is_a_failure(start, peer):
     assert code == 1 and "SUMS DIFFER" in output and "MaxCameras: server 10" in output
 
 
-def test_the_servers_sums_are_the_fleets(start, tmp_path):
+def test_the_servers_sums_are_the_fleets_across_a_rotation_of_the_log(start, tmp_path):
+    fill_log(tmp_path, room=100_000)
     crowd = ("--instances", "30", "--rate", "60", "--duration", "2", "--connections", "7")
-    code, output = run(start(), *crowd, "--json", "--csv", tmp_path / "csv")
+    code, output = run(start(directory=tmp_path), *crowd, "--json", "--csv", tmp_path / "csv")
     outcome = json.loads(output)
     keys = ("reports", "answered", "unanswered", "deletions")
     assert (code, [outcome[key] for key in keys]) == (0, [120, {"0": 120}, 0, 0])
-    rows = (tmp_path / "csv").read_text().splitlines()
-    assert (len(rows), rows[0]) == (121, "report,instance,due_s,latency_ms,code")
+    percentiles = [outcome[key] for key in ("p50_ms", "p90_ms", "p99_ms", "max_ms")]
+    assert percentiles == sorted(percentiles)
+    head, *rows = (tmp_path / "csv").read_text().splitlines()
+    assert head == "report,instance,due_s,latency_ms,code"
+    assert [int(row.split(",")[0]) for row in rows] == list(range(120))
 
 
 def test_instances_that_expire_after_the_run_are_none_of_its_matter(start):
-    server = start(clock=True)
+    server = start(clock="")
     fleet = begin(server, *FEW)
     server.wait_for("DETECT NEW REQUEST", times=2)
     server.wait_for(END_OF_STATUS, times=3)

@@ -5,7 +5,6 @@ import re
 import subprocess
 import sys
 
-import pytest
 from make import ADDED, BASE
 from support import ROOT, VECTOR_GREETING, VECTOR_SERVER, VECTORS, wait_until
 

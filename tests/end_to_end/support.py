@@ -11,6 +11,7 @@ import time
 from pathlib import Path
 
 import make
+import psutil
 import report
 import zmq
 from cryptography.hazmat.primitives.serialization import load_pem_public_key
@@ -24,6 +25,7 @@ KEY = load_pem_public_key(KEY_FILE.read_bytes())
 VECTORS = json.loads((ROOT / "docs/vectors/vectors.json").read_text("ascii"))
 VECTOR_GREETING = next(vector["payload"].encode() for vector in VECTORS if vector["name"] == "greeting")
 PORT = 9304
+LOG_SIZE = 10 * 1024 * 1024
 HALF_HOUR = 1801  # seconds of wall clock after which a server is rebuilt
 END_OF_STATUS = "[info] " + 52 * "-" + "\n"
 PATIENCE = 60  # seconds; no test depends on how much of it is needed
@@ -43,6 +45,12 @@ def seal(text):
 
 def sealed_report(identity="i", **counts):
     return seal(make.report(identity, **counts))
+
+
+def fill_log(directory, room):
+    """Makes a log file that is rotated after `room` more bytes."""
+    (directory / "logs").mkdir()
+    (directory / "logs/KorvaneUGS.log.txt").write_text(("x" * 99 + "\n").rjust(LOG_SIZE - room, "x"), "ascii")
 
 
 def unread(descriptor):
@@ -81,26 +89,30 @@ class Peer:
 
 
 class Server(subprocess.Popen):
-    """A running server. Its keyboard is a pipe, and its console a file in its directory."""
+    """A running server. Its keyboard is a pipe, and its console a file in its directory.
+
+    With `clock` its wall clock can be shifted; "x20" makes all its clocks run twenty times as fast.
+    """
 
     exit_code = 0  # that it must end with
 
-    def __init__(self, directory, *arguments, command=(SERVER,), clock=False, stdin=subprocess.PIPE, env=(), **options):
+    def __init__(self, directory, *arguments, command=(SERVER,), clock=None, stdin=subprocess.PIPE, env=(), **options):
         self.directory = Path(directory)
         self.directory.mkdir(exist_ok=True)
         environment = {**os.environ, **dict(env)}
-        if clock:
+        self.rate = clock
+        if clock is not None:
             self.shift_clock(0)
-            library = "/usr/$LIB/faketime/libfaketimeMT.so.1"
-            environment |= {"LD_PRELOAD": library, "FAKETIME_TIMESTAMP_FILE": str(self.directory / "shift")}
-            environment |= {"FAKETIME_NO_CACHE": "1", "DONT_FAKE_MONOTONIC": "1"}
+            environment |= {"LD_PRELOAD": "/usr/$LIB/faketime/libfaketimeMT.so.1", "FAKETIME_NO_CACHE": "1"}
+            environment |= {"FAKETIME_TIMESTAMP_FILE": str(self.directory / "shift")}
+            environment |= {"DONT_FAKE_MONOTONIC": "0" if clock else "1"}
         with open(self.directory / "console", "wb") as console, open(self.directory / "errors", "wb") as errors:
             options = {"stdout": console, "stderr": errors, "cwd": self.directory, "env": environment} | options
             super().__init__([*command, *arguments], stdin=stdin, bufsize=0, **options)
 
     def shift_clock(self, seconds):
         file = self.directory / "shift"
-        file.with_suffix(".new").write_text(f"{seconds:+}\n", "ascii")
+        file.with_suffix(".new").write_text(f"{seconds:+} {self.rate}\n", "ascii")
         file.with_suffix(".new").rename(file)
 
     def rebuild(self, number=1):
@@ -128,6 +140,12 @@ class Server(subprocess.Popen):
 
     def complaints(self):
         return (self.directory / "errors").read_text(errors="replace")
+
+    def memory(self):
+        return psutil.Process(self.pid).memory_info().rss
+
+    def wait_for_memory_below(self, limit):
+        wait_until(lambda: self.memory() < limit, lambda: f"{self.memory()} bytes to become {limit}")
 
     def figures(self):
         """The last status report's figures by label."""

@@ -44,12 +44,13 @@ def check_pair(out, result, private=None):
     assert run("fingerprint", "--key", out / "public.pem").stdout == fingerprint + "\n"
 
 
-def test_a_new_pair_has_its_exact_sizes_and_mode(tmp_path):
+@pytest.mark.parametrize("umask", [0, 0o077])
+def test_a_new_pair_has_its_exact_sizes_and_modes(tmp_path, umask):
     out = tmp_path / "keys"
-    check_pair(out, run("keygen", "--out", out, umask=0))
-    scrambled = out / "private.scrambled"
+    check_pair(out, run("keygen", "--out", out, umask=umask))
+    scrambled, public = out / "private.scrambled", out / "public.pem"
     assert (scrambled.stat().st_size, len(unscramble(scrambled.read_bytes()))) == (2232, 1674)
-    assert stat.S_IMODE(scrambled.stat().st_mode) == 0o600
+    assert [stat.S_IMODE(file.stat().st_mode) for file in (scrambled, public)] == [0o600, 0o644]
 
 
 @pytest.mark.parametrize("name", ["private.scrambled", "public.pem"])
@@ -98,6 +99,10 @@ def test_answers_become_exit_codes(start, peer):
     uses = ("--camera", "e", "--use", "MaxCameras=4", "--use", "FaceTier2=2")
     assert outcome("report", "--server", "127.0.0.1:9304", *ONE, "--docker", "d", *uses) == (0, "0 (counted)\n")
     server.wait_for("numFaceTier2  : in use: 2\n")
+    assert {label: figure for label, figure in server.figures().items() if figure} == {
+        "MaxCameras": 4,
+        "numFaceTier2": 2,
+    }
     for layout in ("legacy", "v4", "v5", "v6"):
         assert outcome("report", *ONE, "--layout", layout) == (0, "0 (counted)\n")
     assert outcome("report", "--json", "-", input=make.report("i")) == (0, "0 (counted)\n")
@@ -106,13 +111,14 @@ def test_answers_become_exit_codes(start, peer):
     assert "0x476" in ask("report", "-v", "--json", "-", input="{}").stderr
 
 
-def test_reporting_goes_on_until_it_is_interrupted(start):
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
+def test_reporting_goes_on_until_it_is_interrupted(start, number):
     start()
     command = [UGS, "report", "--key", KEY_FILE, *ONE, "--every", "0.2"]
     with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as reporter:
         reporter.stdout.readline()
         assert [reporter.stdout.readline() for _ in range(3)] == ["0 (counted)\n"] * 3
-        reporter.send_signal(signal.SIGINT)
+        reporter.send_signal(number)
         assert reporter.wait() == 0
 
 
