@@ -290,10 +290,16 @@ def bad_documents():
     add("no identity", "2", NO_INSTANCE, plaintext=report(""))
 
 
+def later_additions():
+    """At the end, so that the vectors before them stay what they were."""
+    add("v6 goes before v5", "0", plaintext='{"v5":7,' + report("both again")[1:])
+
+
 if __name__ == "__main__":
     good()
     bad_envelopes()
     bad_documents()
+    later_additions()
     with open(sys.argv[1] if len(sys.argv) > 1 else os.path.join(HERE, "vectors.json"), "w", encoding="ascii") as file:
         json.dump(VECTORS, file, indent=1)
         file.write("\n")
