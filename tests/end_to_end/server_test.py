@@ -76,6 +76,7 @@ def test_bytes_on_a_pipe_are_keys_and_what_follows_is_left_to_others(start, keys
     reader, writer = os.pipe()
     os.write(writer, keys)
     start(stdin=reader).wait(PATIENCE)
+    os.close(writer)
     assert os.read(reader, len(keys)) == rest
 
 
