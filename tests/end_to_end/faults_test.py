@@ -1,0 +1,117 @@
+"""What may befall a server in years; bounded in count and time. `./dev faults [NAME...]` and `./dev soak MINUTES`."""
+
+import itertools
+import json
+import os
+import random
+import re
+import signal
+import subprocess
+import time
+from pathlib import Path
+
+import psutil
+import pytest
+from support import BUILD, HALF_HOUR, KEY_FILE, ROOT, SERVER, UGS, VECTOR_GREETING, VECTOR_SERVER, VECTORS
+from support import Peer, seal, sealed_report, wait_until
+
+pytestmark = pytest.mark.slow
+ROUNDS = int(os.environ.get("UGS_SOAK_MINUTES", "3"))
+
+
+def begin_fleet(seconds, key=KEY_FILE):
+    command = [UGS, "fleet", "--key", key, "--instances", "40", "--rate", "50", "--duration", str(seconds), "--json"]
+    return subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
+
+
+def assert_all_counted(fleet):
+    outcome = json.loads(fleet.communicate()[0])
+    assert (fleet.returncode, outcome["answered"]) == (0, {"0": outcome["reports"]}), outcome
+    return outcome
+
+
+def test_disk_full(start, peer):
+    """As root, or where a user may mount in a namespace."""
+    mount = f"mkdir logs && mount -t tmpfs -o size=3m none logs && exec {SERVER}"
+    server = start(command=("unshare", "--mount", "sh", "-c", mount))
+    server.may_say = r"\[\*\*\* LOG ERROR .*"
+    logs = Path(f"/proc/{server.pid}/cwd/logs")  # it sees another file system than we do
+    (logs / "filler").write_bytes(b"x" * 2_000_000)
+    fleet = begin_fleet(30)
+    wait_until(lambda: os.statvfs(logs).f_bavail == 0, "a full disk")
+    assert_all_counted(fleet)
+    (logs / "filler").unlink()
+    os.truncate(logs / "KorvaneUGS.log.txt", 0)
+    peer.meet()
+
+    def logged():
+        """Lines are lost until the file is opened anew."""
+        assert peer.ask(sealed_report("after", MaxCameras=777_000_000)) == b"0"
+        return re.search(r"in use: 777\d{6}\n", (logs / "KorvaneUGS.log.txt").read_text(errors="replace"))
+
+    wait_until(logged, "the log to resume")
+
+
+def test_descriptor_limit(start, context):
+    server = start(command=("/usr/bin/prlimit", "--nofile=256:256", SERVER))
+    peers, greeting = [Peer(context).connect() for _ in range(320)], seal("{hello}")
+    wait_until(lambda: psutil.Process(server.pid).num_fds() == 256, "a full table, before there is a first reply")
+    for peer in peers:
+        peer.socket.send(greeting)
+    wait_until(lambda: sum(peer.socket.poll(0) for peer in peers) > 200, "most to be served")
+    served = [peer for peer in peers if peer.socket.poll(0) and peer.socket.recv()]
+    for _ in range(10):
+        for peer in served:
+            peer.socket.send(greeting)
+        assert {peer.socket.recv() for peer in served} == {b"1"}
+    for peer in peers:
+        peer.socket.close()
+    Peer(context).meet()
+
+
+def test_stray_signals(start):
+    server, fleet = start(), begin_fleet(30)
+    while fleet.poll() is None:
+        server.send_signal(
+            random.choice([signal.SIGPIPE, signal.SIGCHLD, signal.SIGWINCH, signal.SIGURG, signal.SIGSTOP])
+        )
+        server.send_signal(signal.SIGCONT)
+        time.sleep(0.005)
+    assert_all_counted(fleet)
+    assert "0x0082" not in server.console()
+
+
+@pytest.mark.parametrize("preset", ["release", "tsan"])
+def test_reply_storm(preset):
+    """No report by ThreadSanitizer: it would end the process with another code."""
+    found = subprocess.run(
+        [BUILD.parent / preset / "tests/transport-storm", "60"], capture_output=True, text=True, check=False
+    )
+    assert found.returncode == 0, found.stdout + found.stderr
+
+
+def test_soak(start, peer):
+    """Rounds of a minute: a rebuild, then a fleet, and beside it every vector that is refused, over and over."""
+    server = start(command=(VECTOR_SERVER,), clock="")
+    process, hostile, figures = psutil.Process(server.pid), [v for v in VECTORS if v["reply"] != "0"], []
+    for number in range(1, ROUNDS + 1):
+        os.truncate(server.directory / "console", 0)
+        server.shift_clock(HALF_HOUR * number)
+        server.wait_for("Refreshing UGS server...\n")
+        peer.meet(VECTOR_GREETING)
+        fleet = begin_fleet(60, ROOT / "docs/vectors/test-public.pem")
+        for refused, vector in enumerate(itertools.cycle(hostile)):
+            if fleet.poll() is not None:
+                break
+            assert peer.ask(vector["payload"].encode()).decode() == vector["reply"], vector["name"]
+        outcome = assert_all_counted(fleet)
+        assert not peer.socket.poll(0), "an answer too many"
+        peer.socket.close()
+        wait_until(lambda: "ESTABLISHED" not in [c.status for c in process.connections()], "all connections to close")
+        figures.append((process.num_fds(), process.num_threads(), process.memory_info().rss))
+        print(
+            f"round {number}: {outcome['reports']} counted in {outcome['max_ms']:.0f} ms at most, {refused} refused;",
+            end=" ",
+        )
+        print("{} descriptors, {} threads, {} bytes".format(*figures[-1]), flush=True)
+    assert figures[-1][:2] == figures[0][:2] and figures[-1][2] < figures[0][2] + 4e6, figures
