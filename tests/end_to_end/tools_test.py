@@ -61,6 +61,12 @@ def test_nothing_is_ever_overwritten(tmp_path, name):
     assert [(file.name, file.read_text()) for file in tmp_path.iterdir()] == [(name, "mine")]
 
 
+def test_half_a_pair_is_not_left_behind(tmp_path):
+    (tmp_path / "public.pem").symlink_to("nowhere/public.pem")
+    assert run("keygen", "--out", tmp_path).returncode == 2
+    assert [file.name for file in tmp_path.iterdir()] == ["public.pem"]
+
+
 @pytest.mark.parametrize("size, form", [(2048, PKCS1), (2048, PKCS8), (1024, PKCS8), (3072, PKCS1)])
 def test_an_existing_key_is_taken_in_any_form_and_size(tmp_path, size, form):
     private, source = rsa.generate_private_key(65537, size), tmp_path / "source.pem"
