@@ -15,9 +15,9 @@ from support import END_OF_STATUS, PATIENCE, PORT, SERVER, Peer, Server
 CLONE_NEWNET, SIOCSIFFLAGS, IFF_UP = 0x40000000, 0x8914, 1
 
 
+# A network of the test's own, where this process may make one; else port 9304 must be free in the machine's.
 @pytest.fixture(autouse=True)
 def network():
-    """A network of the test's own, where this process may make one; else port 9304 must be free in the machine's."""
     signal.signal(signal.SIGHUP, signal.SIG_DFL)  # the tests themselves may run under nohup
     own = ctypes.CDLL(None).unshare(CLONE_NEWNET) == 0
     with socket.socket() as any_socket:
@@ -29,9 +29,9 @@ def network():
         any_socket.bind(("0.0.0.0", PORT))  # fails if another server holds it
 
 
+# Made after the network, so that its threads live in it.
 @pytest.fixture
 def context(network):
-    """Made after the network, so that its threads live in it."""
     context = zmq.Context()
     yield context
     context.destroy(linger=0)
@@ -42,9 +42,9 @@ def peer(context):
     return Peer(context)
 
 
+# Starts servers, each of which must end well.
 @pytest.fixture
 def start(tmp_path, network):
-    """Starts servers, each of which must end well."""
     servers = []
 
     def start(*arguments, ready=END_OF_STATUS, **options):
@@ -63,9 +63,9 @@ def start(tmp_path, network):
             server.wait()
 
 
+# Starts a program, the server if none is named, on a terminal of its own.
 @pytest.fixture
 def open_terminal(tmp_path, network):
-    """Starts a program, the server if none is named, on a terminal of its own."""
     terminals = []
 
     def open_terminal(command=f"exec {SERVER} 2>errors"):

@@ -12,16 +12,14 @@ from pathlib import Path
 
 import psutil
 import pytest
-from support import BUILD, HALF_HOUR, KEY_FILE, ROOT, SERVER, UGS, VECTOR_GREETING, VECTOR_SERVER, VECTORS
-from support import Peer, seal, sealed_report, wait_until
+from support import BUILD, HALF_HOUR, ROOT, SERVER, VECTOR_GREETING, VECTOR_SERVER, VECTORS
+from support import Peer, begin_fleet, seal, sealed_report, wait_until
 
 pytestmark = pytest.mark.slow
 ROUNDS = int(os.environ.get("UGS_SOAK_MINUTES", "3"))
 
 
-def begin_fleet(seconds, key=KEY_FILE):
-    command = [UGS, "fleet", "--key", key, "--instances", "40", "--rate", "50", "--duration", str(seconds), "--json"]
-    return subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
+FLEET = ("--json", "--instances", "40", "--rate", "50", "--duration")
 
 
 def assert_all_counted(fleet):
@@ -30,39 +28,39 @@ def assert_all_counted(fleet):
     return outcome
 
 
+# As root, or where a user may mount in a namespace.
 def test_disk_full(start, peer):
-    """As root, or where a user may mount in a namespace."""
     mount = f"mkdir logs && mount -t tmpfs -o size=3m none logs && exec {SERVER}"
     server = start(command=("unshare", "--mount", "sh", "-c", mount))
     server.may_say = r"\[\*\*\* LOG ERROR .*"
     logs = Path(f"/proc/{server.pid}/cwd/logs")  # it sees another file system than we do
     (logs / "filler").write_bytes(b"x" * 2_000_000)
-    fleet = begin_fleet(30)
-    wait_until(lambda: os.statvfs(logs).f_bavail == 0, "a full disk")
+    fleet = begin_fleet(*FLEET, "30")
+    wait_until(lambda: os.statvfs(logs).f_bavail == 0)
     assert_all_counted(fleet)
     (logs / "filler").unlink()
     os.truncate(logs / "KorvaneUGS.log.txt", 0)
     peer.meet()
 
+    # Lines are lost until the file is opened anew.
     def logged():
-        """Lines are lost until the file is opened anew."""
         assert peer.ask(sealed_report("after", MaxCameras=777_000_000)) == b"0"
         return re.search(r"in use: 777\d{6}\n", (logs / "KorvaneUGS.log.txt").read_text(errors="replace"))
 
-    wait_until(logged, "the log to resume")
+    wait_until(logged)
 
 
 def test_descriptor_limit(start, context):
     server = start(command=("/usr/bin/prlimit", "--nofile=256:256", SERVER))
     peers, greeting = [Peer(context).connect() for _ in range(320)], seal("{hello}")
-    wait_until(lambda: psutil.Process(server.pid).num_fds() == 256, "a full table, before there is a first reply")
+    wait_until(lambda: psutil.Process(server.pid).num_fds() == 256)
     for peer in peers:
-        peer.socket.send(greeting)
-    wait_until(lambda: sum(peer.socket.poll(0) for peer in peers) > 200, "most to be served")
+        peer.send(greeting)
+    wait_until(lambda: sum(peer.socket.poll(0) for peer in peers) > 200)
     served = [peer for peer in peers if peer.socket.poll(0) and peer.socket.recv()]
     for _ in range(10):
         for peer in served:
-            peer.socket.send(greeting)
+            peer.send(greeting)
         assert {peer.socket.recv() for peer in served} == {b"1"}
     for peer in peers:
         peer.socket.close()
@@ -70,7 +68,7 @@ def test_descriptor_limit(start, context):
 
 
 def test_stray_signals(start):
-    server, fleet = start(), begin_fleet(30)
+    server, fleet = start(), begin_fleet(*FLEET, "30")
     while fleet.poll() is None:
         server.send_signal(
             random.choice([signal.SIGPIPE, signal.SIGCHLD, signal.SIGWINCH, signal.SIGURG, signal.SIGSTOP])
@@ -81,17 +79,17 @@ def test_stray_signals(start):
     assert "0x0082" not in server.console()
 
 
+# A report by ThreadSanitizer would end it with another code.
 @pytest.mark.parametrize("preset", ["release", "tsan"])
 def test_reply_storm(preset):
-    """No report by ThreadSanitizer: it would end the process with another code."""
     found = subprocess.run(
         [BUILD.parent / preset / "tests/transport-storm", "60"], capture_output=True, text=True, check=False
     )
     assert found.returncode == 0, found.stdout + found.stderr
 
 
+# Rounds of a minute: a rebuild, then a fleet, and beside it every vector that is refused, over and over.
 def test_soak(start, peer):
-    """Rounds of a minute: a rebuild, then a fleet, and beside it every vector that is refused, over and over."""
     server = start(command=(VECTOR_SERVER,), clock="")
     process, hostile, figures = psutil.Process(server.pid), [v for v in VECTORS if v["reply"] != "0"], []
     for number in range(1, ROUNDS + 1):
@@ -99,7 +97,7 @@ def test_soak(start, peer):
         server.shift_clock(HALF_HOUR * number)
         server.wait_for("Refreshing UGS server...\n")
         peer.meet(VECTOR_GREETING)
-        fleet = begin_fleet(60, ROOT / "docs/vectors/test-public.pem")
+        fleet = begin_fleet(*FLEET, "60", key=ROOT / "docs/vectors/test-public.pem")
         for refused, vector in enumerate(itertools.cycle(hostile)):
             if fleet.poll() is not None:
                 break
@@ -107,8 +105,8 @@ def test_soak(start, peer):
         outcome = assert_all_counted(fleet)
         assert not peer.socket.poll(0), "an answer too many"
         peer.socket.close()
-        wait_until(lambda: "ESTABLISHED" not in [c.status for c in process.connections()], "all connections to close")
-        figures.append((process.num_fds(), process.num_threads(), process.memory_info().rss))
+        wait_until(lambda: "ESTABLISHED" not in [c.status for c in process.connections()])
+        figures.append((process.num_fds(), process.num_threads(), server.memory()))
         print(
             f"round {number}: {outcome['reports']} counted in {outcome['max_ms']:.0f} ms at most, {refused} refused;",
             end=" ",

@@ -1,22 +1,17 @@
 """The simulator `ugs fleet`, and through it the server's sums."""
 
 import json
-import subprocess
 
-from support import END_OF_STATUS, KEY_FILE, UGS, fill_log, sealed_report
+from support import END_OF_STATUS, begin_fleet, fill_log, sealed_report
 
 FEW = ("--instances", "2", "--period", "1", "--duration", "1")
 
 
 def begin(server, *arguments):
-    log = server.directory / "logs/KorvaneUGS.log.txt"
-    return subprocess.Popen(
-        [UGS, "fleet", "--key", KEY_FILE, "--log", log, *arguments], stdout=subprocess.PIPE, text=True
-    )
+    return begin_fleet(*arguments, "--log", server.directory / "logs/KorvaneUGS.log.txt")
 
 
 def run(server, *arguments):
-    """Its exit code and its output."""
     fleet = begin(server, *arguments)
     output = fleet.communicate()[0]
     return fleet.returncode, output
@@ -51,5 +46,4 @@ def test_instances_that_expire_after_the_run_are_none_of_its_matter(start):
     server.wait_for(END_OF_STATUS, times=3)
     server.shift_clock(200)  # before the log is flushed, so that the fleet finds it with the deletions
     server.wait_for("Deleting korvane", times=2)
-    assert "sums agree; 0 deletion lines" in fleet.communicate()[0]
-    assert fleet.returncode == 0
+    assert "sums agree; 0 deletion lines" in fleet.communicate()[0] and fleet.returncode == 0

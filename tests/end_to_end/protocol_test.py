@@ -17,8 +17,8 @@ IN_USE = "MaxCameras ABD CR AN ClassTier0 ClassTier1 ClassTier2 ClassTier3 Perim
 REQUIRED = [name for name in IN_USE if name != "NeuralPack"] + ["NeuralPack"]  # in the order of a request's details
 
 
+# The instance and the counts of a report that is counted.
 def counts_of(plaintext):
-    """The instance and the counts of a report that is counted."""
     document = json.loads(plaintext)
     request = document.get("v6") or document.get("v5") or document.get("v4") or document
     counts = {name: request["InUse"].get(name, 0) for name in COUNTS}
@@ -41,10 +41,10 @@ def test_every_vector_is_answered_and_logged_as_it_says(start, peer):
             sums = {name: sum(counts[name] for counts in fleet.values()) for name in COUNTS}
             expected = [("required", name) for name in REQUIRED] + [("in use", name) for name in IN_USE]
             expected = [(LABELS.get(name, "num" + name), which, str(sums[name])) for which, name in expected]
-            wait_until(lambda: len(figures(server.console(printed))) >= len(expected), vector["name"])
+            wait_until(lambda: len(figures(server.console(printed))) >= len(expected))
             assert figures(server.console(printed)) == expected, vector["name"]
         else:
-            wait_until(lambda: len(server.console(printed)) >= len(vector["console"]), vector["name"])
+            wait_until(lambda: len(server.console(printed)) >= len(vector["console"]))
             assert server.console(printed) == vector["console"], vector["name"]
 
 

@@ -31,10 +31,10 @@ END_OF_STATUS = "[info] " + 52 * "-" + "\n"
 PATIENCE = 60  # seconds; no test depends on how much of it is needed
 
 
-def wait_until(condition, what="an event", patience=PATIENCE):
-    deadline = time.monotonic() + patience
+def wait_until(condition):
+    deadline = time.monotonic() + PATIENCE
     while not (result := condition()):
-        assert time.monotonic() < deadline, f"waited in vain for {what() if callable(what) else what}"
+        assert time.monotonic() < deadline, "waited in vain"
         time.sleep(0.01)
     return result
 
@@ -47,22 +47,25 @@ def sealed_report(identity="i", **counts):
     return seal(make.report(identity, **counts))
 
 
+def begin_fleet(*arguments, key=KEY_FILE):
+    return subprocess.Popen([UGS, "fleet", "--key", key, *arguments], stdout=subprocess.PIPE, text=True)
+
+
+# A log file that is rotated after `room` more bytes.
 def fill_log(directory, room):
-    """Makes a log file that is rotated after `room` more bytes."""
     (directory / "logs").mkdir()
     (directory / "logs/KorvaneUGS.log.txt").write_text(("x" * 99 + "\n").rjust(LOG_SIZE - room, "x"), "ascii")
 
 
+# How many of the bytes that were typed have not been read yet.
 def unread(descriptor):
-    """How many of the bytes that were typed have not been read yet."""
     return struct.unpack("i", fcntl.ioctl(descriptor, termios.FIONREAD, bytes(4)))[0]
 
 
+# A reporting instance.
 class Peer:
-    """A reporting instance."""
-
     def __init__(self, context):
-        self.context, self.socket = context, None
+        self.context = context
 
     def connect(self):
         self.socket = self.context.socket(zmq.DEALER)
@@ -71,29 +74,30 @@ class Peer:
         self.socket.connect(f"tcp://127.0.0.1:{PORT}")
         return self
 
+    def send(self, payload, times=1):
+        for _ in range(times):
+            self.socket.send(payload)
+
+    def take(self, number=1):
+        return [self.socket.recv() for _ in range(number)]
+
     def ask(self, payload):
-        self.socket.send(payload)
+        self.send(payload)
         return self.socket.recv()
 
+    # Connects anew until a greeting is answered: what is sent while the server starts or rebuilds may be lost.
     def meet(self, greeting=None):
-        """Connects anew until a greeting is answered: what is sent while the server starts or rebuilds may be lost."""
-
         def greeted():
-            self.connect().socket.send(greeting or seal("{hello}"))
-            if self.socket.poll(1000) and self.socket.recv() == b"1":
-                return True
-            return self.socket.close()
+            self.connect().send(greeting or seal("{hello}"))
+            return self.socket.poll(1000) and self.take() == [b"1"] or self.socket.close()
 
-        wait_until(greeted, "an answer to the greeting")
+        wait_until(greeted)
         return self
 
 
+# A running server. Its keyboard is a pipe, and its console a file in its directory. With `clock` its wall clock can be
+# shifted; "x20" makes all its clocks run twenty times as fast.
 class Server(subprocess.Popen):
-    """A running server. Its keyboard is a pipe, and its console a file in its directory.
-
-    With `clock` its wall clock can be shifted; "x20" makes all its clocks run twenty times as fast.
-    """
-
     may_say = ""  # on stderr: a regular expression
 
     def __init__(self, directory, *arguments, command=(SERVER,), clock=None, stdin=subprocess.PIPE, env=(), **options):
@@ -115,8 +119,8 @@ class Server(subprocess.Popen):
         file.with_suffix(".new").write_text(f"{seconds:+} {self.rate}\n", "ascii")
         file.with_suffix(".new").rename(file)
 
+    # Moves the clock on for the `number`-th time, and returns when the server begins to be rebuilt for it.
     def rebuild(self, number=1):
-        """Moves the clock on for the `number`-th time, and returns when the server begins to be rebuilt for it."""
         self.shift_clock(HALF_HOUR * number)
         self.wait_for("Refreshing UGS server...\n", number)
 
@@ -124,16 +128,13 @@ class Server(subprocess.Popen):
         return (self.directory / "console").read_bytes()[since:].decode()
 
     def wait_for(self, text, times=1):
-        wait_until(
-            lambda: self.console().count(text) >= times or self.poll() is not None,
-            lambda: f"{times} x {text!r} in {self.console()[-2000:]}",
-        )
+        wait_until(lambda: self.console().count(text) >= times or self.poll() is not None)
         assert self.poll() is None, (self.returncode, self.complaints())
 
-    def type(self, keys):
-        """Types, and returns when it was read."""
-        self.stdin.write(keys)
-        wait_until(lambda: not unread(self.stdin), f"{keys} to be read")
+    # Returns when it was read.
+    def type(self, key):
+        self.stdin.write(key)
+        wait_until(lambda: not unread(self.stdin))
 
     def log(self):
         return (self.directory / "logs/KorvaneUGS.log.txt").read_text("utf-8")
@@ -145,18 +146,18 @@ class Server(subprocess.Popen):
         return psutil.Process(self.pid).memory_info().rss
 
     def wait_for_memory_below(self, limit):
-        wait_until(lambda: self.memory() < limit, lambda: f"{self.memory()} bytes to become {limit}")
+        wait_until(lambda: self.memory() < limit)
 
+    # The last status report's, by label.
     def figures(self):
-        """The last status report's figures by label."""
         block = self.console().rsplit("UGS version", 1)[-1]
         return {label: int(figure) for label, figure in re.findall(r"(\w+) *: in use: (\d+)", block)}
 
     def wait_for_cameras(self, number):
-        wait_until(lambda: self.figures().get("MaxCameras") == number, lambda: f"{number} cameras: {self.figures()}")
+        wait_until(lambda: self.figures().get("MaxCameras") == number)
 
+    # Asks it to end unless it has, and requires that it ends well.
     def end(self):
-        """Asks it to end unless it has, and requires that it ends well."""
         if self.poll() is None:
             self.terminate()
         self.wait(PATIENCE)
