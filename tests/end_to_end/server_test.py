@@ -166,6 +166,7 @@ def test_a_broken_console_does_not_end_it(start, peer, console):
         server.send_signal(signal.Signals[f"SIG{name}"])
         server.send_signal(signal.SIGCONT)
         assert peer.ask(sealed_report()) == b"0"
+    assert "0x008" not in server.log()
 
 
 def test_nohup_keeps_it_from_hanging_up(start, peer):
