@@ -96,7 +96,7 @@ class Peer:
 
 
 # A running server. Its keyboard is a pipe, and its console a file in its directory. With `clock` its wall clock can be
-# shifted; "x20" makes all its clocks run twenty times as fast.
+# shifted; with "x1" all its clocks, and their rate can be changed.
 class Server(subprocess.Popen):
     may_say = ""  # on stderr: a regular expression
 
