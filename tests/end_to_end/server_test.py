@@ -306,7 +306,7 @@ def test_rebuilds_under_a_stream_of_reports_lose_nothing_but_time(start, peer):
     server = start(clock="")
     peer.meet()
     stream = begin_fleet(
-        "--json", "--rate", "200", "--duration", "15" if SANITIZER == "thread" else "4", "--patience", "1"
+        "--json", "--rate", "150", "--duration", "8" if SANITIZER == "thread" else "3", "--patience", "1"
     )
     for number in itertools.count(1):
         if stream.poll() is not None:
