@@ -32,8 +32,12 @@ def await_answer():
 def running(program, *arguments):
     """Yields the process id and log file of a server that answers."""
     with tempfile.TemporaryDirectory() as directory:
-        process = subprocess.Popen([os.path.join(BUILD, program), *arguments], cwd=directory, stdin=subprocess.DEVNULL,
-                                   stdout=subprocess.DEVNULL)
+        process = subprocess.Popen(
+            [os.path.join(BUILD, program), *arguments],
+            cwd=directory,
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.DEVNULL,
+        )
         try:
             await_answer()
             yield process.pid, os.path.join(directory, "logs/KorvaneUGS.log.txt")
@@ -59,18 +63,33 @@ def resident_kib(pid):
 
 
 def bench_medians(pattern):
-    output = subprocess.run([os.path.join(BUILD, "bench/bench"), f"--benchmark_filter={pattern}",
-                             "--benchmark_min_time=0.3", "--benchmark_repetitions=5", "--benchmark_format=json",
-                             "--benchmark_report_aggregates_only=true"], check=True, capture_output=True, text=True)
-    return {run["run_name"]: run["cpu_time"] for run in json.loads(output.stdout)["benchmarks"]
-            if run["aggregate_name"] == "median"}
+    output = subprocess.run(
+        [
+            os.path.join(BUILD, "bench/bench"),
+            f"--benchmark_filter={pattern}",
+            "--benchmark_min_time=0.3",
+            "--benchmark_repetitions=5",
+            "--benchmark_format=json",
+            "--benchmark_report_aggregates_only=true",
+        ],
+        check=True,
+        capture_output=True,
+        text=True,
+    )
+    return {
+        run["run_name"]: run["cpu_time"]
+        for run in json.loads(output.stdout)["benchmarks"]
+        if run["aggregate_name"] == "median"
+    }
 
 
 @contextlib.contextmanager
 def cores_awake():
     """Keeps every core busy at idle priority: in a virtual machine, waking a halted core is charged to who is woken."""
-    spinners = [subprocess.Popen(["chrt", "--idle", "0", sys.executable, "-c", "while True: pass"])
-                for _ in range(os.cpu_count())]
+    spinners = [
+        subprocess.Popen(["chrt", "--idle", "0", sys.executable, "-c", "while True: pass"])
+        for _ in range(os.cpu_count())
+    ]
     try:
         yield
     finally:
@@ -100,8 +119,12 @@ def cost_of_a_report():
                 before = cpu_seconds(pid)
                 outcome = fleet(100, "--rate", 50, "--duration", 10)
                 costs.append((cpu_seconds(pid) - before) * 1e6 / outcome["reports"] / floor)
-        row(f"server CPU per report at 1,000 records, 50 reports/s, {cores}, median of 5", statistics.median(costs), 3.0,
-            f"RSA operations of {floor:.0f} us")
+        row(
+            f"server CPU per report at 1,000 records, 50 reports/s, {cores}, median of 5",
+            statistics.median(costs),
+            3.0,
+            f"RSA operations of {floor:.0f} us",
+        )
 
 
 def saturated_rate(records, least):
@@ -121,7 +144,12 @@ def latency(rate, limits):
         with running("KorvaneUGS"):
             outcome = fleet(1000, "--rate", rate, "--duration", 60, *options)
         for percentile, limit in limits.items():
-            row(f"{percentile} latency at {rate} reports/s, {arrivals} arrivals", outcome[f"{percentile}_ms"], limit, "ms")
+            row(
+                f"{percentile} latency at {rate} reports/s, {arrivals} arrivals",
+                outcome[f"{percentile}_ms"],
+                limit,
+                "ms",
+            )
 
 
 def cpu_share(pid, seconds=20):

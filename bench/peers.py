@@ -24,19 +24,45 @@ from measure import cpu_seconds
 
 BUILD = os.path.abspath(sys.argv[1])
 INSTANCES, RATE, SECONDS, RUNS = 200, 40, 5, 5  # paho waits with select: 3 descriptors a client, below 1024
-KEYS = ["MaxCameras", "ABD", "AN", "CR", "ClassTier1", "ClassTier2", "ClassTier3", "Perimeter", "Dwell", "Collision",
-        "NeuralPack", "PX", "Plates", "Generative", "ClassTier0", "RemoteTier1", "RemoteTier2", "RemoteTier3",
-        "RemoteTier4", "FaceTier1", "FaceTier2"]
+KEYS = [
+    "MaxCameras",
+    "ABD",
+    "AN",
+    "CR",
+    "ClassTier1",
+    "ClassTier2",
+    "ClassTier3",
+    "Perimeter",
+    "Dwell",
+    "Collision",
+    "NeuralPack",
+    "PX",
+    "Plates",
+    "Generative",
+    "ClassTier0",
+    "RemoteTier1",
+    "RemoteTier2",
+    "RemoteTier3",
+    "RemoteTier4",
+    "FaceTier1",
+    "FaceTier2",
+]
 URLS = [f"rtsp://10.0.0.1:554/stream{camera}" for camera in range(4)]
 METRICS = "".join(f"# TYPE ugs_{key} gauge\nugs_{key} 17\n" for key in KEYS).encode()
-DOCUMENT = json.dumps({"v6": {"KorvaneID": "i", "DockerID": "c" * 64, "CamRtspUrls": URLS,
-                              "InUse": dict.fromkeys(KEYS, 17)}})
+DOCUMENT = json.dumps(
+    {"v6": {"KorvaneID": "i", "DockerID": "c" * 64, "CamRtspUrls": URLS, "InUse": dict.fromkeys(KEYS, 17)}}
+)
 
 
 @contextlib.contextmanager
 def receiver(directory, port, *command):
-    process = subprocess.Popen(["taskset", "-c", "0", *command], cwd=directory, stdin=subprocess.DEVNULL,
-                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    process = subprocess.Popen(
+        ["taskset", "-c", "0", *command],
+        cwd=directory,
+        stdin=subprocess.DEVNULL,
+        stdout=subprocess.DEVNULL,
+        stderr=subprocess.DEVNULL,
+    )
     try:
         deadline = time.monotonic() + 20
         while True:
@@ -75,9 +101,27 @@ def measure(pid, generate):
 
 def ours(directory):
     def generate():
-        output = subprocess.run(["taskset", "-c", "1", BUILD + "/ugs", "fleet", "--key", "keys/public.pem", "--json",
-                                 "--instances", str(INSTANCES), "--rate", str(RATE), "--duration", str(SECONDS)],
-                                capture_output=True, text=True, check=True)
+        output = subprocess.run(
+            [
+                "taskset",
+                "-c",
+                "1",
+                BUILD + "/ugs",
+                "fleet",
+                "--key",
+                "keys/public.pem",
+                "--json",
+                "--instances",
+                str(INSTANCES),
+                "--rate",
+                str(RATE),
+                "--duration",
+                str(SECONDS),
+            ],
+            capture_output=True,
+            text=True,
+            check=True,
+        )
         return [json.loads(output.stdout)["p50_ms"]]
 
     with receiver(directory, 9304, BUILD + "/KorvaneUGS") as pid:
@@ -97,8 +141,14 @@ def pushgateway(directory, *options):
         connection.close()
         assert response.status in (200, 202), response.status
 
-    with receiver(directory, 19091, "prometheus-pushgateway", "--web.listen-address=127.0.0.1:19091",
-                  "--web.config.file=web.yml", *options) as pid:
+    with receiver(
+        directory,
+        19091,
+        "prometheus-pushgateway",
+        "--web.listen-address=127.0.0.1:19091",
+        "--web.config.file=web.yml",
+        *options,
+    ) as pid:
         return measure(pid, lambda: open_loop(report))
 
 
@@ -124,8 +174,10 @@ def mqtt_publish(client, instance):
 
 def mosquitto(directory, kept):
     with open(directory + "/mosquitto.conf", "w", encoding="ascii") as file:
-        file.write("listener 18883 127.0.0.1\nallow_anonymous true\nset_tcp_nodelay true\ncertfile cert.pem\nkeyfile key.pem\n"
-                   f"user {os.environ.get('USER', 'root')}\n")
+        file.write(
+            "listener 18883 127.0.0.1\nallow_anonymous true\nset_tcp_nodelay true\ncertfile cert.pem\nkeyfile key.pem\n"
+            f"user {os.environ.get('USER', 'root')}\n"
+        )
 
     def report_on_new_connection(instance):
         client = mqtt_client(directory, instance)
@@ -147,13 +199,21 @@ def version(*command):
 CASES = [
     ("KorvaneUGS, kept connections", ours, "-"),
     ("pushgateway, new connections", pushgateway, "totals, expiry, sealing of each report"),
-    ("pushgateway, new connections, no consistency check",
-     lambda directory: pushgateway(directory, "--push.disable-consistency-check"),
-     "totals, expiry, sealing of each report, checking"),
-    ("mosquitto, new connections", lambda directory: mosquitto(directory, False),
-     "totals, expiry, sealing of each report, parsing"),
-    ("mosquitto, kept connections", lambda directory: mosquitto(directory, True),
-     "totals, expiry, sealing of each report, parsing"),
+    (
+        "pushgateway, new connections, no consistency check",
+        lambda directory: pushgateway(directory, "--push.disable-consistency-check"),
+        "totals, expiry, sealing of each report, checking",
+    ),
+    (
+        "mosquitto, new connections",
+        lambda directory: mosquitto(directory, False),
+        "totals, expiry, sealing of each report, parsing",
+    ),
+    (
+        "mosquitto, kept connections",
+        lambda directory: mosquitto(directory, True),
+        "totals, expiry, sealing of each report, parsing",
+    ),
 ]
 
 
@@ -168,14 +228,36 @@ def main():
     for _ in range(RUNS):  # interleaved, so that a noisy minute hits all alike
         for name, run, _ in CASES:
             directory = tempfile.mkdtemp()
-            subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=peer",
-                            "-addext", "subjectAltName=IP:127.0.0.1", "-keyout", "key.pem", "-out", "cert.pem"],
-                           cwd=directory, check=True, capture_output=True)
+            subprocess.run(
+                [
+                    "openssl",
+                    "req",
+                    "-x509",
+                    "-newkey",
+                    "rsa:2048",
+                    "-nodes",
+                    "-days",
+                    "2",
+                    "-subj",
+                    "/CN=peer",
+                    "-addext",
+                    "subjectAltName=IP:127.0.0.1",
+                    "-keyout",
+                    "key.pem",
+                    "-out",
+                    "cert.pem",
+                ],
+                cwd=directory,
+                check=True,
+                capture_output=True,
+            )
             figures[name].append(run(directory))
             shutil.rmtree(directory)
     for name, _, undone in CASES:
-        cells = [f"{statistics.median(column):.{digits}f} ({min(column):.{digits}f} to {max(column):.{digits}f})"
-                 for column, digits in zip(zip(*figures[name]), (0, 1))]
+        cells = [
+            f"{statistics.median(column):.{digits}f} ({min(column):.{digits}f} to {max(column):.{digits}f})"
+            for column, digits in zip(zip(*figures[name]), (0, 1))
+        ]
         print(f"| {name} | {cells[0]} | {cells[1]} | {undone} |")
 
 

@@ -21,21 +21,30 @@ ANSWER_WITHIN = 30  # seconds
 
 def usage(identity):
     """What this instance is using: all 21 counts, 0 for what it does not use."""
-    counts = dict.fromkeys("MaxCameras ABD AN CR ClassTier1 ClassTier2 ClassTier3 Perimeter Dwell Collision NeuralPack "
-                           "PX Plates Generative ClassTier0 RemoteTier1 RemoteTier2 RemoteTier3 RemoteTier4 "
-                           "FaceTier1 FaceTier2".split(), 0)
-    return {"v6": {"KorvaneID": identity, "DockerID": os.uname().nodename,
-                   "CamRtspUrls": [f"rtsp://10.0.0.9/{camera}" for camera in range(4)],
-                   "InUse": counts | {"MaxCameras": 4, "Plates": 2}}}
+    counts = dict.fromkeys(
+        "MaxCameras ABD AN CR ClassTier1 ClassTier2 ClassTier3 Perimeter Dwell Collision NeuralPack "
+        "PX Plates Generative ClassTier0 RemoteTier1 RemoteTier2 RemoteTier3 RemoteTier4 "
+        "FaceTier1 FaceTier2".split(),
+        0,
+    )
+    return {
+        "v6": {
+            "KorvaneID": identity,
+            "DockerID": os.uname().nodename,
+            "CamRtspUrls": [f"rtsp://10.0.0.9/{camera}" for camera in range(4)],
+            "InUse": counts | {"MaxCameras": 4, "Plates": 2},
+        }
+    }
 
 
-def seal(document, public_key):
-    plaintext, key, iv = json.dumps(document).encode(), os.urandom(32), os.urandom(16)
+def seal(plaintext, public_key):
+    key, iv = os.urandom(32), os.urandom(16)
     pad = 16 - len(plaintext) % 16
     aes = Cipher(algorithms.AES(key), modes.CBC(iv)).encryptor()
     parts = public_key.encrypt(key, padding.PKCS1v15()), iv, aes.update(plaintext + bytes([pad]) * pad) + aes.finalize()
-    return base64.b64encode(json.dumps({f"data{number}": base64.b64encode(part).decode()
-                                        for number, part in enumerate(parts, 1)}).encode())
+    return base64.b64encode(
+        json.dumps({f"data{number}": base64.b64encode(part).decode() for number, part in enumerate(parts, 1)}).encode()
+    )
 
 
 def connect(server):
@@ -51,7 +60,7 @@ def main(server, key_file, identity, period, times="0"):
     time.sleep(random.random() * float(period))  # a fleet that starts together must not report together
     socket, sent, pause = connect(server), 0, float(period)
     while sent < int(times) or times == "0":
-        socket.send(seal(usage(identity), public_key))
+        socket.send(seal(json.dumps(usage(identity)).encode(), public_key))
         sent += 1
         if socket.poll(ANSWER_WITHIN * 1000):
             print(socket.recv().decode(), flush=True)

@@ -1,81 +1,69 @@
 """docs/protocol.md and what belongs to it, against a server that has the published key of the vectors."""
 
 import json
-import os
 import re
 import subprocess
 import sys
-import tempfile
 
-from support import BUILD, END_OF_STATUS, ServerTest, wait_until
+from make import ADDED, BASE
+from support import ROOT, VECTOR_GREETING, VECTOR_SERVER, VECTORS, wait_until
 
-DOCS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../docs")
-VECTORS = os.path.join(DOCS, "vectors")
-SERVER = os.path.join(BUILD, "tests/server-with-test-key")
-
-
-def load_vectors():
-    with open(os.path.join(VECTORS, "vectors.json"), encoding="ascii") as file:
-        return json.load(file)
-
-
-class ProtocolTest(ServerTest):
-    def server(self):
-        return self.start(command=(SERVER,)).started()
+DOCS = ROOT / "docs"
+COUNTS = BASE + sum(ADDED.values(), [])
+LABELS = {"MaxCameras": "MaxCameras", "ABD": "numAbandoned", "AN": "numAnomaly", "CR": "numCrossing"}
+IN_USE = "MaxCameras ABD CR AN ClassTier0 ClassTier1 ClassTier2 ClassTier3 Perimeter NeuralPack".split() + [
+    name for name in COUNTS[COUNTS.index("PX") :] if name != "ClassTier0"
+]  # in the order of the status report
+REQUIRED = [name for name in IN_USE if name != "NeuralPack"] + ["NeuralPack"]  # in the order of a request's details
 
 
-class Vectors(ProtocolTest):
-    def test_every_vector_is_answered_and_logged_as_it_says(self):
-        server = self.server()
-        peer = self.peer().meet(next(v["payload"] for v in load_vectors() if v["name"] == "greeting").encode())
-        counted = {}
-        for vector in load_vectors():
-            with self.subTest(vector["name"]):
-                mark = server.printed
-                self.assertEqual(peer.ask(vector["payload"].encode()).decode(), vector["reply"])
-                if vector["reply"] == "0":
-                    document = json.loads(vector["plaintext"])
-                    request = document.get("v6", document.get("v4", document.get("v5", document)))
-                    count = request["InUse"]["MaxCameras"]
-                    counted[request["KorvaneID"]] = count if isinstance(count, int) else 0
-                    server.wait_for(END_OF_STATUS, times=len(counted) + 1)
-                else:
-                    wait_until(lambda: len(server.console(mark)) >= len(vector["console"]), lambda: server.console(mark))
-                    self.assertEqual(server.console(mark), vector["console"])
-        self.assertEqual(server.figures()["MaxCameras"], sum(counted.values()))
-
-    def test_the_vectors_are_those_that_the_script_makes(self):
-        with tempfile.NamedTemporaryFile() as made:
-            subprocess.run([sys.executable, os.path.join(VECTORS, "make.py"), made.name], check=True)
-            self.assertEqual(load_vectors(), json.load(made))
-
-    def test_the_example_on_the_page_is_the_vector(self):
-        with open(os.path.join(DOCS, "protocol.md"), encoding="utf-8") as file:
-            blocks = dict(re.findall(r"```text (\w+)\n(.*?)```", file.read(), re.DOTALL))
-        example = load_vectors()[0]
-        for name in ("plaintext", "key", "iv", "payload"):
-            self.assertEqual(blocks[name].replace("\n", ""), example[name], name)
+# The instance and the counts of a report that is counted.
+def counts_of(plaintext):
+    document = json.loads(plaintext)
+    request = document.get("v6") or document.get("v5") or document.get("v4") or document
+    counts = {name: request["InUse"].get(name, 0) for name in COUNTS}
+    return request["KorvaneID"], {name: count if isinstance(count, int) else 0 for name, count in counts.items()}
 
 
-class Clients(ProtocolTest):
-    """The clients on the page. Node's runs where its `zeromq` package is found (./dev check-deploy installs it)."""
+def figures(console):
+    return re.findall(r"^\[info\] (\w+) *: (required|in use): (\d+)$", console, re.MULTILINE)
 
-    def check(self, *command):
-        server = self.server()
-        client = subprocess.run([*command, "tcp://127.0.0.1:9304", os.path.join(VECTORS, "test-public.pem"), "hall-9", "1", "3"],
-                                capture_output=True, text=True, timeout=60, check=False)
-        self.assertEqual((client.stdout, client.stderr), ("0\n" * 3, ""))
-        server.wait_for("DETECT NEW REQUEST", times=3)
-        self.assertEqual(server.figures()["MaxCameras"], 4)
 
-    def test_python(self):
-        self.check(sys.executable, os.path.join(DOCS, "clients/report.py"))
+def test_every_vector_is_answered_and_logged_as_it_says(start, peer):
+    server = start(command=(VECTOR_SERVER,))
+    peer.meet(VECTOR_GREETING)
+    fleet = {}
+    for vector in VECTORS:
+        printed = (server.directory / "console").stat().st_size
+        assert peer.ask(vector["payload"].encode()).decode() == vector["reply"], vector["name"]
+        if vector["reply"] == "0":
+            identity, fleet[identity] = counts_of(vector["plaintext"])
+            sums = {name: sum(counts[name] for counts in fleet.values()) for name in COUNTS}
+            expected = [("required", name) for name in REQUIRED] + [("in use", name) for name in IN_USE]
+            expected = [(LABELS.get(name, "num" + name), which, str(sums[name])) for which, name in expected]
+            wait_until(lambda: len(figures(server.console(printed))) >= len(expected))
+            assert figures(server.console(printed)) == expected, vector["name"]
+        else:
+            wait_until(lambda: len(server.console(printed)) >= len(vector["console"]))
+            assert server.console(printed) == vector["console"], vector["name"]
 
-    def test_node(self):
-        modules = os.environ.get("UGS_NODE_MODULES")
-        if not modules:
-            self.skipTest("UGS_NODE_MODULES names no directory with Node's zeromq package")
-        script = os.path.join(modules, "../report.mjs")
-        with open(os.path.join(DOCS, "clients/report.mjs"), encoding="utf-8") as source, open(script, "w", encoding="utf-8") as copy:
-            copy.write(source.read())  # Node looks for packages beside the script
-        self.check("node", script)
+
+def test_the_vectors_are_those_that_the_script_makes(tmp_path):
+    subprocess.run([sys.executable, DOCS / "vectors/make.py", tmp_path / "made"], check=True)
+    assert VECTORS == json.loads((tmp_path / "made").read_text())
+
+
+def test_the_example_on_the_page_is_the_vector():
+    page = (DOCS / "protocol.md").read_text("utf-8")
+    blocks = dict(re.findall(r"```text (\w+)\n(.*?)```", page, re.DOTALL))
+    assert all(blocks[name].replace("\n", "") == VECTORS[0][name] for name in ("plaintext", "key", "iv", "payload"))
+
+
+def test_the_client_on_the_page_reports(start):
+    server = start(command=(VECTOR_SERVER,))
+    key = DOCS / "vectors/test-public.pem"
+    client = [sys.executable, DOCS / "clients/report.py", "tcp://127.0.0.1:9304", key, "hall-9", "0.1", "3"]
+    found = subprocess.run(client, capture_output=True, text=True, check=False)
+    assert (found.stdout, found.stderr) == ("0\n" * 3, "")
+    server.wait_for("DETECT NEW REQUEST", times=3)
+    server.wait_for_cameras(4)

@@ -1,331 +1,317 @@
 """The server as its operator and its instances meet it."""
 
 import base64
+import contextlib
+import itertools
+import json
 import os
+import re
 import resource
 import signal
 import socket
-import subprocess
 import termios
-import threading
 import time
-import unittest
+from pathlib import Path
 
-from support import PORT, SERVER, Peer, ServerTest, document, seal, session_members, wait_until
+import pexpect
+import psutil
+import pytest
+from support import END_OF_STATUS, HALF_HOUR, LOG_SIZE, PATIENCE, PORT, SANITIZER, SERVER
+from support import Peer, begin_fleet, fill_log, seal, sealed_report, unread, wait_until
 
-REBUILDS = int(os.environ.get("UGS_REBUILDS", "2"))
 LFLAG, IFLAG = 3, 0
+FLOOD = b"x" * 1500
+FRESH_MODES = termios.tcgetattr(os.openpty()[1])
+READY = END_OF_STATUS.replace("\n", "\r\n")
 
 
-class Keys(ServerTest):
-    def test_quit_keys_on_a_terminal(self):
-        for key in (b"q", b"Q", b"\x1b", b"\x1b\x1b", b"xyq"):
-            with self.subTest(key=key):
-                server = self.start(stdin="terminal").started()
-                server.type(key)
-                self.assert_ends_well(server)
-                self.assertEqual(server.modes(), server.modes_before)
-
-    def test_other_keys_are_ignored_and_not_echoed(self):
-        server = self.start(stdin="terminal").started()
-        wait_until(lambda: not server.modes()[LFLAG] & (termios.ECHO | termios.ICANON), "the terminal's key mode")
-        self.assertTrue(server.modes()[LFLAG] & termios.ISIG)
-        self.assertFalse(server.modes()[IFLAG] & termios.IXON)
-        before = server.console()
-        for keys in (b"\x1b[A", b"\x1bOP", b"\x1b[15~", b"\x1bq", b"w", b"\x13"):
-            server.type(keys)
-            time.sleep(1.2)  # a turn each: what is typed together would be read together
-        self.assertEqual(server.console(), before)
-        self.assertIsNone(server.process.poll())
-        server.type(b"q")
-        self.assert_ends_well(server)
-
-    def test_bytes_on_a_pipe_are_keys(self):
-        for keys in (b"abq", b"\x1b[A"):
-            with self.subTest(keys=keys):
-                server = self.start().started()
-                server.type(keys)
-                self.assert_ends_well(server)
-
-    def test_without_a_keyboard_it_serves_on_and_idles(self):
-        with open("/dev/null", "rb") as null:
-            for stdin in ("pipe", "closed", null):
-                with self.subTest(stdin=stdin):
-                    server = self.start(stdin=stdin).started()
-                    if server.process.stdin:
-                        server.process.stdin.close()
-                        server.process.stdin = None
-                    peer = self.peer().meet()
-                    used = cpu_seconds(server.process.pid)
-                    time.sleep(2)
-                    self.assertLess(cpu_seconds(server.process.pid) - used, 0.4, "a keyboard at its end is being polled")
-                    self.assertEqual(peer.ask(seal(document())), b"0")
-                    server.process.terminate()
-                    self.assert_ends_well(server)
-
-    def test_standard_descriptors_that_were_closed_stay_out_of_reach(self):
-        server = self.start(command=("/bin/sh", "-c", f"exec {SERVER} >&- 2>&-")) 
-        self.peer().meet()
-        for descriptor in (1, 2):
-            self.assertEqual(os.readlink(f"/proc/{server.process.pid}/fd/{descriptor}"), "/dev/null")
-        server.type(b"q")
-        self.assert_ends_well(server)
+without_sanitizer = pytest.mark.skipif(SANITIZER != "", reason="a sanitizer keeps what is freed")
 
 
-def cpu_seconds(pid):
-    with open(f"/proc/{pid}/stat", encoding="ascii") as file:
-        fields = file.read().rsplit(")", 1)[1].split()
-    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+def modes(terminal):
+    return termios.tcgetattr(terminal.fileno())
 
 
-class JobControl(ServerTest):
-    """Under an interactive shell, as an operator has it."""
-
-    def setUp(self):
-        super().setUp()
-        self.shell = self.start(stdin="terminal", command=("/bin/bash", "--norc", "--noprofile", "-i"))
-        self.say("PS1='$ '; cd " + self.shell.directory)
-
-    def say(self, line):
-        self.shell.type(line.encode() + b"\n")
-
-    def server_pid(self):
-        return wait_until(lambda: session_members(self.shell.process.pid).get("KorvaneUGS"), "the server under the shell")
-
-    def has_key_mode(self):
-        return not self.shell.modes()[LFLAG] & termios.ICANON and not self.shell.modes()[LFLAG] & termios.ECHO
-
-    def end(self):
-        wait_until(self.has_key_mode, "the terminal's key mode")
-        self.shell.type(b"q")
-        self.shell.wait_for("Cleaning up")
-        self.say("echo the code is $?; exit")
-        self.shell.wait_for("the code is 0\n")
-
-    def test_ctrl_z_gives_the_terminal_back_and_fg_takes_it_again(self):
-        self.say(SERVER)
-        self.shell.started()
-        wait_until(self.has_key_mode, "the terminal's key mode")
-        modes_while_running = self.shell.modes()
-        pid = self.server_pid()
-        self.shell.type(b"\x1a")
-        wait_until(lambda: self.shell.is_stopped(pid), "the server to stop")
-        self.say("stty -a")
-        self.shell.wait_for("isig icanon")
-        self.say("fg")
-        wait_until(lambda: self.shell.modes() == modes_while_running, "the key mode again")
-        self.peer().meet().ask(seal(document()))
-        self.end()
-
-    def test_ctrl_c_ends_it_and_the_shell_has_its_terminal(self):
-        self.say(SERVER)
-        self.shell.started()
-        self.shell.type(b"\x03")
-        self.say("echo the code is $?; stty -a; exit")
-        self.shell.wait_for("the code is 0\n")
-        self.shell.wait_for("isig icanon")
-
-    def test_a_background_job_is_never_stopped_by_the_terminal(self):
-        self.say("stty tostop; " + SERVER + " &")
-        pid = self.server_pid()
-        self.peer().meet().ask(seal(document()))
-        self.shell.wait_for("DETECT NEW REQUEST")
-        self.assertFalse(self.shell.is_stopped(pid))
-        self.say("fg")
-        self.end()
+def in_key_mode(terminal):
+    return not modes(terminal)[LFLAG] & (termios.ICANON | termios.ECHO)
 
 
-class Signals(ServerTest):
-    def test_each_ending_signal_ends_it_well_even_under_load(self):
-        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-            with self.subTest(number=number):
-                server = self.start().started()
-                peer = self.peer().meet()
-                reports = [seal(document(f"i{i}")) for i in range(20)]
-                for _ in range(20):
-                    for report in reports:
-                        peer.socket.send(report)
-                peer.socket.recv()
-                server.process.send_signal(number)
-                self.assert_ends_well(server)
-                self.assertTrue(server.log_text().endswith("Cleaning up Reply socket in main thread!\n"))
-
-    def test_a_broken_console_does_not_end_it(self):
-        reader, writer = os.pipe()
-        server = self.start(command=("/bin/sh", "-c", f"exec {SERVER} >&{writer}"), pass_fds=(writer,))
-        os.close(writer)
-        peer = self.peer().meet()
-        os.close(reader)
-        server.process.send_signal(signal.SIGPIPE)
-        for _ in range(3):
-            self.assertEqual(peer.ask(seal(document())), b"0")
-        server.type(b"q")
-        self.assert_ends_well(server)
-
-    def test_a_deadly_signal_still_gives_the_terminal_back(self):
-        for number in (signal.SIGQUIT, signal.SIGABRT, signal.SIGUSR1):
-            with self.subTest(number=number):
-                server = self.start(stdin="terminal").started()
-                wait_until(lambda: server.modes() != server.modes_before, "the terminal's key mode")
-                wait_until(lambda: server.threads_open_to(number) == [server.process.pid], "the main thread alone to take it")
-                server.process.send_signal(number)
-                self.assertEqual(server.wait_for_end(), (-number, ""))
-                self.assertEqual(server.modes(), server.modes_before)
-
-    def test_nohup_keeps_it_from_hanging_up(self):
-        server = self.start(command=("/usr/bin/env", "--ignore-signal=HUP", SERVER)).started()
-        server.process.send_signal(signal.SIGHUP)
-        time.sleep(2.5)
-        self.peer().meet()
-        server.process.terminate()
-        self.assert_ends_well(server)
-
-    def test_as_process_1_it_ends_at_a_signal_too(self):
-        unshare = ["/usr/bin/unshare", "--user", "--map-root-user", "--pid", "--fork", "--kill-child"]
-        if subprocess.run([*unshare, "/bin/true"], capture_output=True, check=False).returncode:
-            self.skipTest("this machine allows no pid namespace")
-        server = self.start(command=(*unshare, SERVER)).started()
-        with open(f"/proc/{server.process.pid}/task/{server.process.pid}/children", encoding="ascii") as file:
-            child = int(file.read())
-        os.kill(child, signal.SIGTERM)
-        self.assert_ends_well(server)
+# Its program ends, and the terminal is as it was.
+def assert_ends(terminal, tmp_path, status=(0, None)):
+    terminal.expect_exact(pexpect.EOF)
+    assert modes(terminal) == FRESH_MODES
+    terminal.close()
+    assert (terminal.exitstatus, terminal.signalstatus, (tmp_path / "errors").read_text()) == (*status, "")
 
 
-class Logs(ServerTest):
-    def test_levels_from_environment_and_arguments(self):
-        for environment, arguments, info in (({}, (), True), ({"SPDLOG_LEVEL": "warn"}, (), False),
-                                             ({"SPDLOG_LEVEL": "warn"}, ("x", "SPDLOG_LEVEL=info"), True),
-                                             ({"SPDLOG_LEVEL": "debug"}, ("SPDLOG_LEVEL=warn",), False)):
-            with self.subTest(environment=environment, arguments=arguments):
-                server = self.start(environment=environment, arguments=arguments)
-                self.peer().meet()
-                server.type(b"q")
-                self.assert_ends_well(server)
-                self.assertEqual("[info] Total cameras in use : 0\n" in server.console(), info)
-                self.assertIn("[warning] UGS version 2025.3.0-3380\n\nPress a key to exit...\n", server.console())
-
-    def test_a_full_log_file_is_rotated_and_five_are_kept(self):
-        server_directory = subprocess.run(["mktemp", "-d"], capture_output=True, text=True, check=True).stdout.strip()
-        self.addCleanup(subprocess.run, ["rm", "-rf", server_directory])
-        logs = os.path.join(server_directory, "logs")
-        os.mkdir(logs)
-        name = lambda index: os.path.join(logs, f"KorvaneUGS.log.{index}.txt" if index else "KorvaneUGS.log.txt")
-        for index in range(6):
-            with open(name(index), "w", encoding="ascii") as file:
-                file.write(f"file {index}\n" + ("x" * (10 * 1024 * 1024 - 1500) if index == 0 else ""))
-        server = self.start(directory=server_directory).started()
-        self.assertEqual(self.peer().meet().ask(seal(document(MaxCameras=7))), b"0")
-        server.type(b"q")
-        self.assert_ends_well(server)
-        for index in range(1, 6):
-            with open(name(index), encoding="ascii") as file:
-                self.assertEqual(file.readline(), f"file {index - 1}\n")
-        self.assertEqual(len(os.listdir(logs)), 6)
-        self.assertIn("MaxCameras    : in use: 7\n", server.log_text())
-
-    def test_without_a_log_file_it_does_not_start(self):
-        directory = subprocess.run(["mktemp", "-d"], capture_output=True, text=True, check=True).stdout.strip()
-        self.addCleanup(subprocess.run, ["rm", "-rf", directory])
-        with open(os.path.join(directory, "logs"), "w", encoding="ascii"):
-            pass
-        server = self.start(stdin="terminal", directory=directory)
-        code, errors = server.wait_for_end()
-        self.assertNotEqual(code, 0)
-        self.assertIn("logs/KorvaneUGS.log.txt", errors)
-        self.assertEqual(server.modes(), server.modes_before)
+@pytest.mark.parametrize("key", ["q", "Q", "\x1b", "\x1b\x1b", "xyq", "\x03"])
+def test_quit_keys_on_a_terminal(open_terminal, tmp_path, key):
+    terminal = open_terminal()
+    terminal.expect_exact(READY)
+    terminal.send(key)
+    assert_ends(terminal, tmp_path)
 
 
-class Reports(ServerTest):
-    def test_huge_and_foreign_requests_are_refused_and_the_next_report_counted(self):
-        server = self.start().started()
-        peer = self.peer().meet()
-        nested = b"[" * 2_000_000 + b"}"
-        for payload in (seal(nested), base64.b64encode(nested), b"\xff" * 1000):
-            self.assertEqual(peer.ask(payload), b"2", payload[:60])
-        self.assertEqual(peer.ask(seal(document())), b"0")
-        server.type(b"q")
-        self.assert_ends_well(server)
-
-    def test_the_soft_limit_of_open_files_is_raised(self):
-        hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
-        server = self.start(command=("/bin/sh", "-c", f"ulimit -Sn 64; exec {SERVER}")).started()
-        self.assertEqual(resource.prlimit(server.process.pid, resource.RLIMIT_NOFILE), (hard, hard))
-        server.type(b"q")
-        self.assert_ends_well(server)
+def test_other_keys_are_ignored_and_not_echoed(open_terminal, tmp_path):
+    terminal = open_terminal()
+    terminal.expect_exact(READY)
+    wait_until(lambda: in_key_mode(terminal))
+    assert modes(terminal)[LFLAG] & termios.ISIG and not modes(terminal)[IFLAG] & termios.IXON
+    keyboard = os.open(f"/proc/{terminal.pid}/fd/0", os.O_RDONLY | os.O_NOCTTY)
+    for key in ("\x1b[A", "\x1bOQ", "\x1b[15~", "\x1bq", "w", "\x13"):
+        terminal.send(key)
+        wait_until(lambda: not unread(keyboard))  # else it would be read with the next one
+    os.close(keyboard)
+    terminal.send("q")
+    assert_ends(terminal, tmp_path)
+    assert terminal.before == ""
 
 
-class WallClock(ServerTest):
-    def test_a_silent_instance_expires_and_a_heard_one_stays(self):
-        server = self.start(clock=True).started()
-        peer = self.peer().meet()
-        self.assertEqual(peer.ask(seal(document("silent", MaxCameras=3))), b"0")
-        server.shift_clock(100)
-        self.assertEqual(peer.ask(seal(document("heard", MaxCameras=5))), b"0")
-        wait_until(lambda: server.figures().get("MaxCameras") == 8, "both instances")
-        server.shift_clock(150)
-        server.wait_for("Deleting korvane ")
-        self.assertRegex(server.console(), r"Deleting korvane [0-9a-f]+ as no new update after 1[56]\d seconds\n\n")
-        wait_until(lambda: server.figures().get("MaxCameras") == 5, "the rest of the fleet")
-        server.type(b"q")
-        self.assert_ends_well(server)
+@pytest.mark.parametrize("keys, rest", [(b"abqd", b"d"), (b"\x1b[A", b"[A")])
+def test_bytes_on_a_pipe_are_keys_and_what_follows_is_left_to_others(start, keys, rest):
+    reader, writer = os.pipe()
+    os.write(writer, keys)
+    start(stdin=reader).wait(PATIENCE)
+    os.close(writer)
+    assert os.read(reader, len(keys)) == rest
 
-    def test_half_an_hour_rebuilds_the_server_once_with_an_empty_registry(self):
-        server = self.start(clock=True).started()
-        peer = self.peer().meet()
-        self.assertEqual(peer.ask(seal(document("before", MaxCameras=3))), b"0")
-        server.shift_clock(1801)
-        server.wait_for("Refreshing UGS server...\n")
+
+@pytest.mark.parametrize("keyboard", ["</dev/null", "<&-", "< <(:)"])
+def test_without_a_keyboard_it_serves_on_and_idles(start, peer, keyboard):
+    server = start(command=("/bin/bash", "-c", f"exec {SERVER} {keyboard}"))
+    process = psutil.Process(server.pid)
+    peer.meet()
+    process.cpu_percent()
+    peer.send(seal("{hello}"), 100)
+    assert peer.take(100) == [b"1"] * 100
+    assert process.cpu_percent() < 60, "a keyboard at its end is being polled"
+
+
+def test_standard_descriptors_that_were_closed_stay_out_of_reach(start, peer):
+    server = start(command=("/bin/sh", "-c", f"exec {SERVER} >&- 2>&-"), ready="")
+    peer.meet()
+    assert {os.readlink(f"/proc/{server.pid}/fd/{descriptor}") for descriptor in (1, 2)} == {"/dev/null"}
+
+
+def child_of(shell):
+    return psutil.Process(shell.pid).children()[0]
+
+
+def test_ctrl_z_gives_the_terminal_back_and_fg_takes_it_again(open_terminal, peer):
+    shell = open_terminal(f"set -m; {SERVER}; for twice in 1 2; do read line; fg; done; echo the code is $?")
+    shell.expect_exact(READY)
+    for _ in range(2):
+        wait_until(lambda: in_key_mode(shell))
+        shell.send("\x1a")
+        wait_until(lambda: child_of(shell).status() == psutil.STATUS_STOPPED)
+        assert modes(shell) == FRESH_MODES
+        shell.sendline()
+    wait_until(lambda: in_key_mode(shell))
+    assert peer.meet().ask(sealed_report()) == b"0"
+    shell.send("q")
+    shell.expect_exact("the code is 0\r\n")
+
+
+def test_a_background_job_is_never_stopped_by_the_terminal(open_terminal, peer):
+    shell = open_terminal(f"set -m; stty tostop; {SERVER} & read line; fg; echo the code is $?")
+    assert peer.meet().ask(sealed_report()) == b"0"
+    shell.expect_exact("DETECT NEW REQUEST")
+    assert child_of(shell).status() != psutil.STATUS_STOPPED
+    assert not in_key_mode(shell)
+    shell.sendline()
+    wait_until(lambda: in_key_mode(shell))
+    shell.send("q")
+    shell.expect_exact("the code is 0\r\n")
+
+
+# A sanitizer handles SIGSEGV itself.
+@pytest.mark.parametrize("number", [signal.SIGQUIT, signal.SIGABRT, signal.SIGUSR1 if SANITIZER else signal.SIGSEGV])
+def test_a_deadly_signal_still_gives_the_terminal_back(open_terminal, tmp_path, number):
+    terminal = open_terminal()
+    wait_until(lambda: in_key_mode(terminal))
+    terminal.expect_exact(READY)
+
+    # Those that the kernel may choose for the signal.
+    def open_threads():
+        for status in Path(f"/proc/{terminal.pid}/task").glob("*/status"):
+            blocked = int(re.search(r"SigBlk:\s*(\w+)", status.read_text())[1], 16)
+            if not blocked >> (number - 1) & 1:
+                yield int(status.parent.name)
+
+    if number != signal.SIGSEGV:  # which a thread that faults takes itself
+        wait_until(lambda: list(open_threads()) == [terminal.pid])
+    terminal.kill(number)
+    assert_ends(terminal, tmp_path, (None, number))
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
+def test_each_ending_signal_ends_it_well_even_under_load(start, peer, number):
+    server = start()
+    peer.meet()
+    peer.send(sealed_report(), 400)
+    peer.take()
+    server.send_signal(number)
+    server.end()
+    assert server.log().endswith("Cleaning up Reply socket in main thread!\n")
+
+
+@pytest.mark.parametrize("console", ["pipe", "/dev/full"])
+def test_a_broken_console_does_not_end_it(start, peer, console):
+    reader, writer = os.pipe()
+    with open(writer if console == "pipe" else console, "wb") as output:
+        server = start(stdout=output, ready="")
+    peer.meet()
+    os.close(reader)
+    for name in "PIPE XFSZ TTIN TTOU CHLD WINCH URG STOP".split():
+        server.send_signal(signal.Signals[f"SIG{name}"])
+        server.send_signal(signal.SIGCONT)
+        assert peer.ask(sealed_report()) == b"0"
+    assert "0x008" not in server.log()
+
+
+def test_nohup_keeps_it_from_hanging_up(start, peer):
+    server = start(command=("/usr/bin/env", "--ignore-signal=HUP", SERVER))
+    server.send_signal(signal.SIGHUP)
+    for key in (b"x", b"y"):  # a turn of its main loop each
+        server.type(key)
+    peer.meet()
+
+
+FIRST_WORDS = "[warning] UGS version 2025.3.0-3380\n\nPress a key to exit...\n"
+
+
+@pytest.mark.parametrize(
+    "argument, more", [("SPDLOG_LEVEL=warn", ""), ("SPDLOG_LEVEL=info", "[info] Total cameras in use : 0\n")]
+)
+def test_levels_and_the_first_words_on_the_console(start, argument, more):
+    server = start("x", argument, env={"SPDLOG_LEVEL": "warn"}, ready="")
+    server.type(b"x")  # when it is read, all has been said
+    assert server.console() == FIRST_WORDS if not more else server.console().startswith(FIRST_WORDS + more)
+
+
+def test_a_full_log_file_is_rotated_and_five_are_kept(start, peer, tmp_path):
+    logs = [tmp_path / "logs" / f"KorvaneUGS.log{'.' * bool(i)}{i or ''}.txt" for i in range(6)]
+    fill_log(tmp_path, room=1500)
+    for number, file in enumerate(logs[1:], 1):
+        file.write_text(f"file {number}")
+    server = start(directory=tmp_path)
+    assert peer.meet().ask(sealed_report(MaxCameras=7)) == b"0"
+    server.end()
+    assert LOG_SIZE - 200 < logs[1].stat().st_size <= LOG_SIZE
+    assert [file.read_text() for file in logs[2:]] == [f"file {number}" for number in range(1, 5)]
+    assert len(list(logs[0].parent.iterdir())) == 6
+    assert "MaxCameras    : in use: 7\n" in server.log()
+
+
+def test_without_a_log_file_it_does_not_start(open_terminal, tmp_path):
+    (tmp_path / "logs").touch()
+    terminal = open_terminal()
+    terminal.expect_exact(pexpect.EOF)
+    assert modes(terminal) == FRESH_MODES
+    assert "logs/KorvaneUGS.log.txt" in (tmp_path / "errors").read_text()
+    terminal.close()
+    assert terminal.exitstatus != 0
+
+
+def test_the_soft_limit_of_open_files_is_raised(start):
+    hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    server = start(command=("/bin/sh", "-c", f"ulimit -Sn 64; exec {SERVER}"))
+    assert resource.prlimit(server.pid, resource.RLIMIT_NOFILE) == (hard, hard)
+
+
+def test_peers_that_take_every_descriptor_do_not_keep_the_others_from_their_answers(start, peer, context):
+    server = start(command=("/usr/bin/prlimit", "--nofile=64:64", SERVER))
+    process = psutil.Process(server.pid)
+    free_before = 64 - process.num_fds()
+    peer.connect()
+    wait_until(lambda: 64 - process.num_fds() < free_before)
+    with contextlib.ExitStack() as crowd:
+        for _ in range(free_before):
+            crowd.enter_context(socket.create_connection(("127.0.0.1", PORT)))
+        wait_until(lambda: process.num_fds() == 64)
+        assert peer.ask(seal("{hello}")) == b"1"  # the first reply since the start
+    Peer(context).meet()
+
+
+def test_a_turn_takes_ten_milliseconds(start, peer):
+    start()
+    peer.meet()
+    greeting = seal("{hello}")
+
+    # A busy machine has a quick moment now and then: ten answers in a row within 15 ms each.
+    def fast_enough():
+        began = time.monotonic()
+        peer.send(greeting, 100)
+        times = [peer.take() and time.monotonic() for _ in range(100)]
+        assert times[-1] - began >= 0.99, "a turn is never shorter"
+        return any(last - first < 0.15 for first, last in zip(times, times[10:]))
+
+    wait_until(fast_enough)
+
+
+@without_sanitizer
+def test_memory_is_given_back_after_giant_requests_and_by_a_rebuild(start, peer):
+    server = start(clock="")
+    peer.meet()
+    before, giant = server.memory(), base64.b64encode(b"[" * 20_000_000 + b"}")
+    peer.send(giant, 4)
+    assert peer.take(4) == [b"2"] * 4
+    server.wait_for_memory_below(before + 5e6)
+    peer.send(FLOOD, 100_000)
+    wait_until(lambda: server.memory() > before + 100_000 * len(FLOOD) * 0.9)
+    server.rebuild()
+    server.wait_for_memory_below(before + 10e6)
+
+
+@without_sanitizer
+def test_memory_is_given_back_when_a_long_queue_has_emptied(start, peer):
+    server = start(clock="x1")
+    peer.meet()
+    before = server.memory()
+    peer.send(FLOOD, 12_000)
+    wait_until(lambda: server.memory() > before + 11_000 * len(FLOOD))
+    server.rate = "x30"  # all its clocks run faster, so that its turns are shorter
+    server.shift_clock(0)
+    assert set(peer.take(12_000)) == {b"2"}
+    server.wait_for_memory_below(before + 5e6)
+
+
+def test_half_an_hour_rebuilds_the_server_once_with_an_empty_registry(start, peer):
+    server = start(clock="")
+    assert peer.meet().ask(sealed_report("before", MaxCameras=3)) == b"0"
+    server.rebuild()
+    assert peer.meet().ask(sealed_report("after", MaxCameras=5)) == b"0"
+    server.wait_for_cameras(5)
+    for _ in range(3):  # a turn of its main loop each
+        server.type(b"x")
+    server.shift_clock(HALF_HOUR - 86400)  # a clock set back delays the next rebuild and expires what it left ahead
+    server.wait_for("Deleting korvane ")
+    assert peer.ask(sealed_report("after", MaxCameras=6)) == b"0"
+    server.wait_for_cameras(6)
+    assert server.console().count("Refreshing") == 1
+
+
+def test_a_taken_port_is_said_and_served_from_the_next_rebuild_on(start, peer):
+    with socket.socket() as holder:
+        holder.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        holder.bind(("0.0.0.0", PORT))
+        holder.listen()
+        server = start(clock="")
+        server.wait_for(f"[error] 0x0081: tcp://0.0.0.0:{PORT}: Address already in use\n")
+    server.rebuild()
+    assert peer.meet().ask(sealed_report()) == b"0"
+
+
+def test_rebuilds_under_a_stream_of_reports_lose_nothing_but_time(start, peer):
+    server = start(clock="")
+    peer.meet()
+    stream = begin_fleet(
+        "--json", "--rate", "150", "--duration", "8" if SANITIZER == "thread" else "3", "--patience", "1"
+    )
+    for number in itertools.count(1):
+        if stream.poll() is not None:
+            break
+        server.rebuild(number)
         peer.meet()
-        self.assertEqual(peer.ask(seal(document("after", MaxCameras=5))), b"0")
-        wait_until(lambda: server.figures().get("MaxCameras") == 5, "the new registry")
-        self.assertEqual(server.console().count("Refreshing"), 1)
-        server.shift_clock(1801 - 86400)  # a clock set back delays the next rebuild and expires what it left ahead
-        server.wait_for("Deleting korvane ")
-        self.assertEqual(peer.ask(seal(document("after", MaxCameras=6))), b"0")
-        self.assertEqual(server.console().count("Refreshing"), 1)
-        server.type(b"q")
-        self.assert_ends_well(server)
-
-    def test_a_taken_port_is_said_and_served_from_the_next_rebuild_on(self):
-        with socket.socket() as holder:
-            holder.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-            holder.bind(("0.0.0.0", PORT))
-            holder.listen()
-            server = self.start(clock=True).started()
-            server.wait_for(f"[error] 0x0081: tcp://0.0.0.0:{PORT}: Address already in use\n")
-        server.shift_clock(1801)
-        self.assertEqual(self.peer().meet().ask(seal(document())), b"0")
-        server.type(b"q")
-        self.assert_ends_well(server)
-
-    def test_rebuilds_under_a_stream_of_reports_lose_nothing_but_time(self):
-        server = self.start(clock=True).started()
-        self.peer().meet()
-        stop = threading.Event()
-        reports = [seal(document(f"i{i}")) for i in range(10)]
-
-        def stream():
-            peer = Peer(self)
-            while not stop.is_set():
-                for report in reports:
-                    peer.socket.send(report)
-                while peer.socket.poll(20):
-                    assert peer.socket.recv() == b"0"
-
-        streams = [threading.Thread(target=stream) for _ in range(2)]
-        for thread in streams:
-            thread.start()
-        for rebuild in range(1, REBUILDS + 1):
-            server.shift_clock(1801 * rebuild)
-            server.wait_for("Refreshing UGS server...\n", rebuild)
-            server.wait_for("Creating response socket", rebuild + 1)
-        stop.set()
-        for thread in streams:
-            thread.join()
-        self.assertNotIn("0x008", server.console())
-        server.type(b"q")
-        self.assert_ends_well(server)
-
-
-if __name__ == "__main__":
-    unittest.main(verbosity=2)
+    assert list(json.loads(stream.communicate()[0])["answered"]) == ["0"]
+    assert "0x008" not in server.console()

@@ -1,241 +1,164 @@
-"""Drives the real server and seals reports for it, independently of the code under test."""
+"""Drives the real server. Reports are sealed as docs/clients/report.py does it, without the code under test."""
 
-import base64
+import fcntl
 import json
 import os
-import pty
 import re
-import signal
+import struct
 import subprocess
-import tempfile
 import termios
-import threading
 import time
-import unittest
+from pathlib import Path
 
+import make
+import psutil
+import report
 import zmq
-from cryptography.hazmat.primitives import hashes, serialization
-from cryptography.hazmat.primitives.asymmetric import padding
-from cryptography.hazmat.primitives.ciphers import Cipher, algorithms, modes
+from cryptography.hazmat.primitives.serialization import load_pem_public_key
 
-BUILD = os.environ["UGS_BUILD_DIR"]
-KEYS = os.environ["UGS_KEY_DIR"]
-SERVER = os.path.join(BUILD, "KorvaneUGS")
-UGS = os.path.join(BUILD, "ugs")
+ROOT = Path(__file__).resolve().parents[2]
+BUILD = Path(os.environ.get("UGS_BUILD_DIR", ROOT / "build/release"))
+KEY_FILE = Path(os.environ.get("UGS_KEY_DIR", ROOT / "keys")) / "public.pem"
+SANITIZER = os.environ.get("UGS_SANITIZE", "")
+SERVER, UGS, VECTOR_SERVER = BUILD / "KorvaneUGS", BUILD / "ugs", BUILD / "tests/server-with-test-key"
+KEY = load_pem_public_key(KEY_FILE.read_bytes())
+VECTORS = json.loads((ROOT / "docs/vectors/vectors.json").read_text("ascii"))
+VECTOR_GREETING = next(vector["payload"].encode() for vector in VECTORS if vector["name"] == "greeting")
 PORT = 9304
+LOG_SIZE = 10 * 1024 * 1024
+HALF_HOUR = 1801  # seconds of wall clock after which a server is rebuilt
 END_OF_STATUS = "[info] " + 52 * "-" + "\n"
-PATIENCE = 30  # seconds; no test depends on how much of it is needed
-
-COUNTS = ["MaxCameras", "ABD", "AN", "CR", "ClassTier1", "ClassTier2", "ClassTier3", "Perimeter", "Dwell", "Collision",
-          "NeuralPack", "PX", "Plates", "Generative", "ClassTier0", "RemoteTier1", "RemoteTier2", "RemoteTier3",
-          "RemoteTier4", "FaceTier1", "FaceTier2"]
+PATIENCE = 60  # seconds; no test depends on how much of it is needed
 
 
-def wait_until(condition, what):
+def wait_until(condition):
     deadline = time.monotonic() + PATIENCE
-    while time.monotonic() < deadline:
-        result = condition()
-        if result:
-            return result
-        time.sleep(0.02)
-    raise AssertionError(f"waited in vain for {what() if callable(what) else what}")
+    while not (result := condition()):
+        assert time.monotonic() < deadline, "waited in vain"
+        time.sleep(0.01)
+    return result
 
 
-def session_members(session):
-    """The processes of a session by name, from proc(5)."""
-    members = {}
-    for entry in filter(str.isdigit, os.listdir("/proc")):
-        try:
-            with open(f"/proc/{entry}/stat", encoding="utf-8", errors="replace") as file:
-                name, rest = file.read().split("(", 1)[1].rsplit(")", 1)
-        except OSError:
-            continue  # it has ended meanwhile
-        if int(rest.split()[3]) == session:
-            members[name] = int(entry)
-    return members
+def seal(text):
+    return report.seal(text.encode(), KEY)
 
 
-def document(identity="i", cameras=("rtsp://camera",), layout="v6", **counts):
-    request = {"KorvaneID": identity, "DockerID": "d", "CamRtspUrls": list(cameras),
-               "InUse": {**dict.fromkeys(COUNTS, 0), **counts}}
-    return json.dumps({layout: request} if layout else request).encode()
+def sealed_report(identity="i", **counts):
+    return seal(make.report(identity, **counts))
 
 
-def envelope(wrapped, iv, ciphertext):
-    parts = {f"data{i + 1}": base64.b64encode(part).decode() for i, part in enumerate((wrapped, iv, ciphertext))}
-    return base64.b64encode(json.dumps(parts).encode())
+def begin_fleet(*arguments, key=KEY_FILE):
+    return subprocess.Popen([UGS, "fleet", "--key", key, *arguments], stdout=subprocess.PIPE, text=True)
 
 
-def wrap(key, keys=KEYS):
-    with open(os.path.join(keys, "public.pem"), "rb") as file:
-        public = serialization.load_pem_public_key(file.read())
-    return public.encrypt(key, padding.PKCS1v15())
+# A log file that is rotated after `room` more bytes.
+def fill_log(directory, room):
+    (directory / "logs").mkdir()
+    (directory / "logs/KorvaneUGS.log.txt").write_text(("x" * 99 + "\n").rjust(LOG_SIZE - room, "x"), "ascii")
 
 
-def seal(plaintext, key_size=32):
-    key, iv = os.urandom(key_size), os.urandom(16)
-    pad = 16 - len(plaintext) % 16
-    encryptor = Cipher(algorithms.AES(key), modes.CBC(iv)).encryptor()
-    return envelope(wrap(key), iv, encryptor.update(plaintext + bytes([pad]) * pad) + encryptor.finalize())
+# How many of the bytes that were typed have not been read yet.
+def unread(descriptor):
+    return struct.unpack("i", fcntl.ioctl(descriptor, termios.FIONREAD, bytes(4)))[0]
 
 
+# A reporting instance.
 class Peer:
-    """A reporting instance. Closed with the test."""
+    def __init__(self, context):
+        self.context = context
 
-    def __init__(self, test, kind=zmq.DEALER):
-        self.socket = zmq.Context.instance().socket(kind)
-        self.socket.linger = 0
-        self.socket.rcvtimeo = PATIENCE * 1000
+    def connect(self):
+        self.socket = self.context.socket(zmq.DEALER)
+        self.socket.set(zmq.LINGER, 0)
+        self.socket.set(zmq.RCVTIMEO, PATIENCE * 1000)
         self.socket.connect(f"tcp://127.0.0.1:{PORT}")
-        test.addCleanup(self.socket.close)
+        return self
+
+    def send(self, payload, times=1):
+        for _ in range(times):
+            self.socket.send(payload)
+
+    def take(self, number=1):
+        return [self.socket.recv() for _ in range(number)]
 
     def ask(self, payload):
-        self.socket.send(payload)
+        self.send(payload)
         return self.socket.recv()
 
+    # Connects anew until a greeting is answered: what is sent while the server starts or rebuilds may be lost.
     def meet(self, greeting=None):
-        """Greets until the server answers: requests sent while it starts or rebuilds may be lost."""
         def greeted():
-            self.socket.send(greeting or seal(b"{hello}"))
-            return self.socket.poll(500) and self.socket.recv() == b"1"
-        wait_until(greeted, "an answer to the greeting")
-        while self.socket.poll(700):  # answers to greetings that were only late
-            self.socket.recv()
+            self.connect().send(greeting or seal("{hello}"))
+            return self.socket.poll(1000) and self.take() == [b"1"] or self.socket.close()
+
+        wait_until(greeted)
         return self
 
 
-class Server:
-    """A running server with its console on a pseudo-terminal. `stdin` is "pipe", "terminal", "closed" or a file.
+# A running server. Its keyboard is a pipe, and its console a file in its directory. With `clock` its wall clock can be
+# shifted; with "x1" all its clocks, and their rate can be changed.
+class Server(subprocess.Popen):
+    may_say = ""  # on stderr: a regular expression
 
-    Of the console, the last `keep` bytes are kept.
-    """
-
-    def __init__(self, test, stdin="pipe", arguments=(), environment=None, clock=False, command=(SERVER,),
-                 directory=None, keep=10**8, **options):
-        self.keep = keep
-        self.directory = directory or tempfile.mkdtemp()
-        self.shift_file = os.path.join(self.directory, "shift")
-        if directory is None:
-            test.addCleanup(subprocess.run, ["rm", "-rf", self.directory])
-        environment = {**os.environ, **(environment or {})}
-        if clock:
+    def __init__(self, directory, *arguments, command=(SERVER,), clock=None, stdin=subprocess.PIPE, env=(), **options):
+        self.directory = Path(directory)
+        self.directory.mkdir(exist_ok=True)
+        environment = {**os.environ, **dict(env)}
+        self.rate = clock
+        if clock is not None:
             self.shift_clock(0)
-            environment.update(LD_PRELOAD=os.environ["UGS_CLOCK_LIBRARY"], UGS_CLOCK_SHIFT=self.shift_file)
-        self.output, self.printed = b"", 0  # what is kept, and how many bytes there were in all
-        self.master, terminal = pty.openpty()
-        self.modes_before = termios.tcgetattr(terminal)
-        stdin_file = {"pipe": subprocess.PIPE, "terminal": terminal, "closed": None}.get(stdin, stdin)
-        self.errors = tempfile.TemporaryFile()
-        self.process = subprocess.Popen(
-            [*command, *arguments], cwd=self.directory, env=environment, stdin=stdin_file, stdout=terminal,
-            stderr=self.errors, start_new_session=True,
-            preexec_fn=lambda: self._prepare(stdin, terminal), **options)
-        self.terminal = terminal
-        threading.Thread(target=self._read_console, daemon=True).start()
-        test.addCleanup(self._clean_up)
-
-    @staticmethod
-    def _prepare(stdin, terminal):
-        signal.signal(signal.SIGHUP, signal.SIG_DFL)  # the tests themselves may run under nohup
-        if stdin == "terminal":
-            import fcntl
-            fcntl.ioctl(terminal, termios.TIOCSCTTY, 0)
-        if stdin == "closed":
-            os.close(0)
-
-    def _read_console(self):
-        try:
-            while chunk := os.read(self.master, 65536):
-                self.output = (self.output + chunk)[-self.keep:]
-                self.printed += len(chunk)
-        except OSError:
-            pass
-
-    def _clean_up(self):
-        for pid in session_members(self.process.pid).values():
-            os.kill(pid, signal.SIGKILL)
-        self.process.wait()
-        os.close(self.terminal)
-        os.close(self.master)
-        if self.process.stdin:
-            self.process.stdin.close()
-        self.errors.close()
+            environment |= {"LD_PRELOAD": "/usr/$LIB/faketime/libfaketimeMT.so.1", "FAKETIME_NO_CACHE": "1"}
+            environment |= {"FAKETIME_TIMESTAMP_FILE": str(self.directory / "shift")}
+            environment |= {"DONT_FAKE_MONOTONIC": "0" if clock else "1"}
+        with open(self.directory / "console", "wb") as console, open(self.directory / "errors", "wb") as errors:
+            options = {"stdout": console, "stderr": errors, "cwd": self.directory, "env": environment} | options
+            super().__init__([*command, *arguments], stdin=stdin, bufsize=0, **options)
 
     def shift_clock(self, seconds):
-        with open(self.shift_file + ".new", "w", encoding="ascii") as file:
-            file.write(str(seconds))
-        os.rename(self.shift_file + ".new", self.shift_file)
+        file = self.directory / "shift"
+        file.with_suffix(".new").write_text(f"{seconds:+} {self.rate}\n", "ascii")
+        file.with_suffix(".new").rename(file)
 
-    def console(self, mark=0):
-        """What was printed since `printed` was `mark`, as far as it is kept."""
-        news = self.output[max(0, len(self.output) - (self.printed - mark)):]
-        return news.replace(b"\r\n", b"\n").decode(errors="replace")
+    # Moves the clock on for the `number`-th time, and returns when the server begins to be rebuilt for it.
+    def rebuild(self, number=1):
+        self.shift_clock(HALF_HOUR * number)
+        self.wait_for("Refreshing UGS server...\n", number)
+
+    def console(self, since=0):
+        return (self.directory / "console").read_bytes()[since:].decode()
 
     def wait_for(self, text, times=1):
-        return wait_until(lambda: self.console().count(text) >= times,
-                          lambda: f"{times} x {text!r} in {self.console()[-2000:]}")
+        wait_until(lambda: self.console().count(text) >= times or self.poll() is not None)
+        assert self.poll() is None, (self.returncode, self.complaints())
 
-    def started(self):
-        """Waits for the first status report: from then on keys and signals are heard."""
-        self.wait_for(END_OF_STATUS)
-        return self
+    # Returns when it was read.
+    def type(self, key):
+        self.stdin.write(key)
+        wait_until(lambda: not unread(self.stdin))
 
-    def type(self, keys):
-        if self.process.stdin:
-            self.process.stdin.write(keys)
-            self.process.stdin.flush()
-        else:
-            os.write(self.master, keys)
+    def log(self):
+        return (self.directory / "logs/KorvaneUGS.log.txt").read_text("utf-8")
 
-    def modes(self):
-        return termios.tcgetattr(self.terminal)
+    def complaints(self):
+        return (self.directory / "errors").read_text(errors="replace")
 
-    def log_text(self):
-        with open(os.path.join(self.directory, "logs/KorvaneUGS.log.txt"), encoding="utf-8") as file:
-            return file.read()
+    def memory(self):
+        return psutil.Process(self.pid).memory_info().rss
 
+    def wait_for_memory_below(self, limit):
+        wait_until(lambda: self.memory() < limit)
+
+    # The last status report's, by label.
     def figures(self):
-        """The last status block's figures by label."""
         block = self.console().rsplit("UGS version", 1)[-1]
         return {label: int(figure) for label, figure in re.findall(r"(\w+) *: in use: (\d+)", block)}
 
-    def wait_for_end(self):
-        code = self.process.wait(PATIENCE)
-        self.errors.seek(0)
-        errors = self.errors.read().decode(errors="replace")
-        return code, errors
+    def wait_for_cameras(self, number):
+        wait_until(lambda: self.figures().get("MaxCameras") == number)
 
-    def threads_open_to(self, number):
-        """The threads that the kernel may choose for a signal to the process, from proc(5)."""
-        def blocked(thread):
-            with open(f"/proc/{self.process.pid}/task/{thread}/status", encoding="utf-8") as file:
-                return int(re.search(r"SigBlk:\s*(\w+)", file.read())[1], 16)
-        threads = map(int, os.listdir(f"/proc/{self.process.pid}/task"))
-        return [thread for thread in threads if not blocked(thread) >> (number - 1) & 1]
-
-    def is_stopped(self, pid=None):
-        with open(f"/proc/{pid or self.process.pid}/stat", encoding="ascii") as file:
-            return file.read().rsplit(")", 1)[1].split()[0] == "T"
-
-
-class ServerTest(unittest.TestCase):
-    maxDiff = None  # a sanitizer's report is long
-
-    def setUp(self):
-        import socket
-        with socket.socket() as probe:
-            probe.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-            try:
-                probe.bind(("0.0.0.0", PORT))
-            except OSError as error:
-                raise RuntimeError(f"port {PORT} is in use; stop the server that holds it") from error
-
-    def start(self, **arguments):
-        return Server(self, **arguments)
-
-    def peer(self, **arguments):
-        return Peer(self, **arguments)
-
-    def assert_ends_well(self, server):
-        code, errors = server.wait_for_end()
-        self.assertEqual((code, errors), (0, ""))
+    # Asks it to end unless it has, and requires that it ends well.
+    def end(self):
+        if self.poll() is None:
+            self.terminate()
+        self.wait(PATIENCE)
+        assert self.returncode == 0 and re.fullmatch(self.may_say, self.complaints(), re.DOTALL), self.complaints()

@@ -1,0 +1,46 @@
+#!/usr/bin/env bash
+# Has our files for packages, service, monitoring and foreign clients read by the programs that they are for.
+# $1: directory of the packages; $2: Node's packages. For ./dev check-deploy.
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+packages=$1 modules=$2 golden=$PWD/tests/deploy/golden monitoring=$PWD/deploy/monitoring
+scratch=$(mktemp -d)
+trap 'kill $(jobs -p) 2>/dev/null; wait; rm -rf "$scratch"' EXIT
+
+# check WHAT COMMAND...: shows what the command printed only if it fails.
+check() {
+  "${@:2}" >"$scratch/out" 2>&1 || { cat "$scratch/out"; echo "check: $1 is not in order" >&2; exit 1; }
+  echo "check: $1"
+}
+await() { for _ in {1..120}; do "$@" >/dev/null 2>&1 && return; sleep 1; done; "$@"; }
+
+check packages lintian --fail-on error "$packages"/*.deb
+check "the unit's sandbox" systemd-analyze security --offline=true --threshold=15 deploy/korvaneugs.service
+cd "$monitoring"
+check "Prometheus' configuration" promtool check config prometheus.yml
+check "its alerts" promtool test rules rules_test.yml
+check "an agent's configuration" promtool check config --agent ../many-sites/site.yml
+cd - >/dev/null
+check "a log's metrics" diff "$golden.metrics" <(mtail --progs "$monitoring/ugs.mtail" --emit_prog_label=false --one_shot \
+  --one_shot_format prometheus --logs "$golden.log" --log_dir "$scratch" 2>/dev/null | grep '^ugs_' | sort)
+cp "$golden.log" "$scratch/KorvaneUGS.log.txt"
+check "lnav's format" env HOME="$scratch" lnav -i deploy/lnav/korvaneugs.json
+errors() { HOME=$scratch lnav -n -c ";SELECT count(*) AS errors FROM korvaneugs WHERE log_level='error'" "$1"; }
+check "a log in lnav" grep -E '^ *5 *$|errors +5' <(errors "$scratch/KorvaneUGS.log.txt")
+
+: >"$scratch/log"
+./dev monitor "$scratch/log" >/dev/null &
+prometheus=http://127.0.0.1:19090
+await curl -fs -o "$scratch/page" $prometheus/consoles/ugs.html
+sed -n '/<script>/,/<\/script>/{//!p}' "$scratch/page" >"$scratch/page.js"
+check "the page's script" node --check "$scratch/page.js"
+cat "$golden.log" >>"$scratch/log"
+answers() { curl -fsG --data-urlencode "query=$1" $prometheus/api/v1/query | grep '"result":\[{'; }
+while read -r expression; do
+  check "$expression" await answers "$expression"
+done < <(jq -r '.panels[].targets[].expr | sub("\\$__range"; "1h")' "$monitoring/grafana.json")
+
+cp docs/clients/report.mjs "$modules/.."  # Node looks for packages beside the script
+(cd "$scratch" && exec "$OLDPWD/build/release/tests/server-with-test-key" </dev/null >console) &
+check "Node's client" diff <(printf '0\n0\n0\n') \
+  <(node "$modules/../report.mjs" tcp://127.0.0.1:9304 docs/vectors/test-public.pem hall-9 1 3 2>&1)
