@@ -12,6 +12,7 @@
 #include <mutex>
 #include <shared_mutex>
 #include <thread>
+#include <zmq.hpp>
 
 #include "KorvaneUGSZMQ.h"
 #include "TestSupport.h"
