@@ -14,7 +14,7 @@
 
 void TestOneInput(std::string_view input) {
   spdlog::set_level(spdlog::level::off);
-  StandingClock clock(1'000'000);
+  FakeClock clock(1'000'000);
   UsageRecords records;
   std::map<std::string, UGSRequest::RequestData> model;
   std::istringstream lines{std::string(input)};

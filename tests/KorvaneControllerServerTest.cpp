@@ -175,7 +175,7 @@ TEST_F(IntakeTest, StartedAgainItServesOnWithItsRegistry) {
 }
 
 TEST_F(IntakeTest, TheSweepRunsWithoutRequests) {
-  StandingClock clock(1000);
+  FakeClock clock(1000);
   KorvaneControllerServer idle(false, 0, "", nullptr);
   UGSRequest::RequestData request{.camRtspUrls = {"b"}, .korvaneId = "a"};
   idle.Records().ApplyRequest(request);

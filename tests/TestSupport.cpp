@@ -39,12 +39,12 @@ std::size_t CapturedLog::Count(std::string_view text) const {
       std::ranges::count_if(Lines(), [&](const std::string& line) { return line.ends_with(text); }));
 }
 
-StandingClock::StandingClock(std::int32_t start) : now(start), before_(clockFunction) {
+FakeClock::FakeClock(std::int32_t start) : now(start), before_(clockFunction) {
   clockFunction = [this] {
     return now;
   };
 }
-StandingClock::~StandingClock() {
+FakeClock::~FakeClock() {
   clockFunction = before_;
 }
 

@@ -37,12 +37,12 @@ class CapturedLog {
 };
 
 // Stands in for the process-wide clock while it lives.
-class StandingClock {
+class FakeClock {
  public:
-  explicit StandingClock(std::int32_t start);
-  ~StandingClock();
-  StandingClock(const StandingClock&) = delete;
-  StandingClock& operator=(const StandingClock&) = delete;
+  explicit FakeClock(std::int32_t start);
+  ~FakeClock();
+  FakeClock(const FakeClock&) = delete;
+  FakeClock& operator=(const FakeClock&) = delete;
 
   std::int32_t now;
 

@@ -37,7 +37,7 @@ class UsageRecordsTest : public testing::Test {
   }
 
   CapturedLog log;
-  StandingClock clock{1000};
+  FakeClock clock{1000};
   UsageRecords records;
 };
 
