@@ -8,6 +8,7 @@
 
 #include "Connection.h"
 #include "Sealer.h"
+#include "Secrets.h"
 #include "UGSDefs.h"
 
 namespace ugs {
@@ -42,7 +43,9 @@ Client::Client(Client&&) noexcept = default;
 Client& Client::operator=(Client&&) noexcept = default;
 
 std::optional<int> Client::Report(const Usage& usage) {
-  return connection_->Request(WriteDocument(usage));
+  std::string document = WriteDocument(usage);
+  const WipeOnExit wipe(document);
+  return connection_->Request(document);
 }
 std::optional<int> Client::SendDocument(std::string_view document) {
   return connection_->Request(document);

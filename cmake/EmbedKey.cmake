@@ -1,7 +1,12 @@
 # Runs at build time: makes the key pair in KEY_DIR with KEYGEN if there is none (from PEM, if given), and writes
-# OUTPUT, the source that carries its scrambled private key. Never replaces a key. DEPFILE makes a new key
-# rebuild it.
+# OUTPUT, the source that carries its scrambled private key. Replaces no key but one made from an older PEM.
+# DEPFILE makes a new key rebuild it.
 set(private ${KEY_DIR}/private.scrambled)
+if(PEM AND EXISTS ${private})
+  if(${PEM} IS_NEWER_THAN ${private})
+    file(REMOVE ${private} ${KEY_DIR}/public.pem)
+  endif()
+endif()
 if(NOT EXISTS ${private})
   if(PEM)
     set(from --from ${PEM})
@@ -11,7 +16,8 @@ if(NOT EXISTS ${private})
     message(FATAL_ERROR "No key pair could be made in ${KEY_DIR}.")
   endif()
 endif()
-execute_process(COMMAND ${KEYGEN} fingerprint --key ${KEY_DIR}/public.pem OUTPUT_VARIABLE fingerprint)
+execute_process(COMMAND ${KEYGEN} fingerprint --key ${KEY_DIR}/public.pem OUTPUT_VARIABLE fingerprint
+                COMMAND_ERROR_IS_FATAL ANY)
 string(STRIP "${fingerprint}" fingerprint)
 message(STATUS "Key pair of ${KEY_DIR}, SHA-256 of the public key: ${fingerprint}")
 file(READ ${private} scrambled)

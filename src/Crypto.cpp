@@ -16,6 +16,7 @@
 #include "Logging.h"
 #include "OpenSsl.h"
 #include "RsaBlinding.h"
+#include "Secrets.h"
 
 namespace {
 
@@ -109,14 +110,17 @@ Bytes AesCbcDecrypt(const Bytes& key, std::string_view iv, std::string_view ciph
     return {};
   }
   const std::size_t wholeBlocks = ciphertext.size() / kAesBlock * kAesBlock;
-  std::array<char, kAesBlock> lastBlock{};
-  std::ranges::copy(ciphertext.substr(wholeBlocks), lastBlock.begin());
-  Bytes output(wholeBlocks + lastBlock.size());
-  if (!DecryptBlocks(context.get(), ciphertext.substr(0, wholeBlocks), output.data()) ||
-      !DecryptBlocks(context.get(), {lastBlock.data(), lastBlock.size()}, output.data() + wholeBlocks)) {
-    return {};
+  Bytes output(ciphertext.size());
+  if (!DecryptBlocks(context.get(), ciphertext.substr(0, wholeBlocks), output.data())) return {};
+  if (wholeBlocks < ciphertext.size()) {
+    std::array<char, kAesBlock> input{};
+    std::ranges::copy(ciphertext.substr(wholeBlocks), input.begin());
+    std::array<unsigned char, kAesBlock> block{};
+    const ugs::WipeOnExit wipe(block);
+    if (!DecryptBlocks(context.get(), {input.data(), input.size()}, block.data())) return {};
+    std::copy_n(block.begin(), ciphertext.size() - wholeBlocks,
+                output.begin() + static_cast<std::ptrdiff_t>(wholeBlocks));
   }
-  output.resize(ciphertext.size());
   return output;
 }
 

@@ -33,8 +33,9 @@ KorvaneControllerServer::KorvaneControllerServer(bool encrypted, std::uint32_t p
 
 KorvaneControllerServer::~KorvaneControllerServer() {
   if (communicator_ != nullptr) {
-    // With the queue's mutex held no call of the callback is in the queue now; one that was copied before may
-    // still come, which is why the queue outlives the communicator.
+    // The callback puts requests into the queue under this mutex: none is half put in when it is removed. The
+    // worker may have copied it before and call it once more, which is why the queue outlives the
+    // communicator.
     const MutexLock lock(queueMutex_);
     communicator_->SetRequestCallback({});
   }

@@ -19,7 +19,7 @@ constexpr const char* kForwardingEndpoint = "inproc://WaitingThreadWorker";
 constexpr int kIoThreads = 1;
 constexpr int kMaxSockets = 1023;
 constexpr milliseconds kPollTimeout(1000);  // bounds the time to notice a stop
-constexpr int kLinger = 100;                // milliseconds for replies still under way at a stop
+constexpr int kLinger = 100;                // milliseconds for replies in flight at a stop
 constexpr milliseconds kGraceBeforeTerm(200);
 
 // A ROUTER names its peers by counting up from a number that libzmq draws from rand() and never seeds. A peer
@@ -223,7 +223,7 @@ void KorvaneUGSZMQ::Reply(std::string identity, std::string reply) {
   static constexpr FunctionLog log("KorvaneUGSZMQ::Reply");
   const MutexLock lock(mutex_);
   if (context_ == nullptr) {
-    if (replySocket_ != nullptr) {
+    if (replySocket_ != nullptr) {  // left by a worker that ended without withdrawing it
       log.Info("Closing up Reply channel");
       replySocket_.reset();
     }

@@ -12,7 +12,7 @@ namespace {
 // The details of a request show this count last, and only for a fleet that uses something else.
 constexpr std::uint32_t ugs::UsageCounts::*kConditionalMember = &ugs::UsageCounts::numNeuralPack;
 
-// Labels are padded to the longest one, so that all colons stand in one column.
+// Labels are padded to the longest one, so that all colons are in one column.
 constexpr std::size_t kLabelWidth =
     std::ranges::max(ugs::kPrintedCounts, {}, [](const ugs::CountField& field) {
       return field.label.size();

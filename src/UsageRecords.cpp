@@ -124,7 +124,6 @@ UsageRecords::Records UsageRecords::Snapshot() const {
 }
 
 std::uint64_t UsageRecords::TotalCameras() const {
-  // On a copy, so that a walk over a large fleet does not hold up the intake.
   std::uint64_t cameras = 0;
   for (const Record& record : Snapshot()) cameras += record.request.counts.maxCameras;
   return cameras;

@@ -43,7 +43,7 @@ class UsageRecords {
   // Writes the fleet's usage to the log, summed from the records.
   void PrintStatus() const UGS_EXCLUDES(mutex_);
 
-  // A copy of all records, taken in one go: a consistent picture that the caller can walk at leisure.
+  // A copy of all records: one consistent picture. The lock is held while it is made.
   [[nodiscard]] Records Snapshot() const UGS_EXCLUDES(mutex_);
 
   // The sum of `maxCameras` over all records.

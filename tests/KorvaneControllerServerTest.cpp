@@ -158,6 +158,25 @@ TEST_F(IntakeTest, ABurstIsAnsweredInOrderOneRequestEvery10Milliseconds) {
   EXPECT_GE(ShortestPause(), 10ms);
 }
 
+TEST_F(IntakeTest, AfterALongQueueMemoryGoesBackToTheSystem) {
+  const auto answerAtOnce = [this](std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) transport->Request("", "garbage");
+    const std::size_t replies = Replies() + count;
+    waitsAreInstant = true;
+    const bool answered = Await([&] { return Replies() + 10 > replies; });
+    waitsAreInstant = false;
+    return answered;
+  };
+  trims = 0;
+  EXPECT_TRUE(answerAtOnce(1000));
+  EXPECT_TRUE(answerAtOnce(0));
+  EXPECT_EQ(trims, 0);
+  EXPECT_TRUE(answerAtOnce(10'100));  // some are taken while the others come
+  EXPECT_TRUE(Await([] { return trims == 1; }));
+  server.reset();
+  EXPECT_EQ(trims, 2);
+}
+
 TEST_F(IntakeTest, AtTheEndTheCallbackIsEmptiedAndTheLoopJoinedBeforeTheTransportGoes) {
   for (int i = 0; i < 100; ++i) transport->Request("", "garbage");
   EXPECT_TRUE(Await([this] { return Replies() > 2; }));

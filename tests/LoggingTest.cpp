@@ -92,11 +92,12 @@ class LogFileTest : public InDirectory {
     logger.set_error_handler([this](const std::string&) { ++failures; });
   }
 
-  // Writes a line of 100 bytes, and says whether it stands in the file then.
-  bool Write(char c) {
-    logger.info(std::string(99, c));
+  // Writes a line, and says whether it is in the file then.
+  bool Write(char c, std::size_t length = 100) {
+    const std::string text(length - 1, c);
+    logger.info(text);
     logger.flush();
-    return TextOf(path).ends_with(std::string(99, c) + "\n");
+    return TextOf(path).ends_with(text + "\n");
   }
 
   const fs::path path = directory / "log.txt";
@@ -111,8 +112,8 @@ TEST_F(LogFileTest, FollowsItsPathWhenTheFileIsTakenAwayOrReplaced) {
   EXPECT_TRUE(Write('c'));
   fs::rename(path, directory / "moved");
   std::ofstream(path).put('\n');
-  EXPECT_FALSE(Write('d'));  // stands in the file that was moved
-  EXPECT_TRUE(Write('e'));
+  EXPECT_FALSE(Write('d', 10));  // in the file that was moved; too short for a rotation
+  EXPECT_TRUE(Write('e', 10));
 }
 
 TEST_F(LogFileTest, ResumesAfterARotationThatCouldNotOpenTheNextFile) {

@@ -1,17 +1,21 @@
 #include "Redirected.h"
 
+#include <malloc.h>
 #include <openssl/bn.h>
 #include <openssl/crypto.h>
 #include <zmq.h>
 
+#include <cstdlib>
+#include <ctime>
 #include <mutex>
 #include <utility>
 
 namespace {
 
-std::mutex mutex;  // guards the next two
+std::mutex mutex;  // guards the next three
 std::vector<std::string> wiped;
 std::vector<long> waits;
+std::vector<unsigned> seeds;
 
 void NoteWiped(const void* data, std::size_t size) {
   const std::scoped_lock lock(mutex);
@@ -23,6 +27,10 @@ void NoteWiped(const void* data, std::size_t size) {
 std::vector<std::string> TakeWiped() {
   const std::scoped_lock lock(mutex);
   return std::exchange(wiped, {});
+}
+std::vector<unsigned> TakeSeeds() {
+  const std::scoped_lock lock(mutex);
+  return std::exchange(seeds, {});
 }
 std::vector<long> TakeWaits() {
   const std::scoped_lock lock(mutex);
@@ -58,6 +66,27 @@ decltype(BN_BLINDING_invert) OnInvert __asm__("__wrap_BN_BLINDING_invert");
 int OnInvert(BIGNUM* number, BN_BLINDING* blinding, BN_CTX* context) {
   if (BN_get_flags(number, BN_FLG_CONSTTIME) != 0) ++unblindings;
   return RealInvert(number, blinding, context);
+}
+
+decltype(srand) RealSeed __asm__("__real_srand");
+decltype(srand) OnSeed __asm__("__wrap_srand");
+void OnSeed(unsigned seed) noexcept {
+  const std::scoped_lock lock(mutex);
+  seeds.push_back(seed);
+  RealSeed(seed);
+}
+
+decltype(malloc_trim) RealTrim __asm__("__real_malloc_trim");
+decltype(malloc_trim) OnTrim __asm__("__wrap_malloc_trim");
+int OnTrim(std::size_t keep) noexcept {
+  ++trims;
+  return RealTrim(keep);
+}
+
+decltype(nanosleep) RealSleep __asm__("__real_nanosleep");
+decltype(nanosleep) OnSleep __asm__("__wrap_nanosleep");
+int OnSleep(const timespec* time, timespec* left) {
+  return waitsAreInstant ? 0 : RealSleep(time, left);
 }
 
 decltype(zmq_poll) RealPoll __asm__("__real_zmq_poll");

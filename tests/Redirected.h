@@ -14,6 +14,12 @@ inline std::atomic<int> blindingSetUps = 0;
 inline std::atomic<bool> blindingFails = false;
 inline std::atomic<int> unblindings = 0;  // in constant time only
 
-// While this is true, zmq_poll(3) for one item takes no time, and its milliseconds are noted.
+// What the generator was seeded with (srand(3)) since the last call of this function. Thread-safe.
+std::vector<unsigned> TakeSeeds();
+
+inline std::atomic<int> trims = 0;  // calls of malloc_trim(3)
+
+// While this is true, nanosleep(2) and zmq_poll(3) for one item take no time, and the latter's milliseconds
+// are noted.
 inline std::atomic<bool> waitsAreInstant = false;
 std::vector<long> TakeWaits();  // thread-safe

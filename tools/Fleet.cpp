@@ -11,7 +11,9 @@ bool RunFleet(const FleetOptions& options) {
   if ((options.rate > 0) == (options.period > 0)) {
     throw std::invalid_argument("give either --rate or --period");
   }
-  FleetRun run(options);
+  const double rate = options.rate > 0 ? options.rate : options.instances / options.period;
+  if (rate * options.duration < 1) throw std::invalid_argument("no report is due within the duration");
+  FleetRun run(options, rate);
   // Notes where the log ends now: only what this run adds to it counts.
   const auto log = options.log.empty() ? std::nullopt : std::optional<ServerLog>(options.log);
   const FleetRecord record = run.Run();

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "FleetRun.h"
+#include "FleetRecord.h"
 #include "ServerLog.h"
 
 struct FleetOutcome {

@@ -74,9 +74,9 @@ void FleetRun::Instance::AddTo(ugs::UsageCounts& sum) const {
   }
 }
 
-FleetRun::FleetRun(const FleetOptions& options)
+FleetRun::FleetRun(const FleetOptions& options, double reportsPerSecond)
     : options_(options),
-      rate_(options.rate > 0 ? options.rate : options.instances / options.period),
+      rate_(reportsPerSecond),
       connectionCount_(options.connections == 0 ? options.instances
                                                 : std::min(options.connections, options.instances)),
       sealer_(options.key),
@@ -88,7 +88,6 @@ FleetRun::FleetRun(const FleetOptions& options)
 
 FleetRecord FleetRun::Run() {
   const auto total = static_cast<std::size_t>(rate_ * options_.duration);
-  if (total == 0) throw std::invalid_argument("no report is due within the duration");
   FleetSchedule schedule(rate_, options_.random, options_.seed);
   start_ = Clock::now();
   while (record_.reports.size() < total) {

@@ -1,46 +1,26 @@
 #pragma once
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <map>
-#include <optional>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "Fleet.h"
 #include "FleetConnections.h"
+#include "FleetRecord.h"
 #include "Sealer.h"
 #include "UgsClient.h"
 #include "UsageCounts.h"
-
-// One report of a run.
-struct FleetEntry {
-  struct Answer {
-    int code;
-    double latency;  // milliseconds since the report was due
-  };
-  std::uint32_t instance;
-  double due;                    // seconds since the start
-  std::optional<Answer> answer;  // nothing while in flight, and if none came
-};
-
-// What came of a run.
-struct FleetRecord {
-  std::vector<FleetEntry> reports;
-  std::uint32_t connections = 0;
-  double seconds = 0;        // from the start to the last answer
-  ugs::UsageCounts counted;  // the sum over the newest counted report of every instance
-};
 
 // Simulates a fleet in open loop: a report is sent when it is due, whether or not earlier ones were answered,
 // and its latency counts from then. One thread; runs once.
 class FleetRun {
  public:
   // Makes the connections. Throws as FleetConnections and ugs::Sealer do.
-  explicit FleetRun(const FleetOptions& options);
+  FleetRun(const FleetOptions& options, double reportsPerSecond);
 
   // Takes the duration of the run and up to the drain time. Shows progress on a terminal. Throws
   // std::runtime_error if the server answers what no server should.

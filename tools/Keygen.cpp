@@ -8,16 +8,16 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
-#include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 #include "OpenSsl.h"
 #include "ScrambledKey.h"
 #include "Sealer.h"
 #include "Secrets.h"
+#include "UGSDefs.h"
 
 namespace fs = std::filesystem;
 
@@ -83,7 +83,22 @@ PKeyPtr ReadKey(const fs::path& file) {
   return key;
 }
 
-// Reads both halves back as the server and the instances will, and compares them.
+// What `run` makes of `input` with `key`, RSA with PKCS #1 v1.5 padding; nothing if it fails.
+std::string Apply(EVP_PKEY* key, decltype(&EVP_PKEY_encrypt_init) init, decltype(&EVP_PKEY_encrypt) run,
+                  std::string_view input) {
+  const ugs::OpenSslPtr<EVP_PKEY_CTX, EVP_PKEY_CTX_free> context(EVP_PKEY_CTX_new(key, nullptr));
+  std::string output(static_cast<std::size_t>(EVP_PKEY_get_size(key)), '\0');
+  std::size_t length = output.size();
+  if (context == nullptr || init(context.get()) != 1 ||
+      EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) != 1 ||
+      run(context.get(), reinterpret_cast<unsigned char*>(output.data()), &length,
+          reinterpret_cast<const unsigned char*>(input.data()), input.size()) != 1) {
+    return {};
+  }
+  return output.substr(0, length);
+}
+
+// Reads both halves back from their texts, and opens with the one what the other seals.
 void ProvePair(const std::string& scrambled, const std::string& publicPem) {
   std::string pem = ugs::UnscrambleKey(scrambled);
   const ugs::WipeOnExit wipe(pem);
@@ -91,8 +106,13 @@ void ProvePair(const std::string& scrambled, const std::string& publicPem) {
   const BioPtr publicText(BIO_new_mem_buf(publicPem.data(), static_cast<int>(publicPem.size())));
   const PKeyPtr privateKey(PEM_read_bio_PrivateKey(privateText.get(), nullptr, nullptr, nullptr));
   const PKeyPtr publicKey(PEM_read_bio_PUBKEY(publicText.get(), nullptr, nullptr, nullptr));
-  if (privateKey == nullptr || publicKey == nullptr || EVP_PKEY_eq(privateKey.get(), publicKey.get()) != 1) {
-    throw std::runtime_error("the two halves of the key pair do not belong together");
+  const auto sealed = [&](std::string_view text) {
+    return Apply(publicKey.get(), EVP_PKEY_encrypt_init, EVP_PKEY_encrypt, text);
+  };
+  if (privateKey == nullptr || publicKey == nullptr ||
+      Apply(privateKey.get(), EVP_PKEY_decrypt_init, EVP_PKEY_decrypt, sealed(UGSDefs::kGreeting)) !=
+          UGSDefs::kGreeting) {
+    throw std::runtime_error("the key pair does not open what it seals");
   }
 }
 

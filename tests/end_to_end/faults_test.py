@@ -1,4 +1,4 @@
-"""What may befall a server in years; bounded in count and time. `./dev faults [NAME...]` and `./dev soak MINUTES`."""
+"""What may happen to a server in years; bounded in count and time. `./dev faults [NAME...]` and `./dev soak MINUTES`."""
 
 import itertools
 import json

@@ -97,11 +97,20 @@ def child_of(shell):
     return psutil.Process(shell.pid).children()[0]
 
 
+def threads_that_take(number, process):
+    """Those that the kernel may choose for a signal, as they do not block it."""
+    for status in Path(f"/proc/{process}/task").glob("*/status"):
+        blocked = int(re.search(r"SigBlk:\s*(\w+)", status.read_text())[1], 16)
+        if not blocked >> (number - 1) & 1:
+            yield int(status.parent.name)
+
+
 def test_ctrl_z_gives_the_terminal_back_and_fg_takes_it_again(open_terminal, peer):
     shell = open_terminal(f"set -m; {SERVER}; for twice in 1 2; do read line; fg; done; echo the code is $?")
     shell.expect_exact(READY)
     for _ in range(2):
         wait_until(lambda: in_key_mode(shell))
+        assert not list(threads_that_take(signal.SIGTSTP, child_of(shell).pid))
         shell.send("\x1a")
         wait_until(lambda: child_of(shell).status() == psutil.STATUS_STOPPED)
         assert modes(shell) == FRESH_MODES
@@ -131,15 +140,8 @@ def test_a_deadly_signal_still_gives_the_terminal_back(open_terminal, tmp_path, 
     wait_until(lambda: in_key_mode(terminal))
     terminal.expect_exact(READY)
 
-    # Those that the kernel may choose for the signal.
-    def open_threads():
-        for status in Path(f"/proc/{terminal.pid}/task").glob("*/status"):
-            blocked = int(re.search(r"SigBlk:\s*(\w+)", status.read_text())[1], 16)
-            if not blocked >> (number - 1) & 1:
-                yield int(status.parent.name)
-
     if number != signal.SIGSEGV:  # which a thread that faults takes itself
-        wait_until(lambda: list(open_threads()) == [terminal.pid])
+        wait_until(lambda: list(threads_that_take(number, terminal.pid)) == [terminal.pid])
     terminal.kill(number)
     assert_ends(terminal, tmp_path, (None, number))
 
@@ -172,7 +174,7 @@ def test_a_broken_console_does_not_end_it(start, peer, console):
 def test_nohup_keeps_it_from_hanging_up(start, peer):
     server = start(command=("/usr/bin/env", "--ignore-signal=HUP", SERVER))
     server.send_signal(signal.SIGHUP)
-    for key in (b"x", b"y"):  # a turn of its main loop each
+    for key in (b"x", b"y"):  # a tick of its main loop each
         server.type(key)
     peer.meet()
 
@@ -233,7 +235,7 @@ def test_peers_that_take_every_descriptor_do_not_keep_the_others_from_their_answ
     Peer(context).meet()
 
 
-def test_a_turn_takes_ten_milliseconds(start, peer):
+def test_a_tick_takes_ten_milliseconds(start, peer):
     start()
     peer.meet()
     greeting = seal("{hello}")
@@ -243,7 +245,7 @@ def test_a_turn_takes_ten_milliseconds(start, peer):
         began = time.monotonic()
         peer.send(greeting, 100)
         times = [peer.take() and time.monotonic() for _ in range(100)]
-        assert times[-1] - began >= 0.99, "a turn is never shorter"
+        assert times[-1] - began >= 0.99, "a tick is never shorter"
         return any(last - first < 0.15 for first, last in zip(times, times[10:]))
 
     wait_until(fast_enough)
@@ -282,7 +284,7 @@ def test_half_an_hour_rebuilds_the_server_once_with_an_empty_registry(start, pee
     server.rebuild()
     assert peer.meet().ask(sealed_report("after", MaxCameras=5)) == b"0"
     server.wait_for_cameras(5)
-    for _ in range(3):  # a turn of its main loop each
+    for _ in range(3):  # a tick of its main loop each
         server.type(b"x")
     server.shift_clock(HALF_HOUR - 86400)  # a clock set back delays the next rebuild and expires what it left ahead
     server.wait_for("Deleting korvane ")
@@ -305,9 +307,7 @@ def test_a_taken_port_is_said_and_served_from_the_next_rebuild_on(start, peer):
 def test_rebuilds_under_a_stream_of_reports_lose_nothing_but_time(start, peer):
     server = start(clock="")
     peer.meet()
-    stream = begin_fleet(
-        "--json", "--rate", "150", "--duration", "8" if SANITIZER == "thread" else "3", "--patience", "1"
-    )
+    stream = begin_fleet("--json", "--rate", "150", "--duration", "8" if SANITIZER == "thread" else "3", "--drain", "1")
     for number in itertools.count(1):
         if stream.poll() is not None:
             break
