@@ -99,7 +99,7 @@ std::string Apply(EVP_PKEY* key, decltype(&EVP_PKEY_encrypt_init) init, decltype
 }
 
 // Reads both halves back from their texts, and opens with the one what the other seals.
-void ProvePair(const std::string& scrambled, const std::string& publicPem) {
+bool IsPair(const std::string& scrambled, const std::string& publicPem) {
   std::string pem = ugs::UnscrambleKey(scrambled);
   const ugs::WipeOnExit wipe(pem);
   const BioPtr privateText(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
@@ -109,11 +109,9 @@ void ProvePair(const std::string& scrambled, const std::string& publicPem) {
   const auto sealed = [&](std::string_view text) {
     return Apply(publicKey.get(), EVP_PKEY_encrypt_init, EVP_PKEY_encrypt, text);
   };
-  if (privateKey == nullptr || publicKey == nullptr ||
-      Apply(privateKey.get(), EVP_PKEY_decrypt_init, EVP_PKEY_decrypt, sealed(UGSDefs::kGreeting)) !=
-          UGSDefs::kGreeting) {
-    throw std::runtime_error("the key pair does not open what it seals");
-  }
+  return privateKey != nullptr && publicKey != nullptr &&
+         Apply(privateKey.get(), EVP_PKEY_decrypt_init, EVP_PKEY_decrypt, sealed(UGSDefs::kGreeting)) ==
+             UGSDefs::kGreeting;
 }
 
 class FileDescriptor {
@@ -158,7 +156,10 @@ std::string MakeKeyPair(const fs::path& directory, const std::optional<fs::path>
   const ugs::WipeOnExit wipe(pem);
   const std::string scrambled = ugs::ScrambleKey(pem);
   const std::string publicPem = PublicPem(key.get());
-  ProvePair(scrambled, publicPem);
+  if (!IsPair(scrambled, publicPem)) {
+    throw std::runtime_error((from ? from->string() : "the new key") +
+                             ": its two halves do not fit together");
+  }
 
   fs::create_directories(directory);
   CreateFile(privateFile, 0600, scrambled);

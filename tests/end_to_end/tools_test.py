@@ -94,7 +94,7 @@ def test_a_key_that_cannot_serve_is_named_with_its_reason(tmp_path):
         (elliptic.private_bytes(PEM, PKCS8, PLAIN), "RSA private key"),
         (private.public_key().public_bytes(PEM, SPKI), "RSA private key"),
         (b"nothing", "RSA private key"),
-        (damaged(private), "does not open what it seals"),
+        (damaged(private), "its two halves do not fit"),
     ):
         if content:
             source.write_bytes(content)
