@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <memory>
 #include <string>
 
 #include "KorvaneControllerServer.h"

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <cstdint>
 #include <cstring>
@@ -88,6 +89,7 @@ std::optional<int> Client::Connection::Request(std::string_view plaintext) {
 }
 
 bool Client::Connection::SleepUntil(Clock::time_point deadline) {
+  // The socket is left alone: what it receives meanwhile is taken by the next request.
   zmq::pollitem_t interrupt{nullptr, interrupt_.Descriptor(), ZMQ_POLLIN, 0};
   if (zmq::poll(&interrupt, 1, TimeLeft(deadline)) == 0) return true;
   interrupt_.Clear();
@@ -119,6 +121,7 @@ Client::Connection::Event Client::Connection::AwaitConnection(Clock::time_point 
   }
 }
 
+// An answer that has arrived is taken before the news that the connection is lost: it came first.
 Client::Connection::Event Client::Connection::AwaitAnswer(Clock::time_point deadline) {
   while (true) {
     const Polled polled = Poll(ZMQ_POLLIN, deadline);

@@ -1,4 +1,4 @@
-// Bytes on the wire, in front of or behind a handshake, that a transport in this process receives: it lives
+// Bytes on the wire, before or after a handshake, that a transport in this process receives: it lives
 // on and passes requests and replies. It replies at once; the intake's pace would let a queue grow for
 // minutes. Input: "!" for a handshake first, then what is sent.
 

@@ -18,8 +18,8 @@ using Milliseconds = std::chrono::duration<double, std::milli>;
 
 constexpr auto kProgressPeriod = std::chrono::milliseconds(500);
 constexpr std::uint32_t kMaxCount = 50;
-constexpr std::uint64_t kSeedStride =
-    1'000'003;  // a prime: instances of neighbouring seeds share no generator
+// A prime: instances of neighbouring seeds share no generator.
+constexpr std::uint64_t kSeedStride = 1'000'003;
 
 std::chrono::steady_clock::duration ToClock(double seconds) {
   return std::chrono::duration_cast<std::chrono::steady_clock::duration>(Seconds(seconds));

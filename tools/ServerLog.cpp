@@ -7,6 +7,7 @@
 #include <fstream>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
 #include "LogTexts.h"
 #include "ReportLayouts.h"
@@ -34,6 +35,7 @@ bool TakeFigure(std::string_view message, ugs::UsageCounts& counts) {
   return true;
 }
 
+// Reads lines in the order in which the server wrote them.
 class Reader {
  public:
   void Take(std::string_view message) {
@@ -69,6 +71,7 @@ ServerLog::ServerLog(fs::path file) : file_(std::move(file)) {
   startOffset_ = status.st_size;
 }
 
+// All names that there may be, whether or not there are such files yet.
 std::vector<fs::path> ServerLog::FilesOldestFirst() const {
   std::vector<fs::path> files;
   for (std::size_t index = ugs::kOlderLogFiles; index > 0; --index) {

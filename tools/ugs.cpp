@@ -62,7 +62,7 @@ constexpr const char* kWhyRefused = R"(A refusal has one of these causes. The se
   nothing                                 the envelope did not open to a text
 )";
 
-// The key of the checkout that we stand in, or else of the package that we came with.
+// The key of the checkout that is the working directory, or else of the installed package.
 std::string DefaultKey() {
   constexpr const char* kOfCheckout = "keys/public.pem";
   constexpr const char* kOfPackage = "/usr/share/korvaneugs/public.pem";
