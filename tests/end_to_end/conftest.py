@@ -10,7 +10,7 @@ import struct
 import pexpect
 import pytest
 import zmq
-from support import END_OF_STATUS, PATIENCE, PORT, SERVER, Peer, Server
+from support import END_OF_STATUS, TIMEOUT, PORT, SERVER, Peer, Server
 
 CLONE_NEWNET, SIOCSIFFLAGS, IFF_UP = 0x40000000, 0x8914, 1
 
@@ -69,7 +69,7 @@ def open_terminal(tmp_path, network):
     terminals = []
 
     def open_terminal(command=f"exec {SERVER} 2>errors"):
-        options = {"cwd": tmp_path, "timeout": PATIENCE, "encoding": "utf-8", "env": {**os.environ, "TERM": "dumb"}}
+        options = {"cwd": tmp_path, "timeout": TIMEOUT, "encoding": "utf-8", "env": {**os.environ, "TERM": "dumb"}}
         terminals.append(pexpect.spawn("/bin/sh", ["-c", command], **options))
         return terminals[-1]
 

@@ -25,8 +25,8 @@ def assert_all_counted(fleet):
     return outcome
 
 
-# As root, or where a user may mount in a namespace.
 def test_disk_full(start, peer):
+    """As root, or where a user may mount in a namespace."""
     mount = f"mkdir logs && mount -t tmpfs -o size=3m none logs && exec {SERVER}"
     server = start(command=("unshare", "--mount", "sh", "-c", mount))
     server.may_say = r"\[\*\*\* LOG ERROR .*"
@@ -39,24 +39,24 @@ def test_disk_full(start, peer):
     os.truncate(logs / "KorvaneUGS.log.txt", 0)
     peer.meet()
 
-    # Lines are lost until the file is opened anew.
     def logged():
+        """Lines are lost until the file is opened anew."""
         assert peer.ask(sealed_report("after", MaxCameras=777_000_000)) == b"0"
         return re.search(r"in use: 777\d{6}\n", (logs / "KorvaneUGS.log.txt").read_text(errors="replace"))
 
     wait_until(logged)
 
 
-# A report by ThreadSanitizer would end it with another code.
 def test_reply_storm():
+    """A report by ThreadSanitizer would end it with another code."""
     found = subprocess.run(
         [BUILD.parent / "tsan/tests/transport-storm", "60"], capture_output=True, text=True, check=False
     )
     assert found.returncode == 0, found.stdout + found.stderr
 
 
-# Rounds of a minute: a rebuild, then a fleet, and beside it every vector that is refused, over and over.
 def test_soak(start, peer):
+    """Rounds of a minute: a rebuild, then a fleet, and beside it every vector that is refused, over and over."""
     server = start(command=(VECTOR_SERVER,), clock="")
     process, hostile, figures = psutil.Process(server.pid), [v for v in VECTORS if v["reply"] != "0"], []
     for number in range(1, ROUNDS + 1):

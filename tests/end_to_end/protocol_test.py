@@ -17,8 +17,8 @@ IN_USE = "MaxCameras ABD CR AN ClassTier0 ClassTier1 ClassTier2 ClassTier3 Perim
 REQUIRED = [name for name in IN_USE if name != "NeuralPack"] + ["NeuralPack"]  # in the order of a request's details
 
 
-# The instance and the counts of a report that is counted.
 def counts_of(plaintext):
+    """The instance and the counts of a report that is counted."""
     document = json.loads(plaintext)
     request = document.get("v6") or document.get("v5") or document.get("v4") or document
     counts = {name: request["InUse"].get(name, 0) for name in COUNTS}

@@ -16,7 +16,7 @@ from pathlib import Path
 import pexpect
 import psutil
 import pytest
-from support import END_OF_STATUS, HALF_HOUR, LOG_SIZE, PATIENCE, PORT, SANITIZER, SERVER
+from support import END_OF_STATUS, HALF_HOUR, LOG_SIZE, TIMEOUT, PORT, SANITIZER, SERVER
 from support import Peer, begin_fleet, fill_log, seal, sealed_report, unread, wait_until
 
 LFLAG, IFLAG = 3, 0
@@ -36,8 +36,8 @@ def in_key_mode(terminal):
     return not modes(terminal)[LFLAG] & (termios.ICANON | termios.ECHO)
 
 
-# Its program ends, and the terminal is as it was.
 def assert_ends(terminal, tmp_path, status=(0, None)):
+    """Its program ends, and the terminal is as it was."""
     terminal.expect_exact(pexpect.EOF)
     assert modes(terminal) == FRESH_MODES
     terminal.close()
@@ -71,7 +71,7 @@ def test_other_keys_are_ignored_and_not_echoed(open_terminal, tmp_path):
 def test_bytes_on_a_pipe_are_keys_and_what_follows_is_left_to_others(start, keys, rest):
     reader, writer = os.pipe()
     os.write(writer, keys)
-    start(stdin=reader).wait(PATIENCE)
+    start(stdin=reader).wait(TIMEOUT)
     os.close(writer)
     assert os.read(reader, len(keys)) == rest
 
@@ -239,8 +239,8 @@ def test_a_tick_takes_ten_milliseconds(start, peer):
     peer.meet()
     greeting = seal("{hello}")
 
-    # A busy machine has a quick moment now and then: ten answers in a row within 15 ms each.
     def fast_enough():
+        """A busy machine has a quick moment now and then: ten answers in a row within 15 ms each."""
         began = time.monotonic()
         peer.send(greeting, 100)
         times = [peer.take() and time.monotonic() for _ in range(100)]

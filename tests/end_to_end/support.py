@@ -28,11 +28,11 @@ PORT = 9304
 LOG_SIZE = 10 * 1024 * 1024
 HALF_HOUR = 1801  # seconds of wall clock after which a server is rebuilt
 END_OF_STATUS = "[info] " + 52 * "-" + "\n"
-PATIENCE = 60  # seconds; no test depends on how much of it is needed
+TIMEOUT = 60  # seconds; no test depends on how much of it is needed
 
 
 def wait_until(condition):
-    deadline = time.monotonic() + PATIENCE
+    deadline = time.monotonic() + TIMEOUT
     while not (result := condition()):
         assert time.monotonic() < deadline, "waited in vain"
         time.sleep(0.01)
@@ -51,26 +51,27 @@ def begin_fleet(*arguments, key=KEY_FILE):
     return subprocess.Popen([UGS, "fleet", "--key", key, *arguments], stdout=subprocess.PIPE, text=True)
 
 
-# A log file that is rotated after `room` more bytes.
 def fill_log(directory, room):
+    """A log file that is rotated after `room` more bytes."""
     (directory / "logs").mkdir()
     (directory / "logs/KorvaneUGS.log.txt").write_text(("x" * 99 + "\n").rjust(LOG_SIZE - room, "x"), "ascii")
 
 
-# How many of the bytes that were typed have not been read yet.
 def unread(descriptor):
+    """How many of the bytes that were typed have not been read yet."""
     return struct.unpack("i", fcntl.ioctl(descriptor, termios.FIONREAD, bytes(4)))[0]
 
 
-# A reporting instance.
 class Peer:
+    """A reporting instance."""
+
     def __init__(self, context):
         self.context = context
 
     def connect(self):
         self.socket = self.context.socket(zmq.DEALER)
         self.socket.set(zmq.LINGER, 0)
-        self.socket.set(zmq.RCVTIMEO, PATIENCE * 1000)
+        self.socket.set(zmq.RCVTIMEO, TIMEOUT * 1000)
         self.socket.connect(f"tcp://127.0.0.1:{PORT}")
         return self
 
@@ -85,8 +86,9 @@ class Peer:
         self.send(payload)
         return self.socket.recv()
 
-    # Connects anew until a greeting is answered: what is sent while the server starts or rebuilds may be lost.
     def meet(self, greeting=None):
+        """Connects anew until a greeting is answered: what is sent while the server starts or rebuilds may be lost."""
+
         def greeted():
             self.connect().send(greeting or seal("{hello}"))
             return self.socket.poll(1000) and self.take() == [b"1"] or self.socket.close()
@@ -95,9 +97,10 @@ class Peer:
         return self
 
 
-# A running server. Its keyboard is a pipe, and its console a file in its directory. With `clock` its wall clock can be
-# shifted; with "x1" all its clocks, and their rate can be changed.
 class Server(subprocess.Popen):
+    """A running server. Its keyboard is a pipe, and its console a file in its directory. With `clock` its wall clock can be
+    shifted; with "x1" all its clocks, and their rate can be changed."""
+
     may_say = ""  # on stderr: a regular expression
 
     def __init__(self, directory, *arguments, command=(SERVER,), clock=None, stdin=subprocess.PIPE, env=(), **options):
@@ -119,8 +122,8 @@ class Server(subprocess.Popen):
         file.with_suffix(".new").write_text(f"{seconds:+} {self.rate}\n", "ascii")
         file.with_suffix(".new").rename(file)
 
-    # Moves the clock on for the `number`-th time, and returns when the server begins to be rebuilt for it.
     def rebuild(self, number=1):
+        """Moves the clock on for the `number`-th time, and returns when the server begins to be rebuilt for it."""
         self.shift_clock(HALF_HOUR * number)
         self.wait_for("Refreshing UGS server...\n", number)
 
@@ -131,8 +134,8 @@ class Server(subprocess.Popen):
         wait_until(lambda: self.console().count(text) >= times or self.poll() is not None)
         assert self.poll() is None, (self.returncode, self.complaints())
 
-    # Returns when it was read.
     def type(self, key):
+        """Returns when it was read."""
         self.stdin.write(key)
         wait_until(lambda: not unread(self.stdin))
 
@@ -148,17 +151,17 @@ class Server(subprocess.Popen):
     def wait_for_memory_below(self, limit):
         wait_until(lambda: self.memory() < limit)
 
-    # The last status report's, by label.
     def figures(self):
+        """The last status report's, by label."""
         block = self.console().rsplit("UGS version", 1)[-1]
         return {label: int(figure) for label, figure in re.findall(r"(\w+) *: in use: (\d+)", block)}
 
     def wait_for_cameras(self, number):
         wait_until(lambda: self.figures().get("MaxCameras") == number)
 
-    # Asks it to end unless it has, and requires that it ends well.
     def end(self):
+        """Asks it to end unless it has, and requires that it ends well."""
         if self.poll() is None:
             self.terminate()
-        self.wait(PATIENCE)
+        self.wait(TIMEOUT)
         assert self.returncode == 0 and re.fullmatch(self.may_say, self.complaints(), re.DOTALL), self.complaints()
