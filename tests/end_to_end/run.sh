@@ -4,8 +4,8 @@ cd "$(dirname "$0")/../.." || exit
 tests="/usr/bin/python3 -m pytest"
 if unshare --net true 2>/dev/null; then
   exec $tests -n 6 "$@"
-elif unshare --user --map-root-user --net true 2>/dev/null; then
-  exec unshare --user --map-root-user $tests -n 6 "$@"
+elif unshare --user --map-current-user --keep-caps --net true 2>/dev/null; then
+  exec unshare --user --map-current-user --keep-caps $tests -n 6 "$@"
 fi
 echo "No network namespaces here: one test after the other, in the machine's own network"
 exec $tests "$@"
