@@ -3,7 +3,6 @@
 import ctypes
 import fcntl
 import os
-import signal
 import socket
 import struct
 
@@ -18,7 +17,6 @@ CLONE_NEWNET, SIOCSIFFLAGS, IFF_UP = 0x40000000, 0x8914, 1
 # A network of the test's own, where this process may make one; else port 9304 must be free in the machine's.
 @pytest.fixture(autouse=True)
 def network():
-    signal.signal(signal.SIGHUP, signal.SIG_DFL)  # the tests themselves may run under nohup
     own = ctypes.CDLL(None).unshare(CLONE_NEWNET) == 0
     with socket.socket() as any_socket:
         if own:

@@ -223,11 +223,10 @@ def test_the_soft_limit_of_open_files_is_raised(start):
 def test_peers_that_take_every_descriptor_do_not_keep_the_others_from_their_answers(start, peer, context):
     server = start(command=("/usr/bin/prlimit", "--nofile=64:64", SERVER))
     process = psutil.Process(server.pid)
-    free_before = 64 - process.num_fds()
     peer.connect()
-    wait_until(lambda: 64 - process.num_fds() < free_before)
+    wait_until(lambda: "ESTABLISHED" in [connection.status for connection in process.connections()])
     with contextlib.ExitStack() as crowd:
-        for _ in range(free_before):
+        for _ in range(64):
             crowd.enter_context(socket.create_connection(("127.0.0.1", PORT)))
         wait_until(lambda: process.num_fds() == 64)
         assert peer.ask(seal("{hello}")) == b"1"  # the first reply since the start
