@@ -128,6 +128,17 @@ TEST_F(KorvaneUGSZMQTest, AfterAnOddMessageRepliesAndTheStopAreNotHeldBack) {
   transport.reset();  // never returns if the worker waits for the missing frame
 }
 
+TEST_F(KorvaneUGSZMQTest, APeerThatNeverReadsHoldsUpNobody) {
+  Peer deaf(port);
+  const std::string identityOfDeaf = IdentityOf(deaf);
+  const std::string identity = IdentityOf(peer);
+  for (int i = 0; i < 50; ++i) {  // more in all than its connection and queues take
+    for (int j = 0; j < 100; ++j) transport->Reply(identityOfDeaf, std::string(10'000, 'x'));
+    transport->Reply(identity, std::to_string(i));
+    EXPECT_EQ(peer.Receive(), std::to_string(i));
+  }
+}
+
 // A reply is two frames on the channel to the worker. If the second were taken for an identity, the peer
 // would get the other's name.
 TEST_F(KorvaneUGSZMQTest, RepliesThatOverflowTheirChannelAreLostWhole) {
