@@ -45,12 +45,14 @@ using CountSlots = std::array<std::uint32_t, sizeof(UsageCounts) / sizeof(std::u
 
 // All arithmetic on counts is unsigned and wraps.
 //
-// Written out slot by slot: in a loop gcc at -O2 keeps the sums in memory, and a long sum takes twice the time.
+// Written out slot by slot: in a loop gcc at -O2 keeps the sums in memory, and a long sum takes twice the
+// time.
 constexpr CountSlots& operator+=(CountSlots& sums, const UsageCounts& counts) {
   const auto added = std::bit_cast<CountSlots>(counts);
   [&]<std::size_t... slot>(std::index_sequence<slot...>) {
     ((sums[slot] += added[slot]), ...);
-  }(std::make_index_sequence<std::tuple_size_v<CountSlots>>());
+  }
+  (std::make_index_sequence<std::tuple_size_v<CountSlots>>());
   return sums;
 }
 
