@@ -18,6 +18,25 @@ constexpr std::array<int, 256> kValues = [] {
   return values;
 }();
 
+int ValueOf(char c) {
+  return kValues[static_cast<unsigned char>(c)];
+}
+
+// Four characters at a time, to the first group that is cut short; nine tenths of the time of a large
+// payload. Returns the number of bytes.
+std::size_t DecodeWholeGroups(std::string_view text, char* bytes) {
+  char* end = bytes;
+  for (std::size_t i = 0; i + 4 <= text.size(); i += 4) {
+    const int group = ValueOf(text[i]) << 18 | ValueOf(text[i + 1]) << 12 | ValueOf(text[i + 2]) << 6 |
+                      ValueOf(text[i + 3]);
+    if (group < 0) break;
+    *end++ = static_cast<char>(group >> 16);
+    *end++ = static_cast<char>(group >> 8);
+    *end++ = static_cast<char>(group);
+  }
+  return static_cast<std::size_t>(end - bytes);
+}
+
 }  // namespace
 
 std::string Base64Encode(std::string_view bytes) {
@@ -30,12 +49,14 @@ std::string Base64Encode(std::string_view bytes) {
 
 // By hand, since OpenSSL's decoder refuses what follows the text instead of ending there.
 std::string Base64Decode(std::string_view text) {
-  std::string bytes;
-  bytes.reserve(text.size() / 4 * 3 + 2);
+  std::string bytes(text.size() / 4 * 3, '\0');
+  const std::size_t decoded = DecodeWholeGroups(text, bytes.data());
+  text.remove_prefix(decoded / 3 * 4);
+  bytes.resize(decoded);
   std::uint32_t group = 0;
   int bits = 0;
   for (const char c : text) {
-    const int value = kValues[static_cast<unsigned char>(c)];
+    const int value = ValueOf(c);
     if (value < 0) break;
     group = group << 6 | static_cast<std::uint32_t>(value);
     bits += 6;

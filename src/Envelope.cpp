@@ -1,14 +1,15 @@
 #include "Envelope.h"
 
-#include <rapidjson/document.h>
-
+#include <algorithm>
 #include <array>
 #include <cstddef>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "Base64.h"
 #include "Crypto.h"
-#include "JsonReader.h"
+#include "JsonEvents.h"
 #include "Logging.h"
 #include "ScrambledKey.h"
 #include "Secrets.h"
@@ -26,7 +27,7 @@ struct Envelope {
 };
 
 struct Member {
-  const char* key;
+  std::string_view key;
   std::string Envelope::*member;
   const char* textWhenMissing;
 };
@@ -43,16 +44,69 @@ std::size_t LengthToLastBrace(const Buffer& text) {
   return std::string_view(reinterpret_cast<const char*>(text.data()), text.size()).rfind('}') + 1;
 }
 
+// Takes the members of the outer document from the parser's events: of the rest of the text, which may be
+// long, nothing is kept.
+class MemberReader {
+ public:
+  bool Null() { return OnOther(); }
+  bool Bool(bool /*value*/) { return OnOther(); }
+  bool Int(int /*value*/) { return OnOther(); }
+  bool Uint(unsigned /*value*/) { return OnOther(); }
+  bool Int64(std::int64_t /*value*/) { return OnOther(); }
+  bool Uint64(std::uint64_t /*value*/) { return OnOther(); }
+  bool Double(double /*value*/) { return OnOther(); }
+  bool String(const char* text, rapidjson::SizeType length, bool /*copy*/) {
+    if (wanted_ != nullptr) wanted_->emplace(text, length);
+    return OnOther();
+  }
+  bool Key(const char* text, rapidjson::SizeType length, bool /*copy*/) {
+    const auto row = std::ranges::find(kMembers, std::string_view(text, length), &Member::key);
+    if (depth_ != 1 || row == kMembers.end()) return true;
+    const auto index = static_cast<std::size_t>(row - kMembers.begin());
+    // Of several members with one name the first is the one, whatever it holds.
+    if (!std::exchange(seen_[index], true)) wanted_ = &texts_[index];
+    return true;
+  }
+  bool StartObject() {
+    isObject_ = isObject_ || depth_ == 0;
+    return OnStart();
+  }
+  bool EndObject(rapidjson::SizeType /*members*/) { return --depth_ >= 0; }
+  bool StartArray() { return OnStart(); }
+  bool EndArray(rapidjson::SizeType /*elements*/) { return --depth_ >= 0; }
+
+  [[nodiscard]] bool IsObject() const { return isObject_; }
+  // The text of each member that is a string, in the order of the rows.
+  std::array<std::optional<std::string>, kMembers.size()>& Texts() { return texts_; }
+
+ private:
+  bool OnStart() {
+    ++depth_;
+    return OnOther();
+  }
+  // What was wanted has come, or something else has come in its place.
+  bool OnOther() {
+    wanted_ = nullptr;
+    return true;
+  }
+
+  int depth_ = 0;
+  bool isObject_ = false;
+  std::optional<std::string>* wanted_ = nullptr;  // where the next value goes
+  std::array<bool, kMembers.size()> seen_{};
+  std::array<std::optional<std::string>, kMembers.size()> texts_;
+};
+
 bool ReadMembers(std::string_view text, Envelope& envelope) {
-  rapidjson::Document document;
-  if (!ParseJson(text, document) || !document.IsObject()) return false;
-  for (const Member& row : kMembers) {
-    const rapidjson::Value* value = FindMember(document, row.key);
-    if (value == nullptr || !value->IsString()) {
-      kLog.Error("{}", row.textWhenMissing);
+  MemberReader reader;
+  if (!ReadJson(text, reader) || !reader.IsObject()) return false;
+  for (std::size_t i = 0; i < kMembers.size(); ++i) {
+    auto& member = reader.Texts()[i];
+    if (!member) {
+      kLog.Error("{}", kMembers[i].textWhenMissing);
       return false;
     }
-    (envelope.*row.member).assign(value->GetString(), value->GetStringLength());
+    envelope.*kMembers[i].member = std::move(*member);
   }
   return true;
 }

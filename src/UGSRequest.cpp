@@ -90,6 +90,7 @@ const std::array kMembers{
     MemberRow{ugs::kCameraUrlsMember, Outlet::kLog, "error 0xE146:: could not read data content\n",
               [](const Value& value, RequestData& out) {
                 if (!value.IsArray()) return false;
+                out.camRtspUrls.reserve(value.Size());
                 for (const Value& url : value.GetArray()) out.camRtspUrls.push_back(ReadString(url));
                 return true;
               },
