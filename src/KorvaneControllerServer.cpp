@@ -4,7 +4,6 @@
 #include <rapidjson/document.h>
 #include <sys/prctl.h>
 
-#include <algorithm>
 #include <chrono>
 
 #include "Deadline.h"
@@ -18,8 +17,14 @@ namespace {
 
 constexpr std::chrono::milliseconds kTick(10);  // one request at most in each
 
-// A queue that once held this many requests leaves megabytes behind that the C library would keep.
-constexpr std::size_t kLongQueue = 10'000;
+// Requests. The shorter the queue, the sooner a peer is answered beside one that floods; 32 leaves the intake
+// something to do while the transport fetches more.
+constexpr std::size_t kQueueRoom = 32;
+
+// What peers have sent may leave megabytes behind that the C library would keep: a message of which the last
+// frame never came, for one, is gathered outside of the queue. So it is asked to give them back, about once a
+// minute.
+constexpr int kTurnsBetweenTrims = 5000;
 
 }  // namespace
 
@@ -42,8 +47,7 @@ KorvaneControllerServer::~KorvaneControllerServer() {
   StopLoop();
   ugs::Wipe(scrambledKey_.data(), scrambledKey_.size());
   communicator_.reset();
-  const MutexLock lock(queueMutex_);
-  ReturnMemory();  // the registry's successor starts empty, and a flood's memory should not stay for it
+  malloc_trim(0);  // the registry's successor starts empty, and a flood's memory should not stay for it
 }
 
 void KorvaneControllerServer::Start() {
@@ -52,10 +56,12 @@ void KorvaneControllerServer::Start() {
     communicator_->SetPort(port_);
     communicator_->Start();
     // After the start: a request that comes in between is dropped, and its instance reports again.
-    communicator_->SetRequestCallback([this](const std::string& identity, const std::string& payload) {
-      const MutexLock lock(queueMutex_);
-      queue_.emplace(identity, payload);
-    });
+    communicator_->SetRequestCallback(
+        [this, &communicator = *communicator_](const std::string& identity, const std::string& payload) {
+          const MutexLock lock(queueMutex_);
+          queue_.emplace(identity, payload);
+          HoldRequestsIfFull(communicator);
+        });
   }
   runState_ = 1;
   loop_ = std::thread(&KorvaneControllerServer::ProcessLoop, this);
@@ -68,33 +74,28 @@ void KorvaneControllerServer::StopLoop() {
 
 void KorvaneControllerServer::ProcessLoop() {
   prctl(PR_SET_TIMERSLACK, 1UL);  // of this thread; the usual 50 us would lengthen every tick
+  int turns = 0;
   do {
     std::this_thread::sleep_until(DeadlineAfter(kTick));
     records_.CheckTimeStamp();
     if (auto request = TakeRequest()) {
       communicator_->Reply(std::move(request->first), std::to_string(ProcessData(request->second)));
     }
+    if (++turns % kTurnsBetweenTrims == 0) malloc_trim(0);
   } while (runState_ == 1);
 }
 
 std::optional<KorvaneControllerServer::Request> KorvaneControllerServer::TakeRequest() {
   const MutexLock lock(queueMutex_);
-  if (queue_.empty()) {
-    if (queuePeakSinceTrim_ >= kLongQueue) ReturnMemory();
-    return std::nullopt;
-  }
-  queuePeakSinceTrim_ = std::max(queuePeakSinceTrim_, queue_.size());
+  if (queue_.empty()) return std::nullopt;
   Request request = std::move(queue_.front());
   queue_.pop();
+  HoldRequestsIfFull(*communicator_);
   return request;
 }
 
-// What is still in the queue is dropped with its memory. Holds up the worker for the moment it takes, once
-// after a flood.
-void KorvaneControllerServer::ReturnMemory() {
-  queue_ = {};
-  malloc_trim(0);
-  queuePeakSinceTrim_ = 0;
+void KorvaneControllerServer::HoldRequestsIfFull(KorvaneUGSCommunicator& communicator) {
+  communicator.HoldRequests(queue_.size() >= kQueueRoom);
 }
 
 std::int32_t KorvaneControllerServer::ProcessData(const std::string& payload) {

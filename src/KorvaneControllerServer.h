@@ -16,7 +16,9 @@
 #include "UsageRecords.h"
 
 // The intake: queues what the transport receives and, on its own thread, turns each payload into a reply.
-// One request at most every 10 ms; the pacing is deliberate, a burst waits in the queue.
+// One request at most every 10 ms; the pacing is deliberate. A burst waits in the queue, and what the queue
+// has no room for waits where it comes from: the transport takes turns between its peers, so that one of them
+// who sends without end delays the others by a queue at most.
 //
 // Start and the destructor belong to the owner's thread; Records() may be used from any thread.
 class KorvaneControllerServer {
@@ -51,7 +53,7 @@ class KorvaneControllerServer {
   void StopLoop();
   void ProcessLoop();
   std::optional<Request> TakeRequest() UGS_EXCLUDES(queueMutex_);
-  void ReturnMemory() UGS_REQUIRES(queueMutex_);
+  void HoldRequestsIfFull(KorvaneUGSCommunicator& communicator) UGS_REQUIRES(queueMutex_);
   UGSDefs::ReplyCode ProcessDocument(std::string_view text);
 
   const bool encrypted_;
@@ -62,7 +64,6 @@ class KorvaneControllerServer {
 
   Mutex queueMutex_;
   std::queue<Request> queue_ UGS_GUARDED_BY(queueMutex_);
-  std::size_t queuePeakSinceTrim_ UGS_GUARDED_BY(queueMutex_) = 0;
 
   // After the queue, which its worker may touch until it is joined.
   std::unique_ptr<KorvaneUGSCommunicator> communicator_;

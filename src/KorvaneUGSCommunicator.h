@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -37,16 +38,22 @@ class KorvaneUGSCommunicator {
     requestCallback.swap(callback);
   }
 
+  // Any thread. While `hold` is true the transport takes no request: what peers send waits in their own
+  // connections, where a flood costs its sender alone. Replies go out all the same.
+  void HoldRequests(bool hold) { held_ = hold; }
+
   // Called once per request on the transport's own thread, with no lock held; must return quickly, since
   // nothing is received meanwhile. Use SetRequestCallback while the transport is running.
   RequestCallback requestCallback UGS_GUARDED_BY(callbackMutex_);
 
  protected:
+  [[nodiscard]] bool RequestsAreHeld() const { return held_; }
   [[nodiscard]] RequestCallback CopyRequestCallback() UGS_EXCLUDES(callbackMutex_) {
     const MutexLock lock(callbackMutex_);
     return requestCallback;
   }
 
  private:
+  std::atomic<bool> held_ = false;
   Mutex callbackMutex_;  // held only to copy or assign the callback, never while it runs
 };

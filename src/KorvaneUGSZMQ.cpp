@@ -18,8 +18,9 @@ namespace {
 constexpr const char* kForwardingEndpoint = "inproc://WaitingThreadWorker";
 constexpr int kIoThreads = 1;
 constexpr int kMaxSockets = 1023;
-constexpr milliseconds kPollTimeout(1000);  // bounds the time to notice a stop
-constexpr int kLinger = 100;                // milliseconds for replies in flight at a stop
+constexpr milliseconds kPollTimeout(1000);    // bounds the time to notice a stop
+constexpr milliseconds kHeldPollTimeout(10);  // bounds the time to notice that requests are held no longer
+constexpr int kLinger = 100;                  // milliseconds for replies in flight at a stop
 constexpr milliseconds kGraceBeforeTerm(200);
 
 // A ROUTER names its peers by counting up from a number that libzmq draws from rand() and never seeds. A peer
@@ -29,18 +30,11 @@ void SeedPeerNames() {
   if (getrandom(&seed, sizeof seed, 0) == sizeof seed) std::srand(seed);
 }
 
-// Before ZMTP 3.0 a peer shook hands without a signature, so libzmq reads any bytes as such a peer's frames:
-// a port scanner's TLS greeting becomes requests, some with an odd number of frames. A security domain makes
-// it refuse these peers. It changes nothing for others as long as nobody in this process answers for the
-// domain.
-constexpr const char* kSecurityDomain = "KorvaneUGS";
-
 std::shared_ptr<zmq::socket_t> CreateBoundSocket(zmq::context_t& context, zmq::socket_type type,
                                                  const std::string& endpoint) {
   static constexpr FunctionLog log("KorvaneUGSZMQ::CreateSocket");
   try {
     auto socket = std::make_shared<zmq::socket_t>(context, type);
-    socket->set(zmq::sockopt::zap_domain, kSecurityDomain);
     socket->bind(endpoint);
     return socket;
   } catch (const zmq::error_t& error) {
@@ -76,22 +70,22 @@ std::optional<zmq::message_t> TryReceive(zmq::socket_t& socket) {
 
 }  // namespace
 
+struct KorvaneUGSZMQ::Request {
+  zmq::message_t identity;
+  zmq::message_t payload;
+};
+
 // Takes frames two at a time, across message boundaries, and never waits for the second one: after a message
 // with an odd number of frames such a wait would hold back every reply and the stop with it.
 class KorvaneUGSZMQ::FramePairs {
  public:
-  struct Pair {
-    zmq::message_t identity;
-    zmq::message_t payload;
-  };
-
   // The next pair, or nothing if a frame of it has yet to arrive; a first frame is then kept.
-  std::optional<Pair> Take(zmq::socket_t& socket) {
+  std::optional<Request> Take(zmq::socket_t& socket) {
     if (!identity_) identity_ = TryReceive(socket);
     if (!identity_) return std::nullopt;
     auto payload = TryReceive(socket);
     if (!payload) return std::nullopt;
-    return Pair{*std::exchange(identity_, std::nullopt), std::move(*payload)};
+    return Request{*std::exchange(identity_, std::nullopt), std::move(*payload)};
   }
 
  private:
@@ -181,9 +175,11 @@ void KorvaneUGSZMQ::ProcessWork(zmq::socket_t& router, zmq::socket_t& forwarding
   while (running_) {
     // An error costs one iteration, never the thread.
     try {
+      const bool held = RequestsAreHeld();
+      const short routerEvents = held ? 0 : ZMQ_POLLIN;
       std::array<zmq::pollitem_t, 2> items{
-          {{router.handle(), 0, ZMQ_POLLIN, 0}, {forwarding.handle(), 0, ZMQ_POLLIN, 0}}};
-      zmq::poll(items, kPollTimeout);
+          {{router.handle(), 0, routerEvents, 0}, {forwarding.handle(), 0, ZMQ_POLLIN, 0}}};
+      zmq::poll(items, held ? kHeldPollTimeout : kPollTimeout);
       if ((items[0].revents & ZMQ_POLLIN) != 0) TakeRequest(router, pairs);
       if ((items[1].revents & ZMQ_POLLIN) != 0) ForwardReply(router, forwarding);
     } catch (const zmq::error_t& error) {
@@ -196,15 +192,29 @@ void KorvaneUGSZMQ::ProcessWork(zmq::socket_t& router, zmq::socket_t& forwarding
 
 void KorvaneUGSZMQ::TakeRequest(zmq::socket_t& router, FramePairs& pairs) {
   static constexpr FunctionLog log("KorvaneUGSZMQ::ProcessWork");
-  const auto pair = pairs.Take(router);
-  if (!pair) return;
-  if (pair->identity.empty() || pair->payload.empty()) {
+  const auto request = frames_ == RequestFrames::Strict ? TakeMessage(router) : pairs.Take(router);
+  if (!request) return;
+  if (request->identity.empty() || request->payload.empty()) {
     log.Error("0x0084 Invalid incoming data");
     return;
   }
   if (const RequestCallback callback = CopyRequestCallback()) {
-    callback(pair->identity.to_string(), pair->payload.to_string());
+    callback(request->identity.to_string(), request->payload.to_string());
   }
+}
+
+// Takes a whole message; none of it is waited for, since the ROUTER shows a message only when all of it is
+// there. One of another length than two frames becomes a request without a payload.
+std::optional<KorvaneUGSZMQ::Request> KorvaneUGSZMQ::TakeMessage(zmq::socket_t& router) {
+  auto identity = TryReceive(router);
+  if (!identity) return std::nullopt;
+  zmq::message_t frame;
+  bool more = identity->more();
+  if (more) more = router.recv(frame, zmq::recv_flags::dontwait) && frame.more();
+  if (!more) return Request{std::move(*identity), std::move(frame)};
+  // A peer may send a million frames. Others wait meanwhile, so the loop does nothing else.
+  while (more) more = router.recv(frame, zmq::recv_flags::dontwait) && frame.more();
+  return Request{};
 }
 
 void KorvaneUGSZMQ::ForwardReply(zmq::socket_t& router, zmq::socket_t& forwarding) {

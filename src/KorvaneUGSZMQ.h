@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -15,6 +16,12 @@ class message_t;
 class socket_t;
 }  // namespace zmq
 
+// Which frames make a request.
+enum class RequestFrames {
+  Pairs,   // any two in a row, whatever messages they came in
+  Strict,  // a message of exactly two, the peer's name and the payload; any other message is refused whole
+};
+
 // The transport over ZeroMQ: a ROUTER socket on all IPv4 interfaces, one frame in and one frame out per
 // request as a DEALER peer sees it.
 //
@@ -22,7 +29,7 @@ class socket_t;
 // in-process PAIR channel; no socket is ever used by two threads at a time.
 class KorvaneUGSZMQ : public KorvaneUGSCommunicator {
  public:
-  KorvaneUGSZMQ() = default;
+  explicit KorvaneUGSZMQ(RequestFrames frames = RequestFrames::Pairs) : frames_(frames) {}
   ~KorvaneUGSZMQ() override;  // blocks for up to 1.2 s while serving
 
   bool Start() override;
@@ -30,6 +37,7 @@ class KorvaneUGSZMQ : public KorvaneUGSCommunicator {
   bool SetPort(std::uint32_t port) override;
 
  private:
+  struct Request;
   class FramePairs;
   struct Sockets;
 
@@ -41,10 +49,13 @@ class KorvaneUGSZMQ : public KorvaneUGSCommunicator {
   void Withdraw() UGS_EXCLUDES(mutex_);
   void ProcessWork(zmq::socket_t& router, zmq::socket_t& forwarding);
   void TakeRequest(zmq::socket_t& router, FramePairs& pairs);
+  static std::optional<Request> TakeMessage(zmq::socket_t& router);
   static void ForwardReply(zmq::socket_t& router, zmq::socket_t& forwarding);
 
   // Any thread.
   bool ConnectReplySocket() UGS_REQUIRES(mutex_);
+
+  const RequestFrames frames_;
 
   Mutex mutex_;  // held by Reply for its whole run
   // The callers' end of the channel, connected by the first Reply.

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <utility>
 
@@ -42,8 +43,17 @@ void LogFile::UseFile(Action action) {
   }
 }
 
+// Opening a FIFO without a reader would never end. Refused in the words of the library for any other file
+// that it cannot write.
+void RefuseFifo(const std::string& path) {
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0 || !S_ISFIFO(status.st_mode)) return;
+  spdlog::throw_spdlog_ex("Failed opening file " + path + " for writing", ENXIO);
+}
+
 // The handler runs at every rotation, too, so that the file noted is always the one that is written.
 void LogFile::Open() {
+  RefuseFifo(path_);
   spdlog::file_event_handlers handlers;
   handlers.after_open = [this](const spdlog::filename_t&, std::FILE* stream) UGS_REQUIRES(mutex_) {
     struct stat status = {};

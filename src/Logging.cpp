@@ -2,20 +2,33 @@
 
 #include <spdlog/cfg/argv.h>
 #include <spdlog/cfg/env.h>
-#include <spdlog/sinks/stdout_color_sinks.h>
+#include <spdlog/sinks/base_sink.h>
 
-#include <cstdio>
 #include <memory>
+#include <mutex>
 
+#include "Console.h"
 #include "LogFile.h"
 #include "LogTexts.h"
 
 namespace {
+
 constexpr std::size_t kMaxFileSize = 10'485'760;  // 10 MiB
+
+class ConsoleSink final : public spdlog::sinks::base_sink<std::mutex> {
+ private:
+  void sink_it_(const spdlog::details::log_msg& message) override {
+    spdlog::memory_buf_t line;
+    formatter_->format(message, line);
+    Console::Instance().Write({line.data(), line.size()});
+  }
+  void flush_() override {}  // nothing is ever held back
+};
+
 }  // namespace
 
 void SetUpLogging(const std::string& name, int argc, char** argv, const std::string& directory) {
-  auto console = std::make_shared<spdlog::sinks::stdout_color_sink_mt>();
+  auto console = std::make_shared<ConsoleSink>();
   console->set_level(spdlog::level::info);
   console->set_pattern("[%l] %v");
 
@@ -36,8 +49,6 @@ void SetUpLogging(const std::string& name, int argc, char** argv, const std::str
   spdlog::cfg::load_argv_levels(argc, argv);
 }
 
-// Flushed at once, so that it keeps its place among the log lines, which the console sink flushes too.
 void PrintToConsole(const char* text) {
-  std::fputs(text, stdout);
-  std::fflush(stdout);
+  Console::Instance().Write(text);
 }

@@ -3,17 +3,20 @@
 
 #include <fcntl.h>
 #include <malloc.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <optional>
 #include <ratio>
 #include <string>
+#include <string_view>
 
 #include "ConsoleKeyboard.h"
 #include "Deadline.h"
@@ -29,6 +32,11 @@ namespace {
 // The system time in 100-nanosecond ticks.
 using Ticks = std::chrono::duration<std::int64_t, std::ratio<1, 10'000'000>>;
 
+#ifdef NDEBUG
+constexpr bool kIsRelease = true;
+#else
+constexpr bool kIsRelease = false;
+#endif
 constexpr bool kEncrypted = true;
 constexpr std::chrono::seconds kLogFlushPeriod(5);
 constexpr std::chrono::seconds kLoopPeriod(1);
@@ -67,9 +75,25 @@ void FlushLogPeriodically() {
   spdlog::flush_every(kLogFlushPeriod);
 }
 
-std::unique_ptr<KorvaneControllerServer> MakeServer() {
+// A core file or a debugger would show the private key and the cameras' passwords.
+void HideMemory() {
+  if (!kIsRelease) return;
+  const rlimit none{};
+  setrlimit(RLIMIT_CORE, &none);
+  prctl(PR_SET_DUMPABLE, 0);
+}
+
+RequestFrames FramesFromEnvironment(const FunctionLog& log) {
+  const char* value = std::getenv("UGS_FRAMES");
+  if (value == nullptr) return RequestFrames::Pairs;
+  if (std::string_view(value) == "strict") return RequestFrames::Strict;
+  log.Warn("UGS_FRAMES is set, but not to \"strict\": frames are taken in pairs");
+  return RequestFrames::Pairs;
+}
+
+std::unique_ptr<KorvaneControllerServer> MakeServer(RequestFrames frames) {
   return std::make_unique<KorvaneControllerServer>(kEncrypted, UGSDefs::kPort, ScrambledPrivateKey(),
-                                                   std::make_unique<KorvaneUGSZMQ>());
+                                                   std::make_unique<KorvaneUGSZMQ>(frames));
 }
 
 void StartWithSignalsBlocked(KorvaneControllerServer& server) {
@@ -96,6 +120,7 @@ bool WaitForQuitSignal(const ProcessSignals& signals, ConsoleKeyboard& keyboard)
 
 int main(int argc, char** argv) {
   static constexpr FunctionLog log("main");
+  HideMemory();
   ReturnLargeBlocksWhenFreed();
   OpenMissingStdio();
   const ProcessSignals signals;
@@ -106,7 +131,8 @@ int main(int argc, char** argv) {
   log.Warn("UGS version {}", UGSDefs::kVersion);
   RaiseOpenFileLimit(log);
 
-  auto server = MakeServer();
+  const RequestFrames frames = FramesFromEnvironment(log);
+  auto server = MakeServer(frames);
   StartWithSignalsBlocked(*server);
   PrintToConsole("\n");
   PrintToConsole("Press a key to exit...\n");
@@ -120,7 +146,7 @@ int main(int argc, char** argv) {
     quit = IsQuitKey(keyboard.ReadKey());
     if (SystemTicks() - lastBuild >= kRefreshPeriod) {
       log.Info("Refreshing UGS server...");
-      auto fresh = MakeServer();
+      auto fresh = MakeServer(frames);
       server.reset();  // the port must be free before the new server binds it
       server = std::move(fresh);
       StartWithSignalsBlocked(*server);

@@ -96,6 +96,7 @@ class FakeTransport : public KorvaneUGSCommunicator {
     seen_.callbackWasEmptied = CopyRequestCallback() == nullptr;
     if (copied_) copied_("on its way", "request");
   }
+  using KorvaneUGSCommunicator::RequestsAreHeld;
   bool Start() override { return true; }
   bool SetPort(std::uint32_t /*port*/) override { return true; }
   void Reply(std::string identity, std::string reply) override {
@@ -159,24 +160,23 @@ TEST_F(IntakeTest, ABurstIsAnsweredInOrderOneRequestEvery10Milliseconds) {
   EXPECT_GE(ShortestPause(), 10ms);
 }
 
-TEST_F(IntakeTest, AfterALongQueueMemoryGoesBackToTheSystem) {
-  const auto answerAtOnce = [this](std::size_t count) {
-    const std::size_t replies = Replies() + count;
-    for (std::size_t i = 0; i < count; ++i) transport->Request("", "garbage");
-    waitsAreInstant = true;
-    const bool answered = Await([&] { return Replies() == replies; });
-    waitsAreInstant = false;
-    return answered;
-  };
-  spdlog::set_level(spdlog::level::off);  // of the captured logger
+TEST_F(IntakeTest, RequestsAreHeldWhileItsQueueIsFull) {
+  for (int i = 0; i < 20; ++i) transport->Request("", "garbage");
+  EXPECT_FALSE(transport->RequestsAreHeld());
+  for (int i = 0; i < 40; ++i) transport->Request("", "garbage");
+  EXPECT_TRUE(transport->RequestsAreHeld());
+  EXPECT_TRUE(Await([this] { return !transport->RequestsAreHeld(); }));
+  EXPECT_GE(Replies() + 1, 60U - 32U);  // the one that made room may be in work
+}
+
+TEST_F(IntakeTest, MemoryGoesBackToTheSystemNowAndThenAndAtTheEnd) {
   trims = 0;
-  EXPECT_TRUE(answerAtOnce(1000));
-  EXPECT_TRUE(answerAtOnce(0));
-  EXPECT_EQ(trims, 0);
-  EXPECT_TRUE(answerAtOnce(20'000));  // some are taken while the others come
-  EXPECT_TRUE(Await([] { return trims == 1; }));
+  waitsAreInstant = true;
+  EXPECT_TRUE(Await([] { return trims > 0; }));
+  waitsAreInstant = false;
+  const int before = trims;
   server.reset();
-  EXPECT_EQ(trims, 2);
+  EXPECT_GT(trims, before);
 }
 
 TEST_F(IntakeTest, AtTheEndTheCallbackIsEmptiedAndTheLoopJoinedBeforeTheTransportGoes) {

@@ -29,6 +29,7 @@ class TransportTest : public testing::Test {
   void Start() {
     transport->SetRequestCallback([this](const std::string& identity, const std::string& payload) {
       if (payload == "throw") throw std::runtime_error("callback {} failed");
+      if (payload == "hold") transport->HoldRequests(true);
       const std::scoped_lock lock(mutex);
       requests.emplace_back(identity, payload);
       if (!answer.empty()) transport->Reply(identity, answer);
@@ -88,16 +89,36 @@ TEST_F(KorvaneUGSZMQTest, AnyBytesGoInAndTheReplyComesBackToItsPeer) {
   EXPECT_EQ(other.Receive(), "for the other");
 }
 
-TEST_F(KorvaneUGSZMQTest, BytesOfNoProtocolAreNotTakenForFramesOfAnOldOne) {
-  IdentityOf(peer);
-  Peer raw(port, ZMQ_STREAM);  // whose messages are a connection and bytes; none when it begins or ends
-  const std::string connection = *raw.Receive();
-  raw.Receive();
-  // ZMTP 1.0: an empty name, and a message of two frames, which makes three with the name in front.
-  raw.SendFrames({connection, std::string("\1\0\4\1one\4\0two", 12)});
-  while (raw.Receive() == connection && raw.Receive() != "") continue;
+TEST_F(KorvaneUGSZMQTest, WhileRequestsAreHeldTheyWaitAndRepliesGoOut) {
+  peer.Send("hold");
+  peer.Send("waits");
+  transport->Reply(Received(0).first, "reply");
+  EXPECT_EQ(peer.Receive(), "reply");
+  EXPECT_EQ(AnswerWith(""), 1U);
+  transport->HoldRequests(false);
+  EXPECT_EQ(Received(1).second, "waits");
+  peer.Send("hold");
+  Received(2);
+  transport.reset();  // held or not, it ends
+}
+
+TEST_F(KorvaneUGSZMQTest, StrictlyAMessageOfOtherThanTwoFramesIsRefusedWhole) {
+  transport = std::make_unique<KorvaneUGSZMQ>(RequestFrames::Strict);
+  Start();
+  const std::string victim = IdentityOf(peer);
+  Peer bad(port);
+  Peer req(port, ZMQ_REQ);
+  bad.SendFrames({"odd", "one"});
+  bad.SendFrames({victim, "forged"});
+  bad.SendFrames({"an", "even", "one"});
+  bad.SendFrames(Strings(10'000, ""));
+  bad.Send("");
+  req.Send("behind a delimiter");
+  ASSERT_TRUE(Await([this] { return log.Count("0x0084 Invalid incoming data") == 6; }));
+  bad.Send("good");
   peer.Send("next");
-  EXPECT_EQ(Received(1).second, "next");
+  EXPECT_EQ((std::set{Received(1).second, Received(2).second}), (std::set<std::string>{"good", "next"}));
+  EXPECT_EQ(log.Lines().size(), 6U);
 }
 
 TEST_F(KorvaneUGSZMQTest, AnEmptyPayloadOrAnExceptionOfTheCallbackIsLoggedAndTheServiceGoesOn) {

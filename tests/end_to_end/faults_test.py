@@ -1,16 +1,22 @@
 """What may happen to a server in years; bounded in count and time. `./dev faults [NAME...]` and `./dev soak MINUTES`."""
 
+import contextlib
 import itertools
 import json
 import os
 import re
+import signal
+import socket
 import subprocess
+import sys
+import time
 from pathlib import Path
 
 import psutil
 import pytest
-from support import BUILD, HALF_HOUR, ROOT, SERVER, VECTOR_GREETING, VECTOR_SERVER, VECTORS
-from support import begin_fleet, sealed_report, wait_until
+import zmq
+from support import BUILD, HALF_HOUR, PORT, ROOT, SERVER, VECTOR_GREETING, VECTOR_SERVER, VECTORS
+from support import Peer, begin_fleet, raw_peer, seal, sealed_report, wait_until
 
 pytestmark = pytest.mark.slow
 ROUNDS = int(os.environ.get("UGS_SOAK_MINUTES", "3"))
@@ -19,10 +25,47 @@ ROUNDS = int(os.environ.get("UGS_SOAK_MINUTES", "3"))
 FLEET = ("--json", "--instances", "40", "--rate", "50", "--duration")
 
 
+STRICT = {"UGS_FRAMES": "strict"}
+HONEST = ("--json", "--instances", "5", "--rate", "5", "--duration")  # each asks once a second
+SLOW_FLEET = ("--json", "--instances", "50", "--period", "30", "--duration", "170", "--log")
+
+# A peer in a process of its own that reads no answer: how many messages, how many a second, in hexadecimal what.
+NEIGHBOUR = f"""
+import sys, time, zmq
+count, rate, payload = float(sys.argv[1]), float(sys.argv[2]), bytes.fromhex(sys.argv[3])
+socket = zmq.Context().socket(zmq.DEALER)
+socket.connect("tcp://127.0.0.1:{PORT}")
+start, sent = time.monotonic(), 0
+while sent < count:
+    socket.send(payload)
+    sent += 1
+    time.sleep(max(0, start + sent / rate - time.monotonic()) if rate < 10_000 else 0)
+time.sleep(3600)
+"""
+
+
+@contextlib.contextmanager
+def neighbours(number, payload, count="inf", rate="inf"):
+    command = [sys.executable, "-c", NEIGHBOUR, count, rate, payload.hex()]
+    processes = [subprocess.Popen(command) for _ in range(number)]
+    try:
+        yield
+        assert all(process.poll() is None for process in processes)
+    finally:
+        for process in processes:
+            process.kill()
+            process.wait()
+
+
 def assert_all_counted(fleet):
     outcome = json.loads(fleet.communicate()[0])
     assert (fleet.returncode, outcome["answered"]) == (0, {"0": outcome["reports"]}), outcome
     return outcome
+
+
+def say(outcome, **figures):
+    """Beside the row's name, with pytest's -s or when it fails."""
+    print({name: round(outcome[name]) for name in ("reports", "p99_ms", "max_ms")} | figures)
 
 
 def test_disk_full(start, peer):
@@ -45,6 +88,80 @@ def test_disk_full(start, peer):
         return re.search(r"in use: 777\d{6}\n", (logs / "KorvaneUGS.log.txt").read_text(errors="replace"))
 
     wait_until(logged)
+
+
+@pytest.mark.parametrize("payload", ["one byte", "a report"])
+@pytest.mark.parametrize("flooders, milliseconds, mebibytes", [(1, 500, 50), (20, 700, 80)])
+def test_flood_beside(start, peer, payload, flooders, milliseconds, mebibytes):
+    server = start()
+    peer.meet()
+    with neighbours(flooders, b"x" if payload == "one byte" else sealed_report("flooder")):
+        fleet = begin_fleet(*HONEST, "20")
+        peak = max(server.memory() for _ in iter(lambda: time.sleep(0.1) or fleet.poll(), 0))
+    outcome = assert_all_counted(fleet)
+    say(outcome, mebibytes=peak >> 20)
+    assert outcome["p99_ms"] <= milliseconds and peak >> 20 <= mebibytes
+
+
+@pytest.mark.parametrize("count, rate, milliseconds", [("12000", "inf", 1000), ("90000", "500", 120_000)])
+def test_flood_does_not_expire_a_fleet(start, peer, count, rate, milliseconds):
+    """A burst, and more than the server's pace for three minutes."""
+    server = start()
+    peer.meet()
+    log = server.directory / "logs/KorvaneUGS.log.txt"
+    fleet = begin_fleet(*SLOW_FLEET, log)
+    with neighbours(1, b"x", count, rate):
+        outcome = assert_all_counted(fleet)
+    say(outcome)
+    assert outcome["deletions"] == 0 and outcome["max_ms"] <= milliseconds
+
+
+# What a port scanner sends, and what a peer may send that was not written from our page.
+TLS = bytes.fromhex("16030100c8010000c40303") + bytes(range(200))
+GARBAGE = [
+    b"GET / HTTP/1.1\r\nHost: x\r\n\r\n",
+    b"SSH-2.0-OpenSSH_9.2\r\n",
+    TLS,
+    b"\1\0" + b"\4\1one\4\0two",
+    bytes(999),
+]
+
+
+def test_garbage(start, peer):
+    """Bytes of no protocol cost a turn or two for each connection, and nobody else anything but that time."""
+    server = start(env=STRICT)
+    peer.meet()
+    fleet, connections = begin_fleet(*FLEET, "20"), 0
+    while fleet.poll() is None:
+        for garbage in GARBAGE:
+            with socket.create_connection(("127.0.0.1", PORT)) as connection:
+                connection.sendall(garbage)
+            connections += 1
+        time.sleep(0.5)
+    outcome = assert_all_counted(fleet)
+    turns = server.log().count("[E] Received Invalid Content")
+    say(outcome, connections=connections, turns=turns)
+    assert turns <= 2 * connections and outcome["p99_ms"] <= 200
+
+
+def test_bad_frames(start, context):
+    """One line in the log for each bad message, and nothing for anybody else but the time that it takes."""
+    server, name, slowest = start(env=STRICT), b"camera-host-7", 0
+    attacker, delimiting, victim = (
+        Peer(context).meet(),
+        Peer(context).connect(zmq.REQ),
+        Peer(context).connect(name=name),
+    )
+    bad = [[b"odd", b"one"], [b"an", b"even", b"one"], [name, seal("{hello}")], [b""], [b""] * 999_999, [b"by REQ"]]
+    for number, message in enumerate(bad, 1):
+        (delimiting if message == bad[-1] else attacker).socket.send_multipart(message)
+        while server.log().count("[E] 0x0084 Invalid incoming data") < number:
+            began = time.monotonic()
+            assert victim.ask(sealed_report()) == b"0"
+            slowest = max(slowest, time.monotonic() - began)
+    print(f"the slowest answer took {slowest * 1000:.0f} ms")
+    assert not any(peer.socket.poll(100) for peer in (attacker, delimiting, victim))
+    assert server.log().count("[E]") == len(bad)
 
 
 def test_reply_storm():
@@ -80,3 +197,56 @@ def test_soak(start, peer):
         )
         print("{} descriptors, {} threads, {} bytes".format(*figures[-1]), flush=True)
     assert figures[-1][:2] == figures[0][:2] and figures[-1][2] < figures[0][2] + 4e6, figures
+
+
+def test_console_stuck(start, peer):
+    """The pace with a console that nobody reads is that with one that is read; all stops work."""
+    slowest = {}
+    for console in ("read", "stuck"):
+        reader, writer = os.pipe()
+        server = start(stdout=subprocess.DEVNULL if console == "read" else writer, ready="")
+        peer.meet()
+        outcome = assert_all_counted(begin_fleet(*FLEET, "20"))
+        say(outcome)
+        slowest[console] = outcome["p99_ms"]
+        began = time.monotonic()
+        server.end()
+        assert time.monotonic() - began <= 2.5
+    assert slowest["stuck"] <= slowest["read"] + 20
+
+
+def test_abort_and_restart(start, peer):
+    """As its unit restarts it. The fleet is whole again after one period."""
+    pause = re.search(r"^RestartSec=(.*)$", (ROOT / "deploy/korvaneugs.service").read_text(), re.MULTILINE)[1]
+    server = start(command=("sh", "-c", f"{SERVER}; sleep {pause}; exec {SERVER}"))
+    server.may_say = "Aborted.*"
+    peer.meet()
+    log = server.directory / "logs/KorvaneUGS.log.txt"
+    fleet = begin_fleet(
+        "--json", "--instances", "50", "--period", "5", "--duration", "20", "--drain", "1", "--log", log
+    )
+    time.sleep(7)
+    began = time.monotonic()
+    psutil.Process(server.pid).children()[0].send_signal(signal.SIGABRT)
+    peer.connect()
+    wait_until(lambda: peer.send(seal("{hello}")) or peer.socket.poll(100))
+    away = time.monotonic() - began
+    outcome = json.loads(fleet.communicate()[0])
+    say(outcome, away=away)
+    assert away <= 2 and outcome["log_agrees"]
+
+
+def test_firewall(start, context):
+    """Of a host that tries for more than 50 connections, 50 are served."""
+    rules = (ROOT / "deploy/nftables.conf").read_text()
+    subprocess.run(["nft", "-f", "-"], input=rules.replace("10.1.2.0/24", "127.0.0.0/8"), text=True, check=True)
+    start()
+    peers = [Peer(context).meet()]
+    while len(peers) < 50:
+        time.sleep(0.06)  # it lets 20 a second through
+        peers.append(Peer(context).connect())
+        assert peers[-1].ask(seal("{hello}")) == b"1"
+    time.sleep(0.06)
+    with pytest.raises(TimeoutError):
+        socket.create_connection(("127.0.0.1", PORT), 2)
+    assert all(peer.ask(seal("{hello}")) == b"1" for peer in peers)

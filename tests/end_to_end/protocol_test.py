@@ -5,8 +5,9 @@ import re
 import subprocess
 import sys
 
+import pytest
 from make import ADDED, BASE
-from support import ROOT, VECTOR_GREETING, VECTOR_SERVER, VECTORS, wait_until
+from support import GREETINGS, ROOT, VECTOR_GREETING, VECTOR_SERVER, VECTORS, long_frame, raw_peer, wait_until
 
 DOCS = ROOT / "docs"
 COUNTS = BASE + sum(ADDED.values(), [])
@@ -46,6 +47,20 @@ def test_every_vector_is_answered_and_logged_as_it_says(start, peer):
         else:
             wait_until(lambda: len(server.console(printed)) >= len(vector["console"]))
             assert server.console(printed) == vector["console"], vector["name"]
+
+
+@pytest.mark.parametrize("version", GREETINGS)
+def test_peers_of_every_zmtp_version_are_answered(start, version):
+    start(command=(VECTOR_SERVER,))
+    old = version == "1.0"
+    message = b"\xff" + (len(VECTOR_GREETING) + 1).to_bytes(8, "big") + b"\0" + VECTOR_GREETING
+    received = b""
+    with raw_peer(version) as connection:
+        while not received.endswith(b"\2\x001" if old else b"\0\x011"):
+            connection.sendall(
+                message if old else long_frame(VECTOR_GREETING)
+            )  # again, if the intake was not there yet
+            received += connection.recv(1000)
 
 
 def test_the_vectors_are_those_that_the_script_makes(tmp_path):
