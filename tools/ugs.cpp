@@ -55,11 +55,11 @@ constexpr const char* kReportExamples = R"(Examples:
 constexpr const char* kWhyRefused = R"(A refusal has one of these causes. The server's log names it:
   0x00AE06 (and 0x00AE09 on its console)  the report was sealed for another server: compare `ugs fingerprint`
   0x476                                   the document is no JSON object, or its version member is none
+  nothing                                 the document has no "}"
   0xE099, 0xE126, 0xE146, 0xE140          KorvaneID, DockerID or CamRtspUrls is missing or of the wrong type
   0xE210 (0xE216 on its console)          InUse is missing or of the wrong type
   0xE209, 0xE220 to 0xE262                a count that the layout needs is missing
   0x442                                   the identity is empty, or there is no camera URL
-  nothing                                 the envelope did not open to a text
 )";
 
 // The key of the checkout that is the working directory, or else of the installed package.
