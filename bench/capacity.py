@@ -152,6 +152,15 @@ def latency(rate, limits):
             )
 
 
+def latency_beside_a_flood():
+    flood = [sys.executable, os.path.join(os.path.dirname(__file__), "neighbour.py"), "20", "inf", "inf", "78"]
+    with running("KorvaneUGS"), subprocess.Popen(flood, stdout=subprocess.PIPE) as neighbour:
+        neighbour.stdout.readline()
+        outcome = fleet(5, "--rate", 5, "--duration", 20)
+        neighbour.kill()
+    row("p99 latency at 5 reports/s while 20 other peers send without end", outcome["p99_ms"], 700, "ms")
+
+
 def cpu_share(pid, seconds=20):
     before, start = cpu_seconds(pid), time.monotonic()
     time.sleep(seconds)
@@ -210,6 +219,7 @@ saturated_rate(12000, 88)
 work_of_a_turn()
 latency(25, {"p50": 8, "p99": 25})
 latency(50, {"p99": 60})
+latency_beside_a_flood()
 idle_cpu_of_sleep_alone()
 idle_cpu(1000, 0.5)
 idle_cpu(12000, 2)

@@ -42,5 +42,22 @@ done < <(jq -r '.panels[].targets[].expr | sub("\\$__range"; "1h")' "$monitoring
 
 cp docs/clients/report.mjs "$modules/.."  # Node looks for packages beside the script
 (cd "$scratch" && exec "$OLDPWD/build/release/tests/server-with-test-key" </dev/null >console) &
+cat >"$scratch/Report.java" <<'JAVA'
+import org.zeromq.ZMQ;
+
+public class Report {
+  public static void main(String[] arguments) {
+    ZMQ.Socket socket = ZMQ.context(1).socket(ZMQ.DEALER);
+    socket.setReceiveTimeOut(20000);
+    socket.connect("tcp://127.0.0.1:9304");
+    socket.send(arguments[0]);
+    System.out.println(socket.recvStr());
+    System.exit(0);
+  }
+}
+JAVA
+payload=$(jq -r 'map(select(.reply == "0"))[0].payload' docs/vectors/vectors.json)
+check "JeroMQ, which speaks ZMTP 2.0" diff <(echo 0) \
+  <(java -cp /usr/share/java/jeromq.jar "$scratch/Report.java" "$payload" 2>&1)
 check "Node's client" diff <(printf '0\n0\n0\n') \
   <(node "$modules/../report.mjs" tcp://127.0.0.1:9304 docs/vectors/test-public.pem hall-9 1 3 2>&1)

@@ -51,7 +51,7 @@ boot() {
   cat >"$root/root/try.sh" <<'TRY'
 ugs ping --timeout 30
 systemctl is-active korvaneugs
-kill -9 "$(systemctl show korvaneugs -p MainPID --value)"
+kill -ABRT "$(systemctl show korvaneugs -p MainPID --value)"
 ugs ping --timeout 30
 systemctl stop korvaneugs
 systemctl show korvaneugs -p NRestarts -p ExecMainStatus -p Result

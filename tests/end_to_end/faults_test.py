@@ -1,5 +1,6 @@
 """What may happen to a server in years; bounded in count and time. `./dev faults [NAME...]` and `./dev soak MINUTES`."""
 
+import base64
 import contextlib
 import itertools
 import json
@@ -29,32 +30,21 @@ STRICT = {"UGS_FRAMES": "strict"}
 HONEST = ("--json", "--instances", "5", "--rate", "5", "--duration")  # each asks once a second
 SLOW_FLEET = ("--json", "--instances", "50", "--period", "30", "--duration", "170", "--log")
 
-# A peer in a process of its own that reads no answer: how many messages, how many a second, in hexadecimal what.
-NEIGHBOUR = f"""
-import sys, time, zmq
-count, rate, payload = float(sys.argv[1]), float(sys.argv[2]), bytes.fromhex(sys.argv[3])
-socket = zmq.Context().socket(zmq.DEALER)
-socket.connect("tcp://127.0.0.1:{PORT}")
-start, sent = time.monotonic(), 0
-while sent < count:
-    socket.send(payload)
-    sent += 1
-    time.sleep(max(0, start + sent / rate - time.monotonic()) if rate < 10_000 else 0)
-time.sleep(3600)
-"""
-
 
 @contextlib.contextmanager
 def neighbours(number, payload, count="inf", rate="inf"):
-    command = [sys.executable, "-c", NEIGHBOUR, count, rate, payload.hex()]
-    processes = [subprocess.Popen(command) for _ in range(number)]
-    try:
+    command = [sys.executable, ROOT / "bench/neighbour.py", str(number), count, rate, payload.hex()]
+    with subprocess.Popen(command, stdout=subprocess.PIPE) as process:
+        assert process.stdout.readline()
         yield
-        assert all(process.poll() is None for process in processes)
-    finally:
-        for process in processes:
-            process.kill()
-            process.wait()
+        assert process.poll() is None
+        process.kill()
+
+
+def seconds_to_answer(peer):
+    began = time.monotonic()
+    assert peer.ask(sealed_report()) == b"0"
+    return time.monotonic() - began
 
 
 def assert_all_counted(fleet):
@@ -98,8 +88,10 @@ def test_flood_beside(start, peer, payload, flooders, milliseconds, mebibytes):
     with neighbours(flooders, b"x" if payload == "one byte" else sealed_report("flooder")):
         fleet = begin_fleet(*HONEST, "20")
         peak = max(server.memory() for _ in iter(lambda: time.sleep(0.1) or fleet.poll(), 0))
+        began = time.monotonic()
+        server.end()
     outcome = assert_all_counted(fleet)
-    say(outcome, mebibytes=peak >> 20)
+    say(outcome, mebibytes=peak >> 20, stop_s=time.monotonic() - began)
     assert outcome["p99_ms"] <= milliseconds and peak >> 20 <= mebibytes
 
 
@@ -144,6 +136,21 @@ def test_garbage(start, peer):
     assert turns <= 2 * connections and outcome["p99_ms"] <= 200
 
 
+def test_large_payloads(start, context):
+    """Nobody waits longer than their own turn takes."""
+    server, attacker, other = start(env=STRICT), Peer(context).meet(), Peer(context).meet()
+    members = b"{" + b'"a":1,' * 5_000_000 + b'"z":1}'
+    payloads = (sealed_report("large", cameras=["a"] * 5_500_000), base64.b64encode(members))
+    for name, payload in zip(("a report of 39 MB", "an object of 40 MB"), payloads):
+        attacker.send(payload)
+        slowest = 0
+        while not attacker.socket.poll(0):
+            slowest = max(slowest, seconds_to_answer(other))
+        attacker.take()
+        print(f"{name}: another waits {slowest * 1000:.0f} ms at most")
+        assert slowest <= 1
+
+
 def test_bad_frames(start, context):
     """One line in the log for each bad message, and nothing for anybody else but the time that it takes."""
     server, name, slowest = start(env=STRICT), b"camera-host-7", 0
@@ -156,9 +163,7 @@ def test_bad_frames(start, context):
     for number, message in enumerate(bad, 1):
         (delimiting if message == bad[-1] else attacker).socket.send_multipart(message)
         while server.log().count("[E] 0x0084 Invalid incoming data") < number:
-            began = time.monotonic()
-            assert victim.ask(sealed_report()) == b"0"
-            slowest = max(slowest, time.monotonic() - began)
+            slowest = max(slowest, seconds_to_answer(victim))
     print(f"the slowest answer took {slowest * 1000:.0f} ms")
     assert not any(peer.socket.poll(100) for peer in (attacker, delimiting, victim))
     assert server.log().count("[E]") == len(bad)
