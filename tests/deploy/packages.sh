@@ -13,13 +13,15 @@ inside() { chroot "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONT
 
 # A root as debootstrap leaves it, with this machine's package sources.
 make_root() {
-  local base=$root.base mirror
-  if [ ! -e "$base/etc/debian_version" ]; then
+  local base=$root.base part=$root.part mirror
+  if [ ! -e "$base" ]; then
+    rm -rf --one-file-system "$part"
     mirror=$(apt-get indextargets --format '$(SITE) $(RELEASE)' | awk '$2 == "bookworm" {print $1; exit}')
-    debootstrap --variant=minbase --include=systemd-sysv bookworm "$base" "$mirror" >/dev/null
-    rm -f "$base/etc/apt/sources.list"
-    cp -r /etc/apt/sources.list* /etc/apt/apt.conf.d "$base/etc/apt/" 2>/dev/null || true
-    chroot "$base" apt-get update -qq
+    debootstrap --variant=minbase --include=systemd-sysv bookworm "$part" "$mirror" >/dev/null
+    rm -f "$part/etc/apt/sources.list"
+    cp -r /etc/apt/sources.list* /etc/apt/apt.conf.d "$part/etc/apt/" 2>/dev/null || true
+    chroot "$part" apt-get update -qq
+    mv "$part" "$base"  # whole, or not at all
   fi
   rm -rf "$root"
   cp -a "$base" "$root"
