@@ -50,16 +50,16 @@ def test_every_vector_is_answered_and_logged_as_it_says(start, peer):
 
 
 @pytest.mark.parametrize("version", GREETINGS)
-def test_peers_of_every_zmtp_version_are_answered(start, version):
+def test_peers_of_every_zmtp_version_are_answered(start, peer, version):
     start(command=(VECTOR_SERVER,))
-    old = version == "1.0"
-    message = b"\xff" + (len(VECTOR_GREETING) + 1).to_bytes(8, "big") + b"\0" + VECTOR_GREETING
-    received = b""
+    peer.meet(VECTOR_GREETING)
+    message, answer, received = long_frame(VECTOR_GREETING), b"\0\x011", b""
+    if version == "1.0":
+        message = b"\xff" + (len(VECTOR_GREETING) + 1).to_bytes(8, "big") + b"\0" + VECTOR_GREETING
+        answer = b"\2\x001"
     with raw_peer(version) as connection:
-        while not received.endswith(b"\2\x001" if old else b"\0\x011"):
-            connection.sendall(
-                message if old else long_frame(VECTOR_GREETING)
-            )  # again, if the intake was not there yet
+        connection.sendall(message)
+        while not received.endswith(answer):
             received += connection.recv(1000)
 
 
