@@ -80,6 +80,14 @@ GREETINGS = {
 }
 
 
+def read_to(connection, end):
+    received = b""
+    while not received.endswith(end):
+        chunk = connection.recv(1000)
+        assert chunk, received
+        received += chunk
+
+
 @contextlib.contextmanager
 def raw_peer(version="3.0"):
     """A TCP connection on which a peer of that ZMTP version has shaken hands."""
@@ -87,9 +95,7 @@ def raw_peer(version="3.0"):
         connection.sendall(GREETINGS[version])
         if version >= "3":
             connection.sendall(READY)
-            received = b""
-            while b"ROUTER" not in received:  # it would hang up on frames that come before its READY is sent
-                received += connection.recv(1000)
+            read_to(connection, b"ROUTER\x08Identity" + bytes(4))  # it hangs up on frames that come before its READY
         yield connection
 
 
