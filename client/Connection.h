@@ -1,73 +1,88 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <zmq.hpp>
 
+#include "Resolver.h"
 #include "Sealer.h"
 #include "UgsClient.h"
+#include "Wakeup.h"
 
 namespace ugs {
 
-// Wakes a poll from another thread: an eventfd(2). Raise may be called from any thread.
-class Wakeup {
- public:
-  Wakeup();  // throws std::system_error without a descriptor
-  ~Wakeup();
-  Wakeup(const Wakeup&) = delete;
-  Wakeup& operator=(const Wakeup&) = delete;
-
-  void Raise() const;
-  void Clear() const;
-  [[nodiscard]] int Descriptor() const { return descriptor_; }
-
- private:
-  const int descriptor_;
-};
-
 // A DEALER socket with at most one request in flight, and the event that interrupts a wait for its answer.
-// One thread at a time, except for Interrupt.
+// One thread at a time, except for Interrupt and GetCounters.
 class __attribute__((visibility("hidden"))) Client::Connection {
  public:
   using Clock = std::chrono::steady_clock;
 
-  Connection(const Address& address, const std::string& publicKey, std::chrono::milliseconds replyTimeout);
+  Connection(Address address, std::string key, std::chrono::milliseconds replyTimeout);
 
-  std::optional<int> Request(std::string_view plaintext);
-
-  // Sleeps until `deadline`. False if it was interrupted.
-  bool SleepUntil(Clock::time_point deadline);
+  // Throws std::runtime_error if the request cannot be sealed, or in a process that was forked.
+  Outcome Request(std::string_view plaintext);
 
   // Any thread. Ends the wait that is going on, or else the next one.
-  void Interrupt() { interrupt_.Raise(); }
+  void Interrupt() const;
+
+  // Any thread. Throws as Request does in a process that was forked.
+  [[nodiscard]] Counters GetCounters() const;
+
+  // True in a process that was forked from the one that made this: libzmq's threads are not in it.
+  [[nodiscard]] bool IsForeign() const;
+
+  Error lastError;  // of the client's last call; its thread's
 
  private:
-  enum class Event { kReady, kLost, kTimeOut, kInterrupted };
+  // What is given up together when an answer stays away.
+  struct Link {
+    explicit Link(zmq::context_t& context);
+    zmq::socket_t socket;
+    zmq::socket_t monitor;  // tells when a connection is made and when it is lost
+    bool connecting = false;
+    bool connected = false;
+    bool refused = false;  // at least once since the link was made
+  };
   struct Polled {
     bool timedOut;
     bool interrupted;
     bool socket;
-    bool monitor;
+    bool other;
   };
 
+  void RequireOwnProcess() const;
+  Outcome Exchange(const std::string& envelope, Clock::time_point deadline);
+  // Each returns the reason if there is to be none; ErrorKind::None otherwise.
+  Outcome AwaitAddress(Clock::time_point deadline);
+  Outcome AwaitConnection(Clock::time_point deadline);
+  Outcome AwaitAnswer(Clock::time_point deadline);
   [[nodiscard]] Polled Poll(short readiness, Clock::time_point deadline);
-  // Waits for a connection that can take a request.
-  Event AwaitConnection(Clock::time_point deadline);
-  Event AwaitAnswer(Clock::time_point deadline);
-  // Brings `connected_` up to date. True if a connection was lost on the way.
+  // Takes the news of the connection. True if it was lost.
   bool TakeEvents();
-  std::optional<int> ReceiveCode();
+  Outcome ReceiveCode();
+  void ReadKeyAgain();
+  [[nodiscard]] std::string Server() const;
+  template <typename Change>
+  void Count(Change change);
 
-  const Sealer sealer_;
+  const pid_t process_;
+  const Address address_;
+  const std::string key_;  // as the caller gave it: PEM text or a file
   const std::chrono::milliseconds replyTimeout_;
   const Wakeup interrupt_;
+  Sealer sealer_;
   zmq::context_t context_;
-  zmq::socket_t socket_;
-  zmq::socket_t monitor_;  // tells when a connection is made and when it is lost
-  bool connected_ = false;
-  bool inFlight_ = false;  // a request was sent on the present connection and not answered
+  std::optional<Lookup> lookup_;  // while one is going on
+  std::optional<Link> link_;
+
+  mutable std::mutex mutex_;  // guards the next two
+  Counters counters_;
+  bool wasConnected_ = false;
 };
 
 }  // namespace ugs

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "Nearest.h"
 #include "ReportLayouts.h"
 #include "Secrets.h"
 #include "UgsClient.h"
@@ -11,11 +12,35 @@
 namespace ugs {
 namespace {
 
-using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
+using Writer = rapidjson::Writer<rapidjson::StringBuffer, rapidjson::UTF8<>, rapidjson::UTF8<>,
+                                 rapidjson::CrtAllocator, rapidjson::kWriteValidateEncodingFlag>;
 
-// With its length: a name may contain NUL.
-void WriteString(Writer& writer, const std::string& text) {
-  writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+// The server would read a text up to its first NUL, and another one of broken UTF-8 than was meant.
+void WriteString(Writer& writer, const char* field, const std::string& text) {
+  if (text.find('\0') != std::string::npos)
+    throw std::invalid_argument(std::string(field) + " holds a NUL byte");
+  if (!writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()))) {
+    throw std::invalid_argument(std::string(field) + " is not UTF-8");
+  }
+}
+
+// A misspelt key would silently report nothing.
+void RequireKnown(const std::string& count, const std::string& layout, const std::vector<std::string>& keys) {
+  if (std::ranges::find(keys, count) != keys.end()) return;
+  std::string text = "layout " + layout + " carries no count \"" + count + "\"; did you mean " +
+                     Nearest(count, keys) + "? It has";
+  for (const std::string& key : keys) text += " " + key;
+  throw std::invalid_argument(text);
+}
+
+void RequireIdentity(const Usage& usage) {
+  if (usage.id.empty()) throw std::invalid_argument(std::string(kInstanceIdMember) + " is empty");
+  const auto isEmpty = [](const std::string& url) {
+    return url.empty();
+  };
+  if (std::ranges::all_of(usage.cameras, isEmpty)) {
+    throw std::invalid_argument(std::string(kCameraUrlsMember) + " holds no URL");
+  }
 }
 
 // Room for the whole document, whatever of it is escaped: a buffer that grows leaves copies in memory.
@@ -29,12 +54,12 @@ std::size_t MaxDocumentSize(const Usage& usage) {
 void WriteRequest(Writer& writer, const Usage& usage) {
   writer.StartObject();
   writer.Key(kInstanceIdMember);
-  WriteString(writer, usage.id);
+  WriteString(writer, kInstanceIdMember, usage.id);
   writer.Key(kContainerMember);
-  WriteString(writer, usage.container);
+  WriteString(writer, kContainerMember, usage.container);
   writer.Key(kCameraUrlsMember);
   writer.StartArray();
-  for (const std::string& url : usage.cameras) WriteString(writer, url);
+  for (const std::string& url : usage.cameras) WriteString(writer, kCameraUrlsMember, url);
   writer.EndArray();
   writer.Key(kCountsMember);
   writer.StartObject();
@@ -66,12 +91,8 @@ std::vector<std::string> CountKeys(std::string_view layout) {
 
 std::string WriteDocument(const Usage& usage) {
   const std::vector<std::string> keys = CountKeys(usage.layout);
-  // A misspelt key would silently report nothing.
-  for (const auto& [key, count] : usage.counts) {
-    if (std::ranges::find(keys, key) == keys.end()) {
-      throw std::invalid_argument("layout " + usage.layout + " carries no count \"" + key + "\"");
-    }
-  }
+  for (const auto& [key, count] : usage.counts) RequireKnown(key, usage.layout, keys);
+  RequireIdentity(usage);
   rapidjson::StringBuffer buffer(nullptr, MaxDocumentSize(usage));
   Writer writer(buffer);
   if (usage.layout == kLegacyLayout.name) {

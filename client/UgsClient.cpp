@@ -1,25 +1,27 @@
 #include "UgsClient.h"
 
-#include <algorithm>
 #include <charconv>
-#include <random>
+#include <limits>
 #include <stdexcept>
 #include <utility>
 
 #include "Connection.h"
-#include "Sealer.h"
 #include "Secrets.h"
 #include "UGSDefs.h"
 
 namespace ugs {
-namespace {
 
-using std::chrono::milliseconds;
-using Clock = std::chrono::steady_clock;
+std::string Version() {
+  return UGS_CLIENT_VERSION;
+}
 
-constexpr milliseconds kFirstRetry(1000);
-
-}  // namespace
+void Usage::SetCount(const std::string& name, std::int64_t count) {
+  if (count < 0 || count > std::numeric_limits<std::uint32_t>::max()) {
+    throw std::invalid_argument("count " + name + " is " + std::to_string(count) +
+                                ", not from 0 to 4294967295");
+  }
+  counts[name] = static_cast<std::uint32_t>(count);
+}
 
 Address ParseAddress(std::string_view server) {
   Address address{std::string(server), UGSDefs::kPort};
@@ -36,72 +38,70 @@ Address ParseAddress(std::string_view server) {
   return address;
 }
 
-Client::Client(std::string_view server, const std::string& key, milliseconds replyTimeout)
+Client::Client(std::string_view server, const std::string& key, std::chrono::milliseconds replyTimeout)
     : connection_(std::make_unique<Connection>(ParseAddress(server), key, replyTimeout)) {}
-Client::~Client() = default;
+
+Client::~Client() {
+  // In a child of the process that made it, the threads are missing that closing its sockets would wait for.
+  if (connection_ != nullptr && connection_->IsForeign()) static_cast<void>(connection_.release());
+}
+
 Client::Client(Client&&) noexcept = default;
-Client& Client::operator=(Client&&) noexcept = default;
+Client& Client::operator=(Client&& other) noexcept {
+  Client old(std::move(*this));  // ends as any client does
+  connection_ = std::move(other.connection_);
+  return *this;
+}
+
+Client::Connection& Client::Get() const {
+  if (connection_ == nullptr) throw std::logic_error("this client was moved away");
+  return *connection_;
+}
 
 std::optional<int> Client::Report(const Usage& usage) {
-  std::string document = WriteDocument(usage);
+  Connection& connection = Get();
+  std::string document;
   const WipeOnExit wipe(document);
-  return connection_->Request(document);
-}
-std::optional<int> Client::SendDocument(std::string_view document) {
-  return connection_->Request(document);
-}
-std::optional<int> Client::Greet() {
-  return connection_->Request(UGSDefs::kGreeting);
-}
-void Client::Interrupt() {
-  connection_->Interrupt();
-}
-
-Reporter::Reporter(std::string_view server, const std::string& key, Source usage, milliseconds period,
-                   Listener answered, milliseconds replyTimeout)
-    : usage_(std::move(usage)),
-      answered_(std::move(answered)),
-      period_(period),
-      client_(server, key, replyTimeout) {
-  if (period <= milliseconds(0)) throw std::invalid_argument("the period must be positive");
-  thread_ = std::thread(&Reporter::Run, this);
-}
-
-Reporter::~Reporter() {
-  stop_ = true;  // before the interrupt, whose waiter looks at it
-  client_.Interrupt();
-  thread_.join();
-}
-
-std::optional<int> Reporter::ReportOnce() {
   try {
-    return client_.Report(usage_());
-  } catch (const std::exception&) {
-    return std::nullopt;  // a thread of somebody else's process must not end it
+    document = WriteDocument(usage);
+  } catch (const std::invalid_argument& error) {
+    connection.lastError = {ErrorKind::BadUsage, error.what()};
+    throw;
+  }
+  return SendDocument(document);
+}
+
+std::optional<int> Client::SendDocument(std::string_view document) {
+  Connection& connection = Get();
+  try {
+    Outcome outcome = connection.Request(document);
+    connection.lastError = {outcome.kind, std::move(outcome.text)};
+    return outcome.code;
+  } catch (const std::runtime_error& error) {
+    connection.lastError = {ErrorKind::CannotSeal, error.what()};
+    throw;
   }
 }
 
-void Reporter::Run() {
-  std::minstd_rand random(std::random_device{}());
-  const auto between = [&random](milliseconds least, milliseconds most) {
-    return milliseconds(std::uniform_int_distribution(least.count(), most.count())(random));
-  };
-  // A random moment of the first period: instances that start together do not report together.
-  Clock::time_point due = Clock::now() + between(milliseconds(0), period_);
-  milliseconds retry = std::min(kFirstRetry, period_);
-  while (client_.connection_->SleepUntil(due) && !stop_) {
-    const std::optional<int> code = ReportOnce();
-    if (stop_) break;
-    if (answered_) answered_(code);
-    if (code) {
-      retry = std::min(kFirstRetry, period_);
-      while (due <= Clock::now()) due += period_;  // from the time it was due, so that delays do not add up
-    } else {
-      // Spread, lest all instances of a server that was restarted come back at one moment.
-      due = Clock::now() + between(retry / 2, retry * 3 / 2);
-      retry = std::min(retry * 2, period_);
-    }
-  }
+std::optional<int> Client::Greet() {
+  return SendDocument(UGSDefs::kGreeting);
+}
+
+std::optional<int> Client::SignOff(Usage usage) {
+  usage.counts.clear();
+  return Report(usage);
+}
+
+const Error& Client::LastError() const {
+  return Get().lastError;
+}
+
+Counters Client::GetCounters() const {
+  return Get().GetCounters();
+}
+
+void Client::Interrupt() {
+  Get().Interrupt();
 }
 
 }  // namespace ugs

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <bit>
 #include <ctime>
-#include <string_view>
 
+#include "InstanceKey.h"
 #include "LogTexts.h"
 #include "Logging.h"
 #include "StatusReport.h"
@@ -15,18 +15,6 @@ std::function<std::int32_t()> clockFunction = [] {
 
 namespace {
 
-// FNV-1a, 64 bits (Fowler, Noll, Vo).
-class Fnv1a {
- public:
-  void Add(std::string_view bytes) {
-    for (const char c : bytes) digest_ = (digest_ ^ static_cast<unsigned char>(c)) * 0x100000001b3;
-  }
-  [[nodiscard]] std::uint64_t Digest() const { return digest_; }
-
- private:
-  std::uint64_t digest_ = 0xcbf29ce484222325;
-};
-
 // The distance between two 32-bit times. Wraps with the times: the distance of 2^31 stays negative.
 std::int32_t Distance(std::int32_t now, std::int32_t then) {
   const std::uint32_t difference = static_cast<std::uint32_t>(now) - static_cast<std::uint32_t>(then);
@@ -36,14 +24,7 @@ std::int32_t Distance(std::int32_t now, std::int32_t then) {
 }  // namespace
 
 std::string UsageRecords::InstanceKey(const UGSRequest::RequestData& request) {
-  const auto& urls = request.camRtspUrls;
-  const bool hasUrl = std::ranges::any_of(urls, [](const std::string& url) { return !url.empty(); });
-  if (request.korvaneId.empty() || !hasUrl) return {};
-  // Joined without a separator: (a, bc) and (ab, c) are one instance.
-  Fnv1a hash;
-  hash.Add(request.korvaneId);
-  for (const std::string& url : urls) hash.Add(url);
-  return fmt::format("{:x}", hash.Digest());
+  return ugs::InstanceKey(request.korvaneId, request.camRtspUrls);
 }
 
 std::int32_t UsageRecords::ApplyRequest(UGSRequest::RequestData& request) {

@@ -52,8 +52,7 @@ class UsageRecords {
   // The running totals.
   [[nodiscard]] ugs::UsageCounts Totals() const UGS_EXCLUDES(mutex_);
 
-  // A lowercase hexadecimal FNV-1a 64 digest, without leading zeros, of the identity followed by the camera
-  // URLs: the same cameras in another order are another instance. Empty if either part is empty.
+  // The instance's name in the log (InstanceKey.h); empty if it has none.
   [[nodiscard]] static std::string InstanceKey(const UGSRequest::RequestData& request);
 
  private:

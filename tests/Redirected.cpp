@@ -3,7 +3,7 @@
 #include <malloc.h>
 #include <openssl/bn.h>
 #include <openssl/crypto.h>
-#include <zmq.h>
+#include <poll.h>
 
 #include <cstdlib>
 #include <ctime>
@@ -92,10 +92,10 @@ int OnSleep(const timespec* time, timespec* left) {
   return waitsAreInstant && std::this_thread::get_id() != testThread ? 0 : RealSleep(time, left);
 }
 
-decltype(zmq_poll) RealPoll __asm__("__real_zmq_poll");
-decltype(zmq_poll) OnPoll __asm__("__wrap_zmq_poll");
-int OnPoll(zmq_pollitem_t* items, int count, long timeout) {
-  if (!waitsAreInstant || count != 1) return RealPoll(items, count, timeout);
+decltype(poll) RealPoll __asm__("__real_poll");
+decltype(poll) OnPoll __asm__("__wrap_poll");
+int OnPoll(pollfd* items, nfds_t count, int timeout) {
+  if (!waitsAreInstant) return RealPoll(items, count, timeout);
   const std::scoped_lock lock(mutex);
   waits.push_back(timeout);
   return 0;

@@ -19,7 +19,7 @@ std::vector<unsigned> TakeSeeds();
 
 inline std::atomic<int> trims = 0;  // calls of malloc_trim(3)
 
-// While this is true, zmq_poll(3) for one item takes no time, and its milliseconds are noted. Nor does
+// While this is true, poll(2) takes no time, and its milliseconds are noted. Nor does
 // nanosleep(2), except on the thread of the test.
 inline std::atomic<bool> waitsAreInstant = false;
 std::vector<long> TakeWaits();  // thread-safe

@@ -1,15 +1,23 @@
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <set>
 #include <stdexcept>
 
 #include "Base64.h"
+#include "BlockedSignals.h"
 #include "JsonReader.h"
+#include "KorvaneControllerServer.h"
 #include "KorvaneUGSZMQ.h"
+#include "PrivateKey.h"
 #include "Redirected.h"
 #include "Sealer.h"
 #include "TestSupport.h"
@@ -188,31 +196,64 @@ TEST_F(KorvaneUGSZMQTest, ARestartBindsTheSamePortAndNeedsANewReplySocketAndNewN
   EXPECT_EQ(log.Count("Creating response socket and connecting back"), 2U);
 }
 
+std::string TextOf(const char* file) {
+  std::ifstream stream(file);
+  return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+ugs::Usage SomeUsage() {
+  return {.id = "i", .cameras = {"c"}};
+}
+
 class ClientTest : public TransportTest {
  protected:
+  // Reports every 20 ms, and keeps the outcomes.
+  std::unique_ptr<ugs::Reporter> Reporting(ugs::Reporter::Source source = SomeUsage,
+                                           std::chrono::milliseconds period = 20ms) {
+    const auto keep = [this](const ugs::Outcome& outcome) {
+      const std::scoped_lock lock(mutex);
+      outcomes.push_back(outcome);
+    };
+    return std::make_unique<ugs::Reporter>(address, PublicKeyPem(), std::move(source), period, keep, 1h);
+  }
+  std::vector<ugs::Outcome> Outcomes() {
+    const std::scoped_lock lock(mutex);
+    return outcomes;
+  }
+  bool AwaitCounted(std::ptrdiff_t number) {
+    return Await([&] { return std::ranges::count(Outcomes(), 0, &ugs::Outcome::code) >= number; });
+  }
+
   const std::string address = "127.0.0.1:" + std::to_string(port);
-  ugs::Client client{address, PublicKeyPem()};
+  ugs::Client client{address, PublicKeyPem(), std::chrono::milliseconds::max()};
   ugs::Client hasty{address, PublicKeyPem(), 400ms};
+  std::vector<ugs::Outcome> outcomes;  // guarded by `mutex`
 };
 
 TEST_F(ClientTest, ReturnsTheCodeWhateverItIs) {
   for (const int code : {0, 1, 2, -7}) {
     AnswerWith(std::to_string(code));
     EXPECT_EQ(client.Greet(), code);
+    EXPECT_EQ(client.LastError().kind, code == 2 ? ugs::ErrorKind::Refused : ugs::ErrorKind::None);
   }
   AnswerWith("1x");
-  EXPECT_THROW(client.Greet(), std::runtime_error);
+  EXPECT_EQ(client.Greet(), std::nullopt);
+  const ugs::Counters counters = client.GetCounters();
+  EXPECT_EQ((std::vector{counters.sent, counters.counted, counters.refused, counters.unanswered}),
+            (std::vector<std::uint64_t>{5, 1, 1, 1}));
+  EXPECT_LT(std::chrono::system_clock::now() - counters.lastCounted.value(), 20s);
 }
 
-TEST_F(ClientTest, ASlowServerNeverHasASecondRequestOfTheSameClient) {
+TEST_F(ClientTest, AnAnswerThatStaysAwayIsGivenUpWithItsConnection) {
   EXPECT_TRUE(Await([this] { return hasty.Greet(), AnswerWith("") == 1; }));
-  EXPECT_EQ(hasty.Greet(), std::nullopt);
+  EXPECT_EQ(hasty.LastError().kind, ugs::ErrorKind::NoAnswer);
   transport->Reply(Received(0).first, "2");  // late: it must not be taken for the next request's
   AnswerWith("1");
   std::optional<int> code;
   EXPECT_TRUE(Await([&] { return (code = hasty.Greet()).has_value(); }));
   EXPECT_EQ(code, 1);
   EXPECT_EQ(AnswerWith(""), 2U);
+  EXPECT_EQ(hasty.GetCounters().reconnects, 1U);
 }
 
 TEST_F(ClientTest, TheLateAnswerToAnInterruptedCallIsNotTheNextOnes) {
@@ -232,46 +273,167 @@ TEST_F(ClientTest, AfterALostConnectionItAsksAnewAndNothingWasQueued) {
   EXPECT_TRUE(Await([this] { return hasty.Greet(), AnswerWith("1") == 1; }));
   transport.reset();
   for (int i = 0; i < 2; ++i) EXPECT_EQ(hasty.Greet(), std::nullopt);
+  EXPECT_EQ(hasty.LastError().kind, ugs::ErrorKind::NotConnected);
   transport = std::make_unique<KorvaneUGSZMQ>();
   Start();
   EXPECT_TRUE(Await([this] { return hasty.Greet() == 1; }));
   EXPECT_EQ(AnswerWith(""), 2U);
 }
 
+TEST_F(ClientTest, SaysWhyNothingWasSent) {
+  ugs::Client nowhere("no-such-host.invalid", PublicKeyPem());
+  EXPECT_EQ(nowhere.Greet(), std::nullopt);
+  EXPECT_EQ(nowhere.LastError().kind, ugs::ErrorKind::NoSuchHost);
+  EXPECT_THROW(client.Report({}), std::invalid_argument);
+  EXPECT_EQ(client.LastError().text, "KorvaneID is empty");
+  ugs::Client moved(std::move(client));
+  EXPECT_THROW(client.Greet(), std::logic_error);
+}
+
+TEST_F(ClientTest, AChangedKeyFileIsReadAgainAfterARefusal) {
+  const std::string file = testing::TempDir() + "ugs-key-" + std::to_string(getpid());
+  std::ofstream(file) << TextOf(UGS_VECTOR_KEY);
+  ugs::Client rekeyed(address, file);
+  AnswerWith("2");
+  EXPECT_EQ(rekeyed.Greet(), 2);
+  std::ofstream(file) << PublicKeyPem();
+  EXPECT_EQ(rekeyed.Greet(), 2);
+  EXPECT_EQ(rekeyed.Greet(), 2);
+  KorvaneControllerServer server(true, 0, ScrambledPrivateKey(), nullptr);
+  EXPECT_EQ(server.ProcessData(Received(1).second), UGSDefs::Failed);
+  EXPECT_EQ(server.ProcessData(Received(2).second), UGSDefs::Hello);
+  std::remove(file.c_str());
+}
+
+TEST_F(ClientTest, SignalsOfItsHostCostNothing) {
+  AnswerWith("0");
+  {
+    const ugs::BlockedSignals block;  // on the transport's thread, as the server does
+    Start();
+  }
+  struct sigaction handled = {};
+  handled.sa_handler = [](int) {
+  };
+  sigaction(SIGUSR1, &handled, nullptr);
+  const auto reporter = Reporting();
+  std::atomic<bool> done = false;
+  std::jthread caller([&] {
+    while (!done) EXPECT_EQ(client.Greet(), 0) << client.LastError().text;
+  });
+  for (int i = 0; i < 1000; ++i) {
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+      tgkill(getpid(), std::stoi(task.path().filename()), SIGUSR1);
+    }
+  }
+  done = true;
+  EXPECT_TRUE(AwaitCounted(std::ssize(Outcomes()) + 3));
+  EXPECT_EQ(std::ranges::count(Outcomes(), 0, &ugs::Outcome::code), std::ssize(Outcomes()));
+}
+
+TEST_F(ClientTest, AChildOfItsProcessIsTurnedAwayAndTheParentGoesOn) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "ThreadSanitizer knows no threads of a child";
+#endif
+  AnswerWith("0");
+  auto reporter = Reporting();
+  EXPECT_TRUE(AwaitCounted(1));
+  const std::size_t before = Outcomes().size();
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(10);
+    bool good = false;
+    try {
+      client.Greet();
+    } catch (const std::runtime_error&) {
+      good = true;
+    }
+    // As if it had become a daemon: the parent's reporter is silent here, and says so.
+    while (outcomes.size() == before) usleep(10'000);
+    good = good && outcomes.back().kind == ugs::ErrorKind::BadUsage;
+    const auto start = std::chrono::steady_clock::now();
+    reporter.reset();
+    { const ugs::Client gone(std::move(client)); }
+    _exit(good && std::chrono::steady_clock::now() - start < 1s ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(client.Greet(), 0);
+  EXPECT_TRUE(AwaitCounted(std::ssize(Outcomes()) + 1));
+}
+
 TEST_F(ClientTest, AReporterReportsOncePerPeriodUntilItIsDestroyed) {
   AnswerWith("0");
-  std::atomic<int> counted = 0;
-  const auto usage = [] {
-    return ugs::Usage{.id = "i", .cameras = {"c"}};
-  };
-  const auto count = [&](std::optional<int> code) {
-    counted += code == 0 ? 1 : 0;
-  };
-  const ugs::Reporter reporter(address, PublicKeyPem(), usage, 20ms, count, 1h);
-  EXPECT_TRUE(Await([&] { return counted >= 5; }));
+  const auto reporter = Reporting();
+  EXPECT_TRUE(AwaitCounted(5));
   Received(AnswerWith(""));  // destroyed while this one is waiting for its answer
 }
 
-TEST_F(ClientTest, AReporterWaitsLongerAfterEachFailureUpToItsPeriod) {
-  std::atomic<int> unanswered = 0;
+TEST_F(ClientTest, AReporterReportsWhenAskedAndSignsOffWithNothingInUse) {
+  AnswerWith("0");
+  const auto usage = [] {
+    ugs::Usage used = SomeUsage();
+    used.SetCount("PX", 3);
+    return used;
+  };
+  const auto reporter = Reporting(usage, 1h);
+  reporter->ReportNow();
+  EXPECT_TRUE(AwaitCounted(1));
+  EXPECT_EQ(reporter->SignOff(), 0);
+  KorvaneControllerServer server(true, 0, ScrambledPrivateKey(), nullptr);
+  for (const std::uint32_t inUse : {3U, 0U}) {
+    server.ProcessData(Received(inUse == 0 ? 1 : 0).second);
+    EXPECT_EQ(server.Records().Totals().numPX, inUse);
+  }
+}
+
+TEST_F(ClientTest, AReporterSurvivesWhatItsHostThrowsAndItsOwnEnd) {
+  AnswerWith("0");
+  const auto source = [calls = 0]() mutable {
+    if (++calls == 1) throw 7;
+    return SomeUsage();
+  };
+  std::unique_ptr<ugs::Reporter> reporter;
+  std::atomic<int> heard = 0;
+  std::atomic<bool> made = false;
+  const auto listener = [&](const ugs::Outcome& outcome) {
+    if (++heard == 1) {
+      EXPECT_EQ(outcome.kind, ugs::ErrorKind::BadUsage);
+      throw std::runtime_error("from a listener");
+    }
+    made.wait(false);
+    reporter.reset();
+    heard = 100;
+  };
+  Strings lines;
+  const auto keepLine = [&](const std::string& line) {
+    lines.push_back(line);
+  };
+  reporter = std::make_unique<ugs::Reporter>(address, PublicKeyPem(), source, 20ms, listener, 1h, keepLine);
+  made = true;
+  made.notify_all();
+  EXPECT_TRUE(Await([&] { return heard == 100; }));
+  EXPECT_EQ(lines, (Strings{"an exception of an unknown type", "the listener threw: from a listener"}));
+}
+
+TEST_F(ClientTest, AReporterTriesAgainSoonAndThenLessAndLessOften) {
   const auto usage = []() -> ugs::Usage {
     throw std::runtime_error("no figures");
-  };
-  const auto count = [&](std::optional<int> code) {
-    unanswered += code ? 0 : 1;
   };
   TakeWaits();
   waitsAreInstant = true;
   {
-    const ugs::Reporter reporter(address, PublicKeyPem(), usage, 4s, count);
-    EXPECT_TRUE(Await([&] { return unanswered > 100; }));
+    const auto reporter = Reporting(usage, 75s);
+    EXPECT_TRUE(Await([&] { return Outcomes().size() > 100; }));
   }
   waitsAreInstant = false;
-  const std::vector<long> waits = TakeWaits();
-  EXPECT_LE(waits[1], 1500);  // from half of 1, 2 and 4 s to one and a half
-  EXPECT_LE(waits[2], 3000);
-  EXPECT_LE(std::ranges::max(waits), 6000);
-  EXPECT_GT(std::ranges::max(waits), 3000);
+  std::vector<long> waits = TakeWaits();
+  EXPECT_LE(waits.at(0), 75'000);
+  EXPECT_LE(waits.at(1), 10'000);  // so the gap of 75 s, a time-out of 30 s and this is below 118 s
+  EXPECT_LE(waits.at(2), 20'000);
+  EXPECT_GE(waits.at(3), 20'000);
+  EXPECT_GE(waits.at(6), 50'000);
+  EXPECT_LE(std::ranges::max(waits), 100'000);
 }
 
 TEST(WriteDocumentTest, EscapesStringsAndSaysZeroForWhatIsLeftOut) {
@@ -283,10 +445,29 @@ TEST(WriteDocumentTest, EscapesStringsAndSaysZeroForWhatIsLeftOut) {
       R"("NeuralPack":0}})");
 }
 
-TEST(WriteDocumentTest, WhatALayoutDoesNotCarryIsRefused) {
-  EXPECT_THROW(ugs::WriteDocument({.counts = {{"PX", 1}}, .layout = "legacy"}), std::invalid_argument);
-  EXPECT_THROW(ugs::WriteDocument({.counts = {{"maxcameras", 1}}}), std::invalid_argument);
-  EXPECT_THROW(ugs::WriteDocument({.layout = "v7"}), std::invalid_argument);
+TEST(WriteDocumentTest, WhatTheServerWouldRefuseOrMisreadIsRefusedWithTheFieldsName) {
+  const auto refusal = [](const std::function<void(ugs::Usage&)>& spoil) {
+    ugs::Usage usage = SomeUsage();
+    try {
+      spoil(usage);
+      return ugs::WriteDocument(usage);
+    } catch (const std::invalid_argument& error) {
+      const std::string text = error.what();
+      return text.substr(0, text.find(" It has"));
+    }
+  };
+  EXPECT_EQ(refusal([](auto& usage) { usage.id = ""; }), "KorvaneID is empty");
+  EXPECT_EQ(refusal([](auto& usage) { usage.id = std::string("a\0b", 3); }), "KorvaneID holds a NUL byte");
+  EXPECT_EQ(refusal([](auto& usage) { usage.container = "\xc3\x28"; }), "DockerID is not UTF-8");
+  EXPECT_EQ(refusal([](auto& usage) { usage.cameras = {""}; }), "CamRtspUrls holds no URL");
+  EXPECT_EQ(refusal([](auto& usage) { usage.cameras.push_back("\xff"); }), "CamRtspUrls is not UTF-8");
+  EXPECT_EQ(refusal([](auto& usage) { usage.layout = "v7"; }), "there is no layout \"v7\"");
+  EXPECT_EQ(refusal([](auto& usage) { usage.SetCount("PX", -1); }),
+            "count PX is -1, not from 0 to 4294967295");
+  EXPECT_EQ(refusal([](auto& usage) { usage.counts["maxcamera"] = 1; }),
+            "layout v6 carries no count \"maxcamera\"; did you mean MaxCameras?");
+  EXPECT_THROW(ugs::WriteDocument({.id = "i", .cameras = {"c"}, .counts = {{"PX", 1}}, .layout = "legacy"}),
+               std::invalid_argument);
 }
 
 TEST(ParseAddressTest, TakesAHostWithOrWithoutAPort) {

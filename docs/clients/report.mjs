@@ -34,21 +34,33 @@ function connect(server) {
   return socket;
 }
 
-const [server, keyFile, identity, period, times = "0"] = process.argv.slice(2);
+// Seconds to the next try: at most 10 at first, and twice as long after each further failure, up to 100.
+function pauseAfter(failures, period) {
+  const most = Math.min(Math.min(10, period) * 2 ** (failures - 1), 100);
+  const least = failures === 1 ? 0 : most / 2;
+  return least + Math.random() * (most - least);
+}
+
+const [server, keyFile, identity, periodText, times = "0"] = process.argv.slice(2);
+const period = Number(periodText);
+if (!(period >= 1 && period <= 118)) {
+  console.error("the period must be from 1 to 118 seconds");
+  process.exit(2);
+}
 const publicKey = readFileSync(keyFile);
 let socket = connect(server);
-let pause = Number(period);
-await sleep(Math.random() * pause * 1000); // a fleet that starts together must not report together
+let failures = 0;
+await sleep(Math.random() * period * 1000); // a fleet that starts together must not report together
 for (let sent = 0; sent < Number(times) || times === "0"; ++sent) {
   await socket.send(seal(usage(identity), publicKey));
   try {
     console.log((await socket.receive()).toString());
-    pause = Number(period);
-  } catch { // lost at a rebuild, or the server is slow: reconnect, and back off
+    failures = 0;
+  } catch { // lost on the way, or the server is away: reconnect, so that a late answer is not the next one's
     console.error("no answer");
     socket.close();
     socket = connect(server);
-    pause = Math.min(pause * 2, 100);
+    ++failures;
   }
-  await sleep(pause * 1000);
+  await sleep((failures > 0 ? pauseAfter(failures, period) : period) * 1000);
 }

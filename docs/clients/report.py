@@ -54,22 +54,31 @@ def connect(server):
     return socket
 
 
+def pause_after(failures, period):
+    """Seconds to the next try: at most 10 at first, and twice as long after each further failure, up to 100."""
+    most = min(min(10, period) * 2 ** (failures - 1), 100)
+    return random.uniform(0 if failures == 1 else most / 2, most)
+
+
 def main(server, key_file, identity, period, times="0"):
+    period = float(period)
+    if not 1 <= period <= 118:
+        sys.exit("the period must be from 1 to 118 seconds")
     with open(key_file, "rb") as file:
         public_key = load_pem_public_key(file.read())
-    time.sleep(random.random() * float(period))  # a fleet that starts together must not report together
-    socket, sent, pause = connect(server), 0, float(period)
+    time.sleep(random.random() * period)  # a fleet that starts together must not report together
+    socket, sent, failures = connect(server), 0, 0
     while sent < int(times) or times == "0":
         socket.send(seal(json.dumps(usage(identity)).encode(), public_key))
         sent += 1
         if socket.poll(ANSWER_WITHIN * 1000):
             print(socket.recv().decode(), flush=True)
-            pause = float(period)
-        else:  # lost at a rebuild, or the server is slow: reconnect, and back off
+            failures = 0
+        else:  # lost on the way, or the server is away: reconnect, so that a late answer is not the next one's
             print("no answer", file=sys.stderr)
             socket.close()
-            socket, pause = connect(server), min(pause * 2, 100.0)
-        time.sleep(pause)
+            socket, failures = connect(server), failures + 1
+        time.sleep(pause_after(failures, period) if failures else period)
 
 
 if __name__ == "__main__":

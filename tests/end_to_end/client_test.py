@@ -23,7 +23,7 @@ def test_the_example_builds_with_cmake_and_pkg_config_and_is_counted(start, tmp_
     run("cmake", "-G", "Ninja", "-S", EXAMPLE, "-B", build, f"-DCMAKE_PREFIX_PATH={prefix}")
     run("cmake", "--build", build)
     flags = run("pkg-config", "--cflags", "--libs", "ugs-client", PKG_CONFIG_PATH=f"{prefix}/lib/pkgconfig").split()
-    strict = ("-std=c++20", "-Wall", "-Wextra", "-Wpedantic", "-Werror")
+    strict = ("-std=c++17", "-Wall", "-Wextra", "-Wpedantic", "-Werror")
     run("g++", *strict, EXAMPLE / "example.cpp", "-o", by_hand, *flags)
     start()
     for program in (by_hand, build / "example", build / "example-static"):

@@ -1,0 +1,62 @@
+#include "Resolver.h"
+
+#include <arpa/inet.h>
+#include <netdb.h>
+
+#include <array>
+#include <memory>
+#include <thread>
+
+#include "BlockedSignals.h"
+#include "Wakeup.h"
+
+namespace ugs {
+namespace {
+
+struct AddressesDeleter {
+  void operator()(addrinfo* list) const { freeaddrinfo(list); }
+};
+
+std::string Resolve(const std::string& host, std::string& error) {
+  addrinfo hints{};
+  hints.ai_family = AF_INET;  // the server listens on IPv4 only
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* list = nullptr;
+  if (const int code = getaddrinfo(host.c_str(), nullptr, &hints, &list); code != 0) {
+    error = "host " + host + ": " + gai_strerror(code);
+    return {};
+  }
+  const std::unique_ptr<addrinfo, AddressesDeleter> owner(list);
+  std::array<char, INET_ADDRSTRLEN> text{};
+  const auto* address = reinterpret_cast<const sockaddr_in*>(list->ai_addr);
+  return inet_ntop(AF_INET, &address->sin_addr, text.data(), text.size());
+}
+
+}  // namespace
+
+// Written by the lookup's thread before it raises `done`, read afterwards.
+struct Lookup::Shared {
+  std::string address;
+  std::string error;
+  Wakeup done;
+};
+
+Lookup::Lookup(const std::string& host) : shared_(std::make_shared<Shared>()) {
+  const BlockedSignals block;
+  std::thread([shared = shared_, host] {
+    shared->address = Resolve(host, shared->error);
+    shared->done.Raise();
+  }).detach();
+}
+
+int Lookup::Descriptor() const {
+  return shared_->done.Descriptor();
+}
+
+std::string Lookup::Take(std::string& error) const {
+  shared_->done.Clear();  // also orders what the thread wrote before what we read
+  error = shared_->error;
+  return shared_->address;
+}
+
+}  // namespace ugs
