@@ -20,7 +20,9 @@
 #include <vector>
 
 #include "Fleet.h"
+#include "InstanceKey.h"
 #include "Keygen.h"
+#include "Nearest.h"
 #include "Sealer.h"
 #include "UGSDefs.h"
 #include "UgsClient.h"
@@ -79,8 +81,11 @@ struct Target {
 
   void AddOptions(CLI::App& command) {
     command.add_option("--server", server, "HOST[:PORT] of the server; port 9304 if left out")
+        ->envname("UGS_SERVER")
         ->capture_default_str();
-    command.add_option("--key", key, "the server's public key, a PEM file")->capture_default_str();
+    command.add_option("--key", key, "the server's public key, a PEM file")
+        ->envname("UGS_KEY")
+        ->capture_default_str();
     command.add_option("--timeout", timeout, "seconds to wait for the answer")
         ->check(CLI::Range(0.001, 86400.0))
         ->capture_default_str();
@@ -99,11 +104,16 @@ struct Target {
     }
   }
 
-  [[nodiscard]] int PrintOutcome(std::optional<int> code, int expected) const {
+  template <typename Question>
+  [[nodiscard]] int Ask(Question question, int expected) const {
+    ugs::Client client = Connect();
+    const std::optional<int> code = question(client);
+    return PrintOutcome(code, client.LastError().text, expected);
+  }
+
+  [[nodiscard]] int PrintOutcome(std::optional<int> code, const std::string& whyNot, int expected) const {
     if (!code) {
-      const ugs::Address address = ugs::ParseAddress(server);
-      std::cerr << "ugs: no answer from host " << address.host << ", port " << address.port << " within "
-                << timeout << " s\n";
+      std::cerr << "ugs: " << whyNot << "\n";
       return kNoAnswer;
     }
     static const std::map<int, std::string> meanings{
@@ -118,6 +128,17 @@ struct Target {
     return *code == expected ? kDone : kRefused;
   }
 };
+
+// One value for each --camera, and no option for a URL: with an empty shell variable for its value, --camera
+// would else take the options that follow it.
+void AddCameras(CLI::App& command, std::vector<std::string>& cameras) {
+  const auto isNoOption = [](const std::string& url) {
+    return url.starts_with('-') ? "\"" + url + "\" is no camera URL" : std::string();
+  };
+  command.add_option("--camera", cameras, "RTSP URL of a camera; may be repeated")
+      ->allow_extra_args(false)
+      ->check(isNoOption);
+}
 
 // Digits only: strtoul(3) and the like would take a sign and blanks.
 bool ParseCount(std::string_view text, std::uint32_t& count) {
@@ -134,7 +155,9 @@ std::map<std::string, std::uint32_t> ParseCounts(const std::vector<std::string>&
     if (equals == std::string::npos || !ParseCount(std::string_view(use).substr(equals + 1), count)) {
       throw std::invalid_argument("--use " + use + " is not NAME=COUNT with a count from 0 to 4294967295");
     }
-    counts[use.substr(0, equals)] = count;
+    if (!counts.emplace(use.substr(0, equals), count).second) {
+      throw std::invalid_argument("--use names " + use.substr(0, equals) + " twice");
+    }
   }
   return counts;
 }
@@ -184,7 +207,10 @@ int ReportEvery(double seconds, const ugs::Usage& usage, const Target& target) {
   const ugs::Reporter reporter(
       target.server, target.key, [&usage] { return usage; },
       std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(seconds)),
-      [&](std::optional<int> code) { exitCode = target.PrintOutcome(code, UGSDefs::Ok); }, target.Timeout());
+      [&](const ugs::Outcome& outcome) {
+        exitCode = target.PrintOutcome(outcome.code, outcome.text, UGSDefs::Ok);
+      },
+      target.Timeout());
   int signal = 0;
   sigwait(&ending, &signal);
   return exitCode;
@@ -203,8 +229,9 @@ Command AddReport(CLI::App& app) {
   options->target.AddOptions(*command);
   auto* id = command->add_option("--id", options->usage.id, "identity of the instance (KorvaneID)");
   command->add_option("--docker", options->usage.container, "identity of its container (DockerID)");
-  command->add_option("--camera", options->usage.cameras, "RTSP URL of a camera; may be repeated");
-  command->add_option("--use", options->uses, "NAME=COUNT, as in MaxCameras=4; may be repeated");
+  AddCameras(*command, options->usage.cameras);
+  command->add_option("--use", options->uses, "NAME=COUNT, as in MaxCameras=4; may be repeated")
+      ->allow_extra_args(false);
   command->add_option("--layout", options->usage.layout, "layout of the document")
       ->check(CLI::IsMember(ugs::LayoutNames()))
       ->capture_default_str();
@@ -224,7 +251,24 @@ Command AddReport(CLI::App& app) {
     if (options->every > 0) return ReportEvery(options->every, options->usage, options->target);
     const std::string document =
         options->json.empty() ? ugs::WriteDocument(options->usage) : ReadText(options->json);
-    return options->target.PrintOutcome(options->target.Connect().SendDocument(document), UGSDefs::Ok);
+    return options->target.Ask([&](ugs::Client& client) { return client.SendDocument(document); },
+                               UGSDefs::Ok);
+  };
+}
+
+Command AddKey(CLI::App& app) {
+  auto* command =
+      app.add_subcommand("key", "print the name of an instance in the server's log (\"Deleting korvane\")");
+  const auto usage = std::make_shared<ugs::Usage>();
+  command->add_option("--id", usage->id, "identity of the instance (KorvaneID)")->required();
+  AddCameras(*command, usage->cameras);
+  return [usage] {
+    const std::string key = ugs::InstanceKey(usage->id, usage->cameras);
+    if (key.empty())
+      throw std::invalid_argument(
+          "key needs an identity and at least one camera, in the order of the reports");
+    std::cout << key << "\n";
+    return kDone;
   };
 }
 
@@ -233,7 +277,7 @@ Command AddPing(CLI::App& app) {
   const auto target = std::make_shared<Target>();
   target->AddOptions(*command);
   return [target] {
-    return target->PrintOutcome(target->Connect().Greet(), UGSDefs::Hello);
+    return target->Ask([](ugs::Client& client) { return client.Greet(); }, UGSDefs::Hello);
   };
 }
 
@@ -242,8 +286,12 @@ Command AddFleet(CLI::App& app) {
       app.add_subcommand("fleet", "simulate a fleet: load, latencies, and a check of the server's sums");
   const auto options = std::make_shared<FleetOptions>();
   options->key = DefaultKey();
-  command->add_option("--server", options->server, "HOST[:PORT] of the server")->capture_default_str();
-  command->add_option("--key", options->key, "the server's public key, a PEM file")->capture_default_str();
+  command->add_option("--server", options->server, "HOST[:PORT] of the server")
+      ->envname("UGS_SERVER")
+      ->capture_default_str();
+  command->add_option("--key", options->key, "the server's public key, a PEM file")
+      ->envname("UGS_KEY")
+      ->capture_default_str();
   command->add_option("--instances", options->instances, "how many instances report")
       ->check(CLI::Range(1, 1'000'000))
       ->capture_default_str();
@@ -280,12 +328,20 @@ Command AddFleet(CLI::App& app) {
 int main(int argc, char** argv) {
   CLI::App app("Keys, reports and checks for a KorvaneUGS server.", "ugs");
   app.require_subcommand(1);
+  app.set_version_flag("--version", "ugs " + std::string(UGSDefs::kVersion));
   app.footer("Exit codes: 0 done, 1 the server refused, 2 usage error, 3 no answer.");
   const std::map<std::string, Command> commands{
       {"keygen", AddKeygen(app)}, {"fingerprint", AddFingerprint(app)},
       {"report", AddReport(app)}, {"ping", AddPing(app)},
-      {"fleet", AddFleet(app)},
+      {"fleet", AddFleet(app)},   {"key", AddKey(app)},
   };
+  if (argc > 1 && argv[1][0] != '-' && !commands.contains(argv[1])) {
+    std::vector<std::string> names;
+    for (const auto& [name, command] : commands) names.push_back(name);
+    std::cerr << "ugs: there is no command \"" << argv[1] << "\"; did you mean "
+              << ugs::Nearest(argv[1], names) << "?\n";
+    return kUsageError;
+  }
   try {
     app.parse(argc, argv);
     return commands.at(app.get_subcommands().front()->get_name())();
