@@ -9,7 +9,6 @@
 
 namespace {
 
-constexpr std::chrono::milliseconds kConnectTimeout = std::chrono::seconds(60);
 constexpr std::uint32_t kConnectBatch = 100;  // what a listener's backlog takes at once
 constexpr rlim_t kOwnDescriptors = 64;        // of this process, beside the connections
 constexpr const char* kMonitorEndpoint = "inproc://events";
@@ -32,7 +31,8 @@ void RaiseOpenFileLimit(std::uint32_t connections) {
 
 }  // namespace
 
-FleetConnections::FleetConnections(const ugs::Address& address, std::uint32_t count)
+FleetConnections::FleetConnections(const ugs::Address& address, std::uint32_t count,
+                                   std::chrono::milliseconds patience)
     : socket_(context_, zmq::socket_type::router), monitor_(context_, zmq::socket_type::pair) {
   RaiseOpenFileLimit(count);
   socket_.set(zmq::sockopt::linger, 0);
@@ -48,18 +48,19 @@ FleetConnections::FleetConnections(const ugs::Address& address, std::uint32_t co
   for (std::uint32_t i = 0; i < count; ++i) {
     socket_.set(zmq::sockopt::connect_routing_id, Name(i));
     socket_.connect(endpoint);
-    if ((i + 1) % kConnectBatch == 0 || i + 1 == count) AwaitConnected(i + 1, endpoint);
+    if ((i + 1) % kConnectBatch == 0 || i + 1 == count) AwaitConnected(i + 1, endpoint, patience);
   }
 }
 
 // Batch by batch, or a backlog that overflows would cost seconds of retries.
-void FleetConnections::AwaitConnected(std::uint32_t count, const std::string& endpoint) {
-  monitor_.set(zmq::sockopt::rcvtimeo, static_cast<int>(kConnectTimeout.count()));
+void FleetConnections::AwaitConnected(std::uint32_t count, const std::string& endpoint,
+                                      std::chrono::milliseconds patience) {
+  monitor_.set(zmq::sockopt::rcvtimeo, static_cast<int>(patience.count()));
   for (; connected_ < count; ++connected_) {
     zmq::message_t event;
     zmq::message_t source;
     if (!monitor_.recv(event) || !monitor_.recv(source)) {
-      throw std::runtime_error(fmt::format("only {} connections to {} came about", connected_, endpoint));
+      throw NoServer(fmt::format("only {} of {} connections to {} came about", connected_, count, endpoint));
     }
   }
 }

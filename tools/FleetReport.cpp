@@ -119,9 +119,11 @@ void PrintJson(const FleetOutcome& outcome) {
   number("p90_ms", outcome.latencies[1]);
   number("p99_ms", outcome.latencies[2]);
   number("max_ms", outcome.latencies[3]);
-  writer.Key("log_agrees");
-  writer.Bool(!outcome.log || outcome.log->agrees);
-  count("deletions", outcome.log ? outcome.log->deletions : 0);
+  if (outcome.log) {
+    writer.Key("log_agrees");
+    writer.Bool(outcome.log->agrees);
+    count("deletions", outcome.log->deletions);
+  }
   writer.EndObject();
   fmt::print("{}\n", buffer.GetString());
 }

@@ -17,6 +17,7 @@ using Seconds = std::chrono::duration<double>;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
 constexpr auto kProgressPeriod = std::chrono::milliseconds(500);
+constexpr double kLeastPatience = 5;  // seconds, for a server that is busy
 constexpr std::uint32_t kMaxCount = 50;
 // A prime: instances of neighbouring seeds share no generator.
 constexpr std::uint64_t kSeedStride = 1'000'003;
@@ -74,13 +75,27 @@ void FleetRun::Instance::AddTo(ugs::UsageCounts& sum) const {
   }
 }
 
+FleetRun::CtrlC::CtrlC() {
+  sigemptyset(&interrupt_);
+  sigaddset(&interrupt_, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &interrupt_, nullptr);  // before there are other threads
+}
+
+bool FleetRun::CtrlC::Pressed() {
+  constexpr timespec now{};
+  pressed_ = pressed_ || sigtimedwait(&interrupt_, nullptr, &now) == SIGINT;
+  return pressed_;
+}
+
 FleetRun::FleetRun(const FleetOptions& options, double reportsPerSecond)
     : options_(options),
       rate_(reportsPerSecond),
       connectionCount_(options.connections == 0 ? options.instances
                                                 : std::min(options.connections, options.instances)),
       sealer_(options.key),
-      connections_(ugs::ParseAddress(options.server), connectionCount_),
+      connections_(
+          ugs::ParseAddress(options.server), connectionCount_,
+          std::chrono::ceil<std::chrono::milliseconds>(Seconds(std::max(options.drain, kLeastPatience)))),
       inFlight_(connectionCount_) {
   for (std::uint32_t i = 0; i < options.instances; ++i) instances_.emplace_back(options, i);
   record_.connections = connectionCount_;
@@ -90,11 +105,11 @@ FleetRecord FleetRun::Run() {
   const auto total = static_cast<std::size_t>(rate_ * options_.duration);
   FleetSchedule schedule(rate_, options_.random, options_.seed);
   start_ = Clock::now();
-  while (record_.reports.size() < total) {
+  while (record_.reports.size() < total && !ctrlC_.Pressed()) {
     const double due = schedule.Next();
     // In open loop: the next report waits for its time, never for an answer.
     TakeAnswersUntil(start_ + ToClock(due), [] { return false; });
-    Send(due);
+    if (!ctrlC_.Pressed()) Send(due);
   }
   TakeAnswersUntil(Clock::now() + ToClock(options_.drain),
                    [this] { return answered_ == record_.reports.size(); });
@@ -116,7 +131,7 @@ void FleetRun::TakeAnswersUntil(Clock::time_point deadline, Condition done) {
   while (true) {
     while (const auto answer = connections_.Receive()) Take(*answer);
     ShowProgress(false);
-    if (Clock::now() >= deadline || done()) return;
+    if (Clock::now() >= deadline || done() || ctrlC_.Pressed()) return;
     connections_.WaitForAnswer(std::min(deadline, Clock::now() + kProgressPeriod));
   }
 }

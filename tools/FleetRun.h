@@ -1,5 +1,6 @@
 #pragma once
 
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -22,8 +23,8 @@ class FleetRun {
   // Makes the connections. Throws as FleetConnections and ugs::Sealer do.
   FleetRun(const FleetOptions& options, double reportsPerSecond);
 
-  // Takes the duration of the run and up to the drain time. Shows progress on a terminal. Throws
-  // std::runtime_error if the server answers what no server should.
+  // Takes the duration of the run and up to the drain time, or ends with what there is at Ctrl-C. Shows
+  // progress on a terminal. Throws std::runtime_error if the server answers what no server should.
   [[nodiscard]] FleetRecord Run();
 
  private:
@@ -47,12 +48,24 @@ class FleetRun {
     Counts counted_;
   };
 
+  // SIGINT is held back from the first moment on, and looked for between two steps.
+  class CtrlC {
+   public:
+    CtrlC();
+    [[nodiscard]] bool Pressed();
+
+   private:
+    sigset_t interrupt_{};
+    bool pressed_ = false;
+  };
+
   void Send(double due);
   template <typename Condition>
   void TakeAnswersUntil(Clock::time_point deadline, Condition done);
   void Take(const FleetConnections::Answer& answer);
   void ShowProgress(bool last);
 
+  CtrlC ctrlC_;
   const FleetOptions options_;
   const double rate_;
   const std::uint32_t connectionCount_;

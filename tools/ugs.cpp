@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "Fleet.h"
+#include "FleetConnections.h"
 #include "InstanceKey.h"
 #include "Keygen.h"
 #include "Nearest.h"
@@ -311,13 +312,15 @@ Command AddFleet(CLI::App& app) {
       ->capture_default_str();
   command->add_flag("--random", options->random, "reports come at random moments, not evenly");
   command
-      ->add_option("--drain,--patience", options->drain, "seconds to wait for answers after the last report")
+      ->add_option("--drain,--patience", options->drain,
+                   "seconds to wait for answers after the last report, and for a connection (5 at least)")
       ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
   command->add_flag("--json", options->json, "print the outcome as JSON");
   command->add_option("--csv", options->csv, "write one line per report to this file");
   command->add_option("--log", options->log, "the server's log file: compare its sums with the fleet's");
-  command->footer("Exit codes: 0 every report was counted (and the log agrees), 1 not so, 2 usage error.");
+  command->footer(
+      "Exit codes: 0 every report was counted (and the log agrees), 1 not so, 2 usage error, 3 no server.");
   return [options] {
     return RunFleet(*options) ? kDone : kRefused;
   };
@@ -347,6 +350,9 @@ int main(int argc, char** argv) {
     return commands.at(app.get_subcommands().front()->get_name())();
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kDone : kUsageError;
+  } catch (const NoServer& error) {
+    std::cerr << "ugs: " << error.what() << "\n";
+    return kNoAnswer;
   } catch (const std::exception& error) {
     std::cerr << "ugs: " << error.what() << "\n";
     return kUsageError;

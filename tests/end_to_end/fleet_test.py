@@ -1,6 +1,8 @@
 """The simulator `ugs fleet`, and through it the server's sums."""
 
 import json
+import signal
+import time
 
 from support import END_OF_STATUS, begin_fleet, fill_log, sealed_report
 
@@ -15,6 +17,22 @@ def run(server, *arguments):
     fleet = begin(server, *arguments)
     output = fleet.communicate()[0]
     return fleet.returncode, output
+
+
+def test_without_a_server_it_says_so():
+    fleet = begin_fleet(*FEW, "--drain", "1")
+    assert fleet.wait() == 3
+
+
+def test_at_ctrl_c_the_outcome_so_far_is_printed(start, peer, tmp_path):
+    start()
+    peer.meet()
+    fleet = begin_fleet("--json", "--instances", "5", "--rate", "20", "--duration", "600", "--csv", tmp_path / "csv")
+    time.sleep(1)
+    fleet.send_signal(signal.SIGINT)
+    outcome = json.loads(fleet.communicate()[0])
+    assert 0 < outcome["reports"] < 600 and "log_agrees" not in outcome
+    assert len((tmp_path / "csv").read_text().splitlines()) == outcome["reports"] + 1
 
 
 def test_a_difference_or_a_refusal_is_a_failure(start, peer):
