@@ -1,6 +1,7 @@
 #include "Connection.h"
 
 #include <arpa/inet.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,7 +21,10 @@ namespace {
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-constexpr int kEvents = ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED | ZMQ_EVENT_CONNECT_RETRIED;
+// Few, however long nobody takes them: one for each connection that is made or lost.
+constexpr int kEvents = ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED;
+
+constexpr milliseconds kProbe(50);
 
 // A server whose host vanished closes nothing; the heartbeat finds out (ZMTP 3.1).
 constexpr int kHeartbeatMilliseconds = 10000;
@@ -80,6 +84,18 @@ Outcome Failure(ErrorKind kind, std::string text) {
   return {std::nullopt, kind, std::move(text)};
 }
 
+class Descriptor {
+ public:
+  explicit Descriptor(int number) : number_(number) {}
+  ~Descriptor() { close(number_); }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  [[nodiscard]] int Number() const { return number_; }
+
+ private:
+  const int number_;
+};
+
 const char* const kInterrupted = "the call was interrupted";
 
 }  // namespace
@@ -92,16 +108,23 @@ Client::Connection::Link::Link(zmq::context_t& context)
   // The name of an earlier link's monitor may not be free yet.
   static std::atomic<unsigned> number = 0;
   const std::string endpoint = "inproc://connection-" + std::to_string(++number);
+  monitor.set(zmq::sockopt::rcvhwm, 0);  // libzmq's I/O thread would wait for room
   // Before the connect, so that no event is missed.
   if (zmq_socket_monitor(socket.handle(), endpoint.c_str(), kEvents) != 0) throw zmq::error_t();
   monitor.connect(endpoint);
+}
+
+Client::Connection::Link::~Link() {
+  // First, while there is somebody at the other end: libzmq's I/O thread would wait for one with its next
+  // event.
+  zmq_socket_monitor(socket.handle(), nullptr, 0);
 }
 
 Client::Connection::Connection(Address address, std::string key, milliseconds replyTimeout) try
     : process_(getpid()),
       address_(std::move(address)),
       key_(std::move(key)),
-      replyTimeout_(replyTimeout),
+      replyTimeout_(std::max(replyTimeout, milliseconds(0))),
       sealer_(key_),
       context_(IoThreads()) {
   link_.emplace(context_);
@@ -163,7 +186,7 @@ Outcome Client::Connection::Exchange(const std::string& envelope, Clock::time_po
     RequireDescriptors();
     link_.emplace(context_);
   }
-  if (!link_->connecting) {
+  if (link_->address.empty()) {
     if (Outcome problem = AwaitAddress(deadline); problem.kind != ErrorKind::None) return problem;
   }
   if (Outcome problem = AwaitConnection(deadline); problem.kind != ErrorKind::None) return problem;
@@ -202,7 +225,7 @@ Outcome Client::Connection::AwaitAddress(Clock::time_point deadline) {
     if (host.empty()) return Failure(ErrorKind::NoSuchHost, error);
   }
   link_->socket.connect("tcp://" + host + ":" + std::to_string(address_.port));
-  link_->connecting = true;
+  link_->address = host;
   return {};
 }
 
@@ -226,8 +249,7 @@ Outcome Client::Connection::AwaitConnection(Clock::time_point deadline) {
     } else if (polled.socket) {
       return {};
     } else if (polled.timedOut) {
-      return Failure(ErrorKind::NotConnected, "no connection to " + Server() +
-                                                  (link_->refused ? ": nobody accepts one" : ": no answer"));
+      return Failure(ErrorKind::NotConnected, "no connection to " + Server() + ": " + WhyNotConnected());
     }
   }
 }
@@ -239,6 +261,7 @@ Outcome Client::Connection::AwaitAnswer(Clock::time_point deadline) {
     if (polled.interrupted) return Failure(ErrorKind::NoAnswer, kInterrupted);
     if (polled.socket) return {};  // also if the connection was lost right after it
     if (polled.other && TakeEvents()) {
+      if (Poll(ZMQ_POLLIN, Clock::now()).socket) return {};  // it came between the two looks
       return Failure(ErrorKind::NoAnswer, "the connection to " + Server() + " was lost before the answer");
     }
     if (polled.timedOut) {
@@ -257,16 +280,30 @@ bool Client::Connection::TakeEvents() {
     if (!frame.more() || frame.size() < sizeof event) continue;  // the endpoint
     std::memcpy(&event, frame.data(), sizeof event);
     lost = lost || event == ZMQ_EVENT_DISCONNECTED;
-    if (event == ZMQ_EVENT_CONNECT_RETRIED) {
-      link_->refused = true;
-      continue;
-    }
     link_->connected = event == ZMQ_EVENT_HANDSHAKE_SUCCEEDED;
     if (!link_->connected) continue;
     Count(
         [this](Counters& counters) { counters.reconnects += std::exchange(wasConnected_, true) ? 1U : 0U; });
   }
   return lost;
+}
+
+// libzmq tries again and again and does not say what is wrong: so one try of our own does.
+std::string Client::Connection::WhyNotConnected() const {
+  const Descriptor probe(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  sockaddr_in server{};
+  server.sin_family = AF_INET;
+  server.sin_port = htons(address_.port);
+  inet_pton(AF_INET, link_->address.c_str(), &server.sin_addr);
+  int error = 0;
+  socklen_t size = sizeof error;
+  if (connect(probe.Number(), reinterpret_cast<const sockaddr*>(&server), sizeof server) == 0)
+    return "no handshake";
+  if (errno != EINPROGRESS) return std::strerror(errno);
+  zmq_pollitem_t item{nullptr, probe.Number(), ZMQ_POLLOUT, 0};
+  if (PollUntil(&item, 1, Clock::now() + kProbe) == 0) return "no answer";
+  getsockopt(probe.Number(), SOL_SOCKET, SO_ERROR, &error, &size);
+  return error == 0 ? "no handshake" : std::strerror(error);
 }
 
 Outcome Client::Connection::ReceiveCode() {

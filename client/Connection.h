@@ -42,11 +42,14 @@ class __attribute__((visibility("hidden"))) Client::Connection {
   // What is given up together when an answer stays away.
   struct Link {
     explicit Link(zmq::context_t& context);
+    ~Link();
+    Link(const Link&) = delete;
+    Link& operator=(const Link&) = delete;
+
     zmq::socket_t socket;
     zmq::socket_t monitor;  // tells when a connection is made and when it is lost
-    bool connecting = false;
+    std::string address;    // that it connects to, once that is known
     bool connected = false;
-    bool refused = false;  // at least once since the link was made
   };
   struct Polled {
     bool timedOut;
@@ -67,6 +70,7 @@ class __attribute__((visibility("hidden"))) Client::Connection {
   Outcome ReceiveCode();
   void ReadKeyAgain();
   [[nodiscard]] std::string Server() const;
+  [[nodiscard]] std::string WhyNotConnected() const;
   template <typename Change>
   void Count(Change change);
 

@@ -21,6 +21,8 @@ namespace {
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
+constexpr milliseconds kLongestPeriod = std::chrono::hours(24 * 365);  // far from where a clock overflows
+
 // The bounds of the pause after a failure. With a time-out of 30 s and a period of up to 75 s, the second try
 // comes within 118 s of the last report.
 constexpr milliseconds kFirstPause = std::chrono::seconds(10);
@@ -50,7 +52,7 @@ class __attribute__((visibility("hidden"))) Reporter::Loop : public std::enable_
   Loop(Client client, Source source, milliseconds period, OutcomeListener listener, Log log)
       : client_(std::move(client)),
         source_(std::move(source)),
-        period_(period),
+        period_(std::min<milliseconds>(period, kLongestPeriod)),
         listener_(std::move(listener)),
         log_(std::move(log)) {
     if (period_ <= milliseconds(0)) throw std::invalid_argument("the period must be positive");
@@ -84,7 +86,8 @@ class __attribute__((visibility("hidden"))) Reporter::Loop : public std::enable_
   const OutcomeListener listener_;
   const Log log_;
   const pid_t process_ = getpid();
-  Wakeup wakeup_;  // ends a sleep
+  Wakeup wakeup_;                 // ends a sleep
+  std::recursive_mutex telling_;  // in a child of a fork: held while it calls the listener
   std::atomic<bool> stop_ = false;
   std::atomic<bool> signOff_ = false;
   std::optional<int> signOffCode_;  // the thread's until it is joined
@@ -127,8 +130,11 @@ void Reporter::Loop::JoinOrLeave() {
 }
 
 void Reporter::Loop::Stop() {
-  stop_ = true;             // before the wake-ups, whose waiters look at it
-  if (IsForeign()) return;  // the wake-ups are the parent's, too, and the thread is not here
+  stop_ = true;       // before the wake-ups, whose waiters look at it
+  if (IsForeign()) {  // the wake-ups are the parent's, too, and the thread is not here
+    const std::scoped_lock told(telling_);
+    return;
+  }
   wakeup_.Raise();
   client_.Interrupt();
   JoinOrLeave();
@@ -255,7 +261,8 @@ void Reporter::Loop::TellOfFork() {
     const BlockedSignals block;
     std::thread([self = shared_from_this()] {
       std::this_thread::sleep_for(kAfterFork);
-      if (self->stop_) return;
+      const std::scoped_lock lock(self->telling_);
+      if (self->stop_ || self->signOff_) return;
       self->Tell({std::nullopt, ErrorKind::BadUsage, kForked});
     }).detach();
   } catch (...) {

@@ -4,6 +4,7 @@
 #include <netdb.h>
 
 #include <array>
+#include <exception>
 #include <memory>
 #include <thread>
 
@@ -44,7 +45,11 @@ struct Lookup::Shared {
 Lookup::Lookup(const std::string& host) : shared_(std::make_shared<Shared>()) {
   const BlockedSignals block;
   std::thread([shared = shared_, host] {
-    shared->address = Resolve(host, shared->error);
+    try {
+      shared->address = Resolve(host, shared->error);
+    } catch (const std::exception& error) {
+      shared->error = error.what();
+    }
     shared->done.Raise();
   }).detach();
 }

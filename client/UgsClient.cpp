@@ -64,7 +64,7 @@ std::optional<int> Client::Report(const Usage& usage) {
   const WipeOnExit wipe(document);
   try {
     document = WriteDocument(usage);
-  } catch (const std::invalid_argument& error) {
+  } catch (const std::exception& error) {
     connection.lastError = {ErrorKind::BadUsage, error.what()};
     throw;
   }
@@ -77,8 +77,9 @@ std::optional<int> Client::SendDocument(std::string_view document) {
     Outcome outcome = connection.Request(document);
     connection.lastError = {outcome.kind, std::move(outcome.text)};
     return outcome.code;
-  } catch (const std::runtime_error& error) {
-    connection.lastError = {ErrorKind::CannotSeal, error.what()};
+  } catch (const std::exception& error) {
+    connection.lastError = {connection.IsForeign() ? ErrorKind::BadUsage : ErrorKind::CannotSeal,
+                            error.what()};
     throw;
   }
 }

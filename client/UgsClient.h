@@ -10,9 +10,15 @@
 // Or let a ugs::Reporter do it over and over. Keys and plaintexts are wiped when a report is sealed.
 //
 // The library's threads block all signals, and a signal that interrupts a call of a host's thread costs
-// nothing. Neither clients nor reporters survive a fork(2) or daemon(3): make them afterwards. In the child,
-// calls of those that the parent made throw std::runtime_error, and their destructors let go of them without
-// a wait. Only std:: exceptions are thrown.
+// nothing.
+//
+// Neither clients nor reporters survive a fork(2) or daemon(3): make them afterwards. In the child, calls of
+// those that the parent made throw std::runtime_error (Interrupt does nothing, LastError is the parent's),
+// and their destructors let go of them without a wait. A child that lives for a second without exec(3) hears
+// from the reporter's listener that nothing is reported there; it is called on a thread of its own.
+//
+// Only std:: exceptions are thrown. A host name is looked up on a thread that may outlive its client: do not
+// unload the library.
 #pragma once
 
 #include <chrono>
@@ -173,7 +179,8 @@ class UGS_API Reporter {
   void ReportNow();
 
   // Sends a last report with all counts 0 (see Client::SignOff) and ends the reporting. Waits for its answer,
-  // for the reply time-out at most; nothing without one. Not from a source or listener.
+  // and before that for a report in flight, each for the reply time-out at most; nothing without one. Not
+  // from a source or listener.
   std::optional<int> SignOff();
 
   // Any thread.

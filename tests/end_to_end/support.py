@@ -31,7 +31,7 @@ PORT = 9304
 LOG_SIZE = 10 * 1024 * 1024
 HALF_HOUR = 1801  # seconds of wall clock after which a server is rebuilt
 END_OF_STATUS = "[info] " + 52 * "-" + "\n"
-TIMEOUT = int(os.environ.get("TMO", "60"))  # seconds; no test depends on how much of it is needed
+TIMEOUT = 60
 
 
 def wait_until(condition):
