@@ -164,8 +164,12 @@ std::string Client::Connection::Server() const {
 
 Outcome Client::Connection::Request(std::string_view plaintext) {
   RequireOwnProcess();
+  return RequestSealed(sealer_.Seal(plaintext));
+}
+
+Outcome Client::Connection::RequestSealed(const std::string& envelope) {
+  RequireOwnProcess();
   const Clock::time_point deadline = DeadlineAfter(replyTimeout_);
-  const std::string envelope = sealer_.Seal(plaintext);
   try {
     Outcome outcome = Exchange(envelope, deadline);
     // What was not answered may be answered late: not on a connection that the next request uses.

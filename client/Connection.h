@@ -26,6 +26,7 @@ class __attribute__((visibility("hidden"))) Client::Connection {
 
   // Throws std::runtime_error if the request cannot be sealed, or in a process that was forked.
   Outcome Request(std::string_view plaintext);
+  Outcome RequestSealed(const std::string& envelope);
 
   // Any thread. Ends the wait that is going on, or else the next one.
   void Interrupt() const;

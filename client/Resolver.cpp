@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netdb.h>
+#include <poll.h>
 
 #include <array>
 #include <exception>
@@ -56,6 +57,11 @@ Lookup::Lookup(const std::string& host) : shared_(std::make_shared<Shared>()) {
 
 int Lookup::Descriptor() const {
   return shared_->done.Descriptor();
+}
+
+bool Lookup::IsDone() const {
+  pollfd state{Descriptor(), POLLIN, 0};
+  return poll(&state, 1, 0) == 1;
 }
 
 std::string Lookup::Take(std::string& error) const {

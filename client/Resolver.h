@@ -16,6 +16,8 @@ class Lookup {
   // Readable once the lookup is done.
   [[nodiscard]] int Descriptor() const;
 
+  [[nodiscard]] bool IsDone() const;
+
   // Once it is done: the address, or empty and the reason in `error`.
   [[nodiscard]] std::string Take(std::string& error) const;
 

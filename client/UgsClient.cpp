@@ -72,9 +72,22 @@ std::optional<int> Client::Report(const Usage& usage) {
 }
 
 std::optional<int> Client::SendDocument(std::string_view document) {
+  return Ask([&](Connection& connection) { return connection.Request(document); });
+}
+
+std::optional<int> Client::SendSealed(std::string_view payload) {
+  return Ask([&](Connection& connection) { return connection.RequestSealed(std::string(payload)); });
+}
+
+std::optional<int> Client::Greet() {
+  return SendDocument(UGSDefs::kGreeting);
+}
+
+template <typename Question>
+std::optional<int> Client::Ask(Question question) {
   Connection& connection = Get();
   try {
-    Outcome outcome = connection.Request(document);
+    Outcome outcome = question(connection);
     connection.lastError = {outcome.kind, std::move(outcome.text)};
     return outcome.code;
   } catch (const std::exception& error) {
@@ -82,10 +95,6 @@ std::optional<int> Client::SendDocument(std::string_view document) {
                             error.what()};
     throw;
   }
-}
-
-std::optional<int> Client::Greet() {
-  return SendDocument(UGSDefs::kGreeting);
 }
 
 std::optional<int> Client::SignOff(Usage usage) {

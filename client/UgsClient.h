@@ -120,12 +120,13 @@ class UGS_API Client {
   Client(Client&&) noexcept;  // of the other, every call but assignment and destruction throws
   Client& operator=(Client&&) noexcept;
 
-  // Each of these seals one request, sends it and waits for the answer, together for at most the reply
-  // time-out. Returns the server's reply code, or nothing without an answer; LastError says why. Throws
+  // Each of these seals one request, sends it and waits for the answer, for at most the reply time-out.
+  // Returns the server's reply code, or nothing without an answer; LastError says why. Throws
   // std::runtime_error if the request cannot be sealed.
   std::optional<int> Report(const Usage& usage);  // 0 counted, 2 refused; throws as WriteDocument
   std::optional<int> SendDocument(std::string_view document);  // the same for any document, sent as it is
   std::optional<int> Greet();                                  // 1: the server is there and has our key
+  std::optional<int> SendSealed(std::string_view payload);     // as it is: it was sealed elsewhere
 
   // Reports that `usage` has ended: all its counts are 0, so the server's sums fall now instead of after 120
   // s. Its record stays that long, with nothing in use.
@@ -144,6 +145,8 @@ class UGS_API Client {
   friend class Reporter;
   class Connection;
   Connection& Get() const;
+  template <typename Question>
+  std::optional<int> Ask(Question question);
   std::unique_ptr<Connection> connection_;
 };
 
