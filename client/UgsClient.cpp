@@ -39,7 +39,7 @@ Address ParseAddress(std::string_view server) {
 }
 
 Client::Client(std::string_view server, const std::string& key, std::chrono::milliseconds replyTimeout)
-    : connection_(std::make_unique<Connection>(ParseAddress(server), key, replyTimeout)) {}
+    : connection_(std::make_unique<Connection>(server, key, replyTimeout)) {}
 
 Client::~Client() {
   // In a child of the process that made it, the threads are missing that closing its sockets would wait for.

@@ -7,7 +7,8 @@
 //   ugs::Client client("10.0.0.5", "public.pem");
 //   if (client.Report(usage) != 0) std::puts(client.LastError().text.c_str());
 //
-// Or let a ugs::Reporter do it over and over. Keys and plaintexts are wiped when a report is sealed.
+// Or let a ugs::Reporter do it over and over, a ugs::ReporterGroup for many instances. Keys and plaintexts
+// are wiped when a report is sealed.
 //
 // The library's threads block all signals, and a signal that interrupts a call of a host's thread costs
 // nothing.
@@ -142,13 +143,14 @@ class UGS_API Client {
   void Interrupt();
 
  private:
-  friend class Reporter;
   class Connection;
   Connection& Get() const;
   template <typename Question>
   std::optional<int> Ask(Question question);
   std::unique_ptr<Connection> connection_;
 };
+
+class ReporterLoop;
 
 // Reports on a thread of its own, once a period, until it is destroyed. The first report comes at a random
 // moment of the first period, so that a fleet started together does not report together. After a request
@@ -190,8 +192,44 @@ class UGS_API Reporter {
   [[nodiscard]] Counters GetCounters() const;
 
  private:
-  class Loop;
-  std::shared_ptr<Loop> loop_;
+  std::shared_ptr<ReporterLoop> loop_;
+};
+
+// Reports for many instances, each as a Reporter would, on one thread and over few connections: for a process
+// that speaks for all containers of its machine. All calls may come from any thread, also from a source or
+// listener, and return at once; of a name that has not joined, they do nothing.
+class UGS_API ReporterGroup {
+ public:
+  using Source = Reporter::Source;
+  using Log = Reporter::Log;
+  // `name` is the one that joined; empty for what the group as a whole has to say, after a fork.
+  using Listener = std::function<void(const std::string& name, const Outcome& outcome)>;
+
+  // Reports for nobody yet. Parameters, threads and exceptions are those of Reporter.
+  ReporterGroup(std::string_view server, const std::string& key,
+                std::chrono::milliseconds period = std::chrono::seconds(30), Listener answered = {},
+                std::chrono::milliseconds replyTimeout = std::chrono::seconds(30), Log log = {});
+  ~ReporterGroup();  // as Reporter's
+  ReporterGroup(const ReporterGroup&) = delete;
+  ReporterGroup& operator=(const ReporterGroup&) = delete;
+
+  // The first report comes at a random moment of the first period. With a name that has joined, the source is
+  // replaced, and the instance reports at once.
+  void Join(const std::string& name, Source usage);
+
+  void ReportNow(const std::string& name);  // for a usage that has changed; its period begins anew
+
+  // Sends a last report with all counts 0 (see Client::SignOff); with its outcome, counted or not, the
+  // instance leaves.
+  void SignOff(const std::string& name);
+
+  // Nothing more is reported: the server forgets the instance after 120 s.
+  void Leave(const std::string& name);
+
+  [[nodiscard]] Counters GetCounters() const;  // of all instances together
+
+ private:
+  std::shared_ptr<ReporterLoop> loop_;
 };
 
 }  // namespace ugs

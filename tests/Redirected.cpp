@@ -3,7 +3,6 @@
 #include <malloc.h>
 #include <openssl/bn.h>
 #include <openssl/crypto.h>
-#include <poll.h>
 
 #include <cstdlib>
 #include <ctime>
@@ -13,9 +12,8 @@
 
 namespace {
 
-std::mutex mutex;  // guards the next three
+std::mutex mutex;  // guards the next two
 std::vector<std::string> wiped;
-std::vector<long> waits;
 std::vector<unsigned> seeds;
 
 const std::thread::id testThread = std::this_thread::get_id();
@@ -34,10 +32,6 @@ std::vector<std::string> TakeWiped() {
 std::vector<unsigned> TakeSeeds() {
   const std::scoped_lock lock(mutex);
   return std::exchange(seeds, {});
-}
-std::vector<long> TakeWaits() {
-  const std::scoped_lock lock(mutex);
-  return std::exchange(waits, {});
 }
 
 extern "C" {
@@ -90,15 +84,6 @@ decltype(nanosleep) RealSleep __asm__("__real_nanosleep");
 decltype(nanosleep) OnSleep __asm__("__wrap_nanosleep");
 int OnSleep(const timespec* time, timespec* left) {
   return waitsAreInstant && std::this_thread::get_id() != testThread ? 0 : RealSleep(time, left);
-}
-
-decltype(poll) RealPoll __asm__("__real_poll");
-decltype(poll) OnPoll __asm__("__wrap_poll");
-int OnPoll(pollfd* items, nfds_t count, int timeout) {
-  if (!waitsAreInstant) return RealPoll(items, count, timeout);
-  const std::scoped_lock lock(mutex);
-  waits.push_back(timeout);
-  return 0;
 }
 
 }  // extern "C"

@@ -19,7 +19,5 @@ std::vector<unsigned> TakeSeeds();
 
 inline std::atomic<int> trims = 0;  // calls of malloc_trim(3)
 
-// While this is true, poll(2) takes no time, and its milliseconds are noted. Nor does
-// nanosleep(2), except on the thread of the test.
+// While this is true, nanosleep(2) takes no time, except on the thread of the test.
 inline std::atomic<bool> waitsAreInstant = false;
-std::vector<long> TakeWaits();  // thread-safe

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <mutex>
 #include <set>
 #include <stdexcept>
@@ -19,6 +20,7 @@
 #include "KorvaneUGSZMQ.h"
 #include "PrivateKey.h"
 #include "Redirected.h"
+#include "ReporterLoop.h"
 #include "Sealer.h"
 #include "TestSupport.h"
 #include "UgsClient.h"
@@ -416,24 +418,86 @@ TEST_F(ClientTest, AReporterSurvivesWhatItsHostThrowsAndItsOwnEnd) {
   EXPECT_EQ(lines, (Strings{"an exception of an unknown type", "the listener threw: from a listener"}));
 }
 
-TEST_F(ClientTest, AReporterTriesAgainSoonAndThenLessAndLessOften) {
-  const auto usage = []() -> ugs::Usage {
-    throw std::runtime_error("no figures");
+TEST_F(ClientTest, AReporterThatFailsTriesAgainSoonAndThenLessAndLessOften) {
+  const auto reporter = Reporting([]() -> ugs::Usage { throw std::runtime_error("no figures"); });
+  const auto hasFailed = [this](std::size_t times) {
+    return Await([&] { return Outcomes().size() >= times; });
   };
-  TakeWaits();
-  waitsAreInstant = true;
-  {
-    const auto reporter = Reporting(usage, 75s);
-    EXPECT_TRUE(Await([&] { return Outcomes().size() > 100; }));
+  EXPECT_TRUE(hasFailed(2));
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(hasFailed(6));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 40ms + 80ms + 160ms);
+}
+
+TEST(PauseAfterTest, TheFirstIsShortEnoughForALostReportAndTheyDoubleUpTo100s) {
+  std::minstd_rand random;
+  std::vector<std::chrono::milliseconds> longest(8);
+  for (int i = 0; i < 800; ++i) {
+    auto& most = longest[static_cast<std::size_t>(i % 8)];
+    most = std::max(most, ugs::PauseAfter(i % 8 + 1, 75s, random));
   }
-  waitsAreInstant = false;
-  std::vector<long> waits = TakeWaits();
-  EXPECT_LE(waits.at(0), 75'000);
-  EXPECT_LE(waits.at(1), 10'000);  // so the gap of 75 s, a time-out of 30 s and this is below 118 s
-  EXPECT_LE(waits.at(2), 20'000);
-  EXPECT_GE(waits.at(3), 20'000);
-  EXPECT_GE(waits.at(6), 50'000);
-  EXPECT_LE(std::ranges::max(waits), 100'000);
+  const std::vector<std::chrono::seconds> bounds{10s, 20s, 40s, 80s, 100s, 100s, 100s, 100s};
+  for (std::size_t i = 0; i < bounds.size(); ++i) {
+    EXPECT_LE(longest[i], bounds[i]);  // so the gap of 75 s, a time-out of 30 s and the first is below 118 s
+    EXPECT_GE(longest[i], bounds[i] * 3 / 4);
+  }
+}
+
+TEST_F(ClientTest, AGroupReportsForThoseThatHaveJoined) {
+  AnswerWith("0");
+  std::map<std::string, int> heard;
+  const auto keep = [&](const std::string& name, const ugs::Outcome& outcome) {
+    const std::scoped_lock lock(mutex);
+    if (outcome.code == 0) ++heard[name];
+  };
+  const auto countOf = [&](const std::string& name) {
+    const std::scoped_lock lock(mutex);
+    return heard[name];
+  };
+  const auto usageOf = [](const std::string& id) {
+    return [id] {
+      return ugs::Usage{.id = id, .cameras = {"c"}, .counts = {{"PX", 3}}};
+    };
+  };
+  ugs::ReporterGroup group(address, PublicKeyPem(), 20ms, keep);
+  for (const char* name : {"a", "b", "c"}) group.Join(name, usageOf(name));
+  EXPECT_TRUE(Await([&] { return countOf("a") > 3 && countOf("b") > 3 && countOf("c") > 3; }));
+  group.Join("a", usageOf("another"));
+  group.SignOff("b");
+  group.Leave("c");
+  const auto rest = [&] {
+    const int before = countOf("a");
+    EXPECT_TRUE(Await([&] { return countOf("a") > before + 5; }));
+    return std::pair(countOf("b"), countOf("c"));
+  };
+  rest();  // what was in flight has ended
+  EXPECT_EQ(rest(), rest());
+  const std::size_t reports = AnswerWith("");
+  KorvaneControllerServer server(true, 0, ScrambledPrivateKey(), nullptr);
+  for (std::size_t i = 0; i < reports; ++i) server.ProcessData(Received(i).second);
+  EXPECT_EQ(server.Records().Totals().numPX, 9U);  // of "a", "another" and "c"
+}
+
+TEST_F(ClientTest, WhatOneOfAGroupLearnsOfTheServerAllOfThemHear) {
+  transport.reset();
+  std::map<std::string, ugs::ErrorKind> heard;
+  const auto keep = [&](const std::string& name, const ugs::Outcome& outcome) {
+    const std::scoped_lock lock(mutex);
+    heard[name] = outcome.kind;
+  };
+  const auto count = [](const char* of) {
+    return std::distance(std::filesystem::directory_iterator(of), {});
+  };
+  const auto before = count("/proc/self/fd");
+  ugs::ReporterGroup group(address, PublicKeyPem(), 20ms, keep, 300ms);
+  for (int i = 0; i < 100; ++i) group.Join(std::to_string(i), SomeUsage);
+  EXPECT_TRUE(Await([&] {
+    const std::scoped_lock lock(mutex);
+    return heard.size() == 100;
+  }));
+  EXPECT_LT(count("/proc/self/fd"), before + 30);
+  EXPECT_TRUE(std::ranges::all_of(
+      heard, [](const auto& each) { return each.second == ugs::ErrorKind::NotConnected; }));
 }
 
 TEST(WriteDocumentTest, EscapesStringsAndSaysZeroForWhatIsLeftOut) {
