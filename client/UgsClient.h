@@ -64,6 +64,11 @@ UGS_API std::vector<std::string> CountKeys(std::string_view layout);
 // NUL or is not UTF-8, an unknown layout, a count that the layout does not carry.
 UGS_API std::string WriteDocument(const Usage& usage);
 
+// The inverse of WriteDocument, for documents that people write: a count that is left out is 0, and so may
+// DockerID be left out. Thread-safe. Throws std::invalid_argument, with a text that names the member, for
+// what is no such document: also for members and counts that the layout does not know.
+UGS_API Usage ReadDocument(std::string_view json);
+
 struct Address {
   std::string host;
   std::uint16_t port = 0;

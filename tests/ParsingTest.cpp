@@ -4,6 +4,7 @@
 #include <bit>
 #include <limits>
 #include <map>
+#include <stdexcept>
 #include <string>
 
 #include "JsonReader.h"
@@ -208,6 +209,68 @@ TEST_F(UGSRequestTest, NothingOfAnEarlierRequestIsLeftInTheRecord) {
   ASSERT_EQ(Parse(Document("legacy", {{"CamRtspUrls", "[]"}})), Ok);
   EXPECT_TRUE(request.camRtspUrls.empty());
   EXPECT_EQ(request.counts, ugs::UsageCounts());
+}
+
+TEST(ReadDocumentTest, GivesBackWhatWasWritten) {
+  for (const std::string& layout : ugs::LayoutNames()) {
+    ugs::Usage usage{
+        .id = "h\xC3\xA4ll\n7", .container = "\"d\"", .cameras = {"a", "", "b"}, .layout = layout};
+    std::uint32_t count = std::numeric_limits<std::uint32_t>::max();
+    for (const std::string& key : ugs::CountKeys(layout)) usage.counts[key] = count--;
+    const std::string document = ugs::WriteDocument(usage);
+    EXPECT_EQ(ugs::WriteDocument(ugs::ReadDocument(document)), document);
+  }
+  const ugs::Usage least =
+      ugs::ReadDocument(R"( {"v5": {"CamRtspUrls": ["c"], "KorvaneID": "i", "InUse": {}}} )");
+  EXPECT_EQ(ugs::WriteDocument(least), ugs::WriteDocument({.id = "i", .cameras = {"c"}, .layout = "v5"}));
+}
+
+TEST(ReadDocumentTest, SaysWhatIsWrongWithADocument) {
+  const auto inUse = [](const std::string& counts) {
+    return R"({"v6":{"KorvaneID":"i","CamRtspUrls":["c"],"InUse":{)" + counts + "}}}";
+  };
+  const std::map<std::string, std::string> cases{
+      {"", "at offset 0: The document is empty."},
+      {R"({"v6":1} x)", "v6 must be an object, not 1"},
+      {inUse("") + "x", "at offset 55: The document root must not be followed by other values."},
+      {inUse("") + '\0', "at offset 55: a NUL byte"},
+      {Repeated(100'000, "["), "the document is no object"},
+      {"{}", "the document is empty"},
+      {R"({"v7":{}})", "there is no member \"v7\" here; did you mean v6?"},
+      {R"({"legacy":{}})", "there is no member \"legacy\" here; did you mean InUse?"},
+      {R"({"v6":{"v6":{}}})", "there is no member \"v6\" here; did you mean InUse?"},
+      {R"({"v6":{"korvaneid":"i"}})", "there is no member \"korvaneid\" here; did you mean KorvaneID?"},
+      {R"({"v6":{},"v5":{}})", "v5 does not belong beside layout v6"},
+      {R"({"v6":{},"InUse":{}})", "InUse does not belong beside layout v6"},
+      {R"({"InUse":{},"v4":{}})", "v4 does not belong beside layout legacy"},
+      {R"({"InUse":{},"InUse":{}})", "InUse is there twice"},
+      {R"({"v6":{"InUse":{}}})", "KorvaneID is missing"},
+      {R"({"KorvaneID":"i"})", "CamRtspUrls is missing"},
+      {R"({"KorvaneID":"i","CamRtspUrls":[""]})", "CamRtspUrls holds no URL"},
+      {R"({"KorvaneID":"","CamRtspUrls":["c"]})", "KorvaneID is empty"},
+      {R"({"KorvaneID":"a\u0000b"})", "KorvaneID holds a NUL byte"},
+      {"{\"KorvaneID\":\"\xFF\"}", "at offset 14: Invalid encoding in string."},
+      {R"({"KorvaneID":"\ud800"})", "at offset 14: The surrogate pair in string is invalid."},
+      {R"({"KorvaneID":7})", "KorvaneID must be a string, not 7"},
+      {R"({"DockerID":null})", "DockerID must be a string, not null"},
+      {R"({"CamRtspUrls":"c"})", "CamRtspUrls must be an array of strings, not a string"},
+      {R"({"CamRtspUrls":[["c"]]})", "CamRtspUrls must be an array of strings, not an array"},
+      {R"({"InUse":[]})", "InUse must be an object, not an array"},
+      {inUse(R"("PX":-1)"), "count PX is -1, not from 0 to 4294967295"},
+      {inUse(R"("PX":4294967296)"), "count PX is 4294967296, not from 0 to 4294967295"},
+      {inUse(R"("PX":1.0)"), "count PX is 1.0, not from 0 to 4294967295"},
+      {inUse(R"("PX":true)"), "count PX is true, not from 0 to 4294967295"},
+      {inUse(R"("PX":"7")"), "count PX is a string, not from 0 to 4294967295"},
+      {inUse(R"("PX":1,"PX":2)"), "PX is there twice"}};
+  for (const auto& [document, text] : cases) {
+    try {
+      ugs::ReadDocument(document);
+      ADD_FAILURE() << document;
+    } catch (const std::invalid_argument& error) {
+      EXPECT_EQ(error.what(), text) << document;
+    }
+  }
+  EXPECT_THROW(ugs::ReadDocument(R"({"v4":{"InUse":{"FaceTier1":1}}})"), std::invalid_argument);
 }
 
 }  // namespace
