@@ -89,6 +89,13 @@ void OpenEnvelope(benchmark::State& state) {
 }
 BENCHMARK(OpenEnvelope)->Unit(benchmark::kMicrosecond);
 
+void SealReport(benchmark::State& state) {
+  const ugs::Sealer sealer(UGS_PUBLIC_KEY);
+  const ugs::Usage usage{.id = "hall-7", .cameras = {"rtsp://10.0.0.9/1"}};
+  for (auto _ : state) benchmark::DoNotOptimize(sealer.Seal(ugs::WriteDocument(usage)));
+}
+BENCHMARK(SealReport)->Unit(benchmark::kMicrosecond);
+
 void ParseDocument(benchmark::State& state, const std::string& layout) {
   const std::string text = ugs::WriteDocument(SomeUsage(0, layout));
   for (auto _ : state) {

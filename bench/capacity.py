@@ -198,6 +198,44 @@ def memory():
     row("resident memory per record", (sizes[12000] - sizes[0]) / 12000, 1, "KiB")
 
 
+@contextlib.contextmanager
+def host_agent(instances):
+    """Yields the process id of an agent that reports for so many instances, once each has been counted twice."""
+    with tempfile.TemporaryDirectory() as directory:
+        for number in range(instances):
+            with open(os.path.join(directory, f"{number}.json"), "w", encoding="ascii") as file:
+                usage = {
+                    "KorvaneID": f"hall-{number}",
+                    "CamRtspUrls": ["rtsp://10.0.0.9/1"],
+                    "InUse": {"MaxCameras": 1},
+                }
+                json.dump({"v6": usage}, file)
+        agent = subprocess.Popen([*UGS, "report", *KEY, "--directory", directory], stdout=subprocess.DEVNULL)
+        try:
+            time.sleep(62)
+            yield agent.pid
+        finally:
+            agent.terminate()
+            agent.wait()
+
+
+def a_host_agent():
+    threads, descriptors, sizes = {}, {}, {}
+    for instances in (0, 100):
+        with running("KorvaneUGS"), host_agent(instances) as pid:
+            threads[instances] = len(os.listdir(f"/proc/{pid}/task"))
+            descriptors[instances] = len(os.listdir(f"/proc/{pid}/fd"))
+            sizes[instances] = resident_kib(pid)
+    row("a host agent for 100 instances: threads", threads[100], 5, "")
+    row("a host agent for 100 instances: descriptors", descriptors[100], 220, "")
+    row("a host agent: memory of 100 instances more than of none", (sizes[100] - sizes[0]) / 1024, 12, "MiB")
+    sealing = bench_medians("SealReport")["SealReport"] / 1e6 * 1000 / 30 * 100
+    with running("KorvaneUGS"), host_agent(1000) as pid:
+        share = cpu_share(pid, 60)
+    row("sealing 1,000 reports every 30 s", sealing, None, "% of a core")
+    row("a host agent for 1,000 instances, beside sealing", share - sealing, 3, "% of a core")
+
+
 def a_large_fleet():
     with running("KorvaneUGS") as (pid, log):
         before, start = cpu_seconds(pid), time.monotonic()
@@ -224,5 +262,6 @@ idle_cpu_of_sleep_alone()
 idle_cpu(1000, 0.5)
 idle_cpu(12000, 2)
 memory()
+a_host_agent()
 if "--quick" not in sys.argv:
     a_large_fleet()

@@ -13,6 +13,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "FileDescriptor.h"
 #include "OpenSsl.h"
 #include "ScrambledKey.h"
 #include "Sealer.h"
@@ -114,32 +115,16 @@ bool IsPair(const std::string& scrambled, const std::string& publicPem) {
              UGSDefs::kGreeting;
 }
 
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int descriptor) : descriptor_(descriptor) {}
-  ~FileDescriptor() { close(descriptor_); }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-
- private:
-  const int descriptor_;
-};
-
 // Never follows or replaces what is there (O_EXCL); nobody else can read a private key at any moment.
 void CreateFile(const fs::path& file, mode_t mode, const std::string& content) {
-  const auto fail = [&](const char* what) {
-    throw std::system_error(errno, std::generic_category(), std::string(what) + " " + file.string());
-  };
-  const int descriptor = open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-  if (descriptor == -1) fail("cannot create");
-  const FileDescriptor owner(descriptor);
-  if (fchmod(descriptor, mode) != 0 ||
-      write(descriptor, content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
-      fsync(descriptor) != 0) {
+  const FileDescriptor descriptor(open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode),
+                                  "cannot create " + file.string());
+  if (fchmod(descriptor.Number(), mode) != 0 ||
+      write(descriptor.Number(), content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
+      fsync(descriptor.Number()) != 0) {
     const int error = errno;
     unlink(file.c_str());  // half a file would only stop the next try
-    errno = error;
-    fail("cannot write");
+    throw std::system_error(error, std::generic_category(), "cannot write " + file.string());
   }
 }
 

@@ -21,6 +21,7 @@
 
 #include "Fleet.h"
 #include "FleetConnections.h"
+#include "HostAgent.h"
 #include "InstanceKey.h"
 #include "Keygen.h"
 #include "Nearest.h"
@@ -53,7 +54,9 @@ constexpr const char* kReportExamples = R"(Examples:
   The same instance, reporting every 30 seconds until Ctrl-C:
     ugs report --every 30 --id hall-7 --docker a1b2 --camera rtsp://10.0.0.9/1 --use MaxCameras=1 --use PX=2
   A document of your own, to a server elsewhere:
-    ugs report --server 10.0.0.5:9304 --key site.pem --json document.json)";
+    ugs report --server 10.0.0.5:9304 --key site.pem --json document.json
+  All instances of a machine, one JSON file for each, as long as their files are there:
+    ugs report --directory /run/instances)";
 
 constexpr const char* kWhyRefused = R"(A refusal has one of these causes. The server's log names it:
   0x00AE06 (and 0x00AE09 on its console)  the report was sealed for another server: compare `ugs fingerprint`
@@ -71,6 +74,10 @@ std::string DefaultKey() {
   constexpr const char* kOfPackage = "/usr/share/korvaneugs/public.pem";
   return !std::filesystem::exists(kOfCheckout) && std::filesystem::exists(kOfPackage) ? kOfPackage
                                                                                       : kOfCheckout;
+}
+
+std::chrono::milliseconds Milliseconds(double seconds) {
+  return std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(seconds));
 }
 
 // What every subcommand that talks to the server takes.
@@ -92,9 +99,7 @@ struct Target {
         ->capture_default_str();
   }
 
-  [[nodiscard]] std::chrono::milliseconds Timeout() const {
-    return std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(timeout));
-  }
+  [[nodiscard]] std::chrono::milliseconds Timeout() const { return Milliseconds(timeout); }
 
   [[nodiscard]] ugs::Client Connect() const {
     try {
@@ -206,8 +211,7 @@ int ReportEvery(double seconds, const ugs::Usage& usage, const Target& target) {
   std::cout << "The first report comes within " << seconds << " s; Ctrl-C ends this." << std::endl;
   std::atomic<int> exitCode = kNoAnswer;
   const ugs::Reporter reporter(
-      target.server, target.key, [&usage] { return usage; },
-      std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(seconds)),
+      target.server, target.key, [&usage] { return usage; }, Milliseconds(seconds),
       [&](const ugs::Outcome& outcome) {
         exitCode = target.PrintOutcome(outcome.code, outcome.text, UGSDefs::Ok);
       },
@@ -217,6 +221,14 @@ int ReportEvery(double seconds, const ugs::Usage& usage, const Target& target) {
   return exitCode;
 }
 
+int ReportDirectory(const std::string& directory, double seconds, const Target& target) {
+  constexpr double usual = 30;
+  HostAgent(directory, target.server, target.key, Milliseconds(seconds > 0 ? seconds : usual),
+            target.Timeout(), target.verbose)
+      .Run();
+  return kDone;
+}
+
 Command AddReport(CLI::App& app) {
   auto* command = app.add_subcommand("report", "send one report and print the reply code");
   struct Options {
@@ -224,6 +236,7 @@ Command AddReport(CLI::App& app) {
     ugs::Usage usage;
     std::vector<std::string> uses;
     std::string json;
+    std::string directory;
     double every = 0;
   };
   const auto options = std::make_shared<Options>();
@@ -242,11 +255,21 @@ Command AddReport(CLI::App& app) {
   command->add_option("--every", options->every, "report every SECONDS until interrupted")
       ->check(CLI::Range(0.001, 86400.0))
       ->excludes("--json");
-  command->add_flag("-v,--verbose", options->target.verbose, "explain a refusal by its likely causes");
+  command
+      ->add_option(
+          "--directory", options->directory,
+          "report until interrupted for every instance that a file *.json in DIR describes, and follow "
+          "what changes there; every 30 s if --every is left out")
+      ->excludes("--json")
+      ->excludes(id);
+  command->add_flag("-v,--verbose", options->target.verbose,
+                    "explain a refusal by its likely causes; with --directory, print every outcome");
   command->footer(kReportExamples);
   return [options] {
+    if (!options->directory.empty())
+      return ReportDirectory(options->directory, options->every, options->target);
     if (options->json.empty() && (options->usage.id.empty() || options->usage.cameras.empty())) {
-      throw std::invalid_argument("report needs --id and at least one --camera, or --json");
+      throw std::invalid_argument("report needs --id and at least one --camera, or --json, or --directory");
     }
     options->usage.counts = ParseCounts(options->uses);
     if (options->every > 0) return ReportEvery(options->every, options->usage, options->target);

@@ -2,16 +2,20 @@
 
 import base64
 import hashlib
+import json
 import os
 import signal
+import socket
 import stat
 import subprocess
+import threading
+import time
 
 import make
 import pytest
 from cryptography.hazmat.primitives import serialization
 from cryptography.hazmat.primitives.asymmetric import ec, rsa
-from support import KEY_FILE, UGS
+from support import KEY_FILE, PORT, UGS
 
 PEM, DER = serialization.Encoding.PEM, serialization.Encoding.DER
 SPKI = serialization.PublicFormat.SubjectPublicKeyInfo
@@ -172,3 +176,79 @@ def test_silence_has_its_reason():
 
 def test_key_prints_the_name_that_the_log_gives_an_instance():
     assert run("key", "--id", "a", "--camera", "b").stdout == "89c4407b545986a\n"
+
+
+def test_a_directory_of_instances_is_reported_and_followed(start, tmp_path):
+    server, directory = start(), tmp_path / "instances"
+    directory.mkdir()
+
+    def describe(file, identity, cameras):
+        usage = {"KorvaneID": identity, "CamRtspUrls": ["c"], "InUse": {"MaxCameras": cameras}}
+        (directory / file).write_text(json.dumps({"v6": usage}))
+
+    describe("a.json", "a", 1)
+    describe("b.json", "b", 2)
+    (directory / "broken.json").write_text("{")
+    command = [UGS, "report", "--key", KEY_FILE, "--directory", directory, "--every", "1"]
+    agent = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    server.wait_for_cameras(3)
+    describe("c.json", "c", 10)
+    server.wait_for_cameras(13)
+    describe("a.json", "a", 4)
+    server.wait_for_cameras(16)
+    describe("b.json", "another", 20)
+    server.wait_for_cameras(34)
+    (directory / "c.json").rename(directory / "moved.json")
+    (directory / "a.json").unlink()
+    server.wait_for_cameras(30)
+    describe("moved.json", "another", 20)  # two files must not report the same instance by turns
+    (directory / "last.json").write_text("{")
+    complaints = [agent.stderr.readline() for _ in range(3)]
+    assert [line.split(":")[1].strip() for line in complaints] == ["broken.json", "moved.json", "last.json"]
+    agent.send_signal(signal.SIGTERM)
+    assert (agent.wait(), agent.stderr.read()) == (0, "")
+    assert {"a.json: 0 (counted)\n", "a.json: signed off\n"} <= set(agent.stdout)
+
+
+class SwallowingProxy(threading.Thread):
+    """Passes on what one client after the other sends to the server, but for every third request of each."""
+
+    def __init__(self):
+        super().__init__(daemon=True)
+        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.address = "127.0.0.1:%d" % self.listener.getsockname()[1]
+        self.start()
+
+    def run(self):
+        while True:
+            client, server = self.listener.accept()[0], socket.create_connection(("127.0.0.1", PORT))
+            threading.Thread(target=self.forward, args=(server, client), daemon=True).start()
+            requests = 0
+            while data := client.recv(65536):
+                requests += len(data) > 1000
+                if len(data) < 1000 or requests % 3:
+                    server.sendall(data)
+            server.shutdown(socket.SHUT_RDWR)
+
+    def forward(self, server, client):
+        while data := server.recv(65536):
+            client.sendall(data)
+
+
+@pytest.mark.parametrize("period", [10, 30, 75])
+def test_one_lost_report_never_costs_the_instance(start, period):
+    start()
+    rate = 20
+    environment = {"LD_PRELOAD": "/usr/$LIB/faketime/libfaketimeMT.so.1", "FAKETIME": f"+0 x{rate}"}
+    command = [UGS, "report", "--server", SwallowingProxy().address, "--key", KEY_FILE, *ONE]
+    command += ["--every", str(period), "--timeout", "30"]
+    agent = subprocess.Popen(command, stdout=subprocess.PIPE, env={**os.environ, **environment})
+    times = (time.monotonic() * rate for line in agent.stdout if b"(counted)" in line)
+    last, gaps = next(times), []
+    while len(gaps) < 3 and min(gaps, default=118) >= 118:  # a busy machine may make one of them longer
+        gap = (now := next(times)) - last
+        last = now
+        if gap > period + 20:  # the time-out in between
+            gaps.append(gap)
+    agent.send_signal(signal.SIGTERM)
+    assert min(gaps) < 118
