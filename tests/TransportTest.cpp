@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -12,6 +14,7 @@
 #include <mutex>
 #include <set>
 #include <stdexcept>
+#include <system_error>
 
 #include "Base64.h"
 #include "BlockedSignals.h"
@@ -313,23 +316,55 @@ TEST_F(ClientTest, SignalsOfItsHostCostNothing) {
     const ugs::BlockedSignals block;  // on the transport's thread, as the server does
     Start();
   }
+  const std::array signals{SIGCHLD, SIGUSR1, SIGALRM};
   struct sigaction handled = {};
   handled.sa_handler = [](int) {
   };
-  sigaction(SIGUSR1, &handled, nullptr);
-  const auto reporter = Reporting();
+  for (const int signal : signals) sigaction(signal, &handled, nullptr);
+  std::vector<std::unique_ptr<ugs::Reporter>> reporters(10);
+  for (auto& reporter : reporters) reporter = Reporting();
   std::atomic<bool> done = false;
   std::jthread caller([&] {
     while (!done) EXPECT_EQ(client.Greet(), 0) << client.LastError().text;
   });
-  for (int i = 0; i < 1000; ++i) {
+  for (std::size_t sent = 0; sent < 10'000;) {
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-      tgkill(getpid(), std::stoi(task.path().filename()), SIGUSR1);
+      tgkill(getpid(), std::stoi(task.path().filename()), signals[sent++ % signals.size()]);
     }
   }
   done = true;
-  EXPECT_TRUE(AwaitCounted(std::ssize(Outcomes()) + 3));
+  for (const auto& reporter : reporters) {
+    const std::uint64_t before = reporter->GetCounters().counted;
+    EXPECT_TRUE(Await([&] { return reporter->GetCounters().counted > before; }));
+  }
   EXPECT_EQ(std::ranges::count(Outcomes(), 0, &ugs::Outcome::code), std::ssize(Outcomes()));
+}
+
+// libzmq ends the process at some limits.
+TEST_F(ClientTest, WithoutDescriptorsItThrowsOrSaysSoAndGoesOnOnceThereAreSome) {
+  AnswerWith("1");
+  EXPECT_EQ(client.Greet(), 1);
+  const auto open = std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+  rlimit before = {};
+  getrlimit(RLIMIT_NOFILE, &before);
+  int thrown = 0;
+  int connected = 0;
+  for (rlim_t limit = static_cast<rlim_t>(open); limit < static_cast<rlim_t>(open) + 30; ++limit) {
+    const rlimit tight{limit, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &tight);
+    try {
+      ugs::Client one(address, PublicKeyPem(), 200ms);
+      connected += one.Greet() == 1;
+      EXPECT_TRUE(one.LastError().kind == ugs::ErrorKind::None || !one.LastError().text.empty());
+    } catch (const std::system_error& error) {
+      EXPECT_EQ(error.code().value(), EMFILE);
+      ++thrown;
+    }
+    setrlimit(RLIMIT_NOFILE, &before);
+  }
+  EXPECT_GT(thrown, 0);
+  EXPECT_GT(connected, 0);
+  EXPECT_EQ(client.Greet(), 1);
 }
 
 TEST_F(ClientTest, AChildOfItsProcessIsTurnedAwayAndTheParentGoesOn) {
