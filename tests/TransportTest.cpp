@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -27,6 +28,7 @@
 #include "Sealer.h"
 #include "TestSupport.h"
 #include "UgsClient.h"
+#include "ugs_client.h"
 
 namespace {
 
@@ -588,6 +590,103 @@ TEST(SealerTest, KeyAndIvAreNewForEachEnvelopeAndForeignKeysAreRefused) {
   EXPECT_THROW(ugs::Sealer(""), std::invalid_argument);
   EXPECT_THROW(ugs::Sealer("-----BEGIN PUBLIC KEY-----\nAAAA\n-----END PUBLIC KEY-----\n"),
                std::invalid_argument);
+}
+
+class CApiTest : public TransportTest {
+ protected:
+  using Usage = std::unique_ptr<ugs_usage, decltype(&ugs_usage_free)>;
+
+  static Usage Parsed(const char* json) { return {ugs_usage_parse(json), ugs_usage_free}; }
+  ugs_reporter* Reporting(long period, long timeout = 30000, ugs_listener listener = nullptr) {
+    return ugs_reporter_start(address.c_str(), key.c_str(), usage.get(), period, timeout, listener, &heard);
+  }
+
+  const std::string address = "127.0.0.1:" + std::to_string(port);
+  const std::string key = PublicKeyPem();
+  const Usage usage = Parsed(R"({"KorvaneID":"i","CamRtspUrls":["c"]})");
+  const std::unique_ptr<ugs_client, decltype(&ugs_close)> client{
+      ugs_open(address.c_str(), key.c_str(), 20000), ugs_close};
+  std::atomic<int> heard = 0;
+};
+
+TEST_F(CApiTest, EveryFailureHasItsTextAndNothingIsSent) {
+  ugs_client* none = nullptr;
+  const Usage bad(ugs_usage_new("i"), ugs_usage_free);
+  const auto failing = [&](const std::function<bool()>& fails, const ugs_client* whose = nullptr) {
+    EXPECT_TRUE(fails());
+    EXPECT_EQ(ugs_last_error(whose), UGS_BAD_USAGE);
+    return std::string(ugs_last_error_text(whose));
+  };
+  const auto opening = [&](const char* server, const char* pem, long timeout) {
+    return failing([&] { return ugs_open(server, pem, timeout) == nullptr; });
+  };
+  EXPECT_EQ(opening(nullptr, key.c_str(), 1), "server is NULL");
+  EXPECT_EQ(opening(":", key.c_str(), 1), "\":\" is not HOST or HOST:PORT");
+  EXPECT_EQ(opening("h", key.c_str(), 0), "a time-out of 0 ms is neither positive nor -1");
+  EXPECT_EQ(opening("h", nullptr, 1), "key is NULL");
+  // What follows from that failure says the same.
+  EXPECT_EQ(failing([&] { return ugs_greet(none) == -1; }), "key is NULL");
+  EXPECT_EQ(failing([&] { return ugs_usage_add_camera(nullptr, "c") == -1; }), "key is NULL");
+  EXPECT_EQ(failing([&] { return ugs_usage_new(nullptr) == nullptr; }), "id is NULL");
+  EXPECT_EQ(failing([&] { return Parsed("{}") == nullptr; }), "the document is empty");
+  EXPECT_EQ(failing([&] { return ugs_report(client.get(), nullptr) == -1; }, client.get()),
+            "the document is empty");
+  EXPECT_EQ(failing([&] { return ugs_usage_set_layout(bad.get(), "v7") == -1; }),
+            "there is no layout \"v7\"");
+  EXPECT_EQ(failing([&] { return ugs_usage_set_count(bad.get(), "PX", -1) == -1; }),
+            "count PX is -1, not from 0 to 4294967295");
+  EXPECT_EQ(failing([&] { return ugs_report(client.get(), bad.get()) == -1; }, client.get()),
+            "count PX is -1, not from 0 to 4294967295");
+  EXPECT_EQ(failing([&] { return ugs_send_sealed(client.get(), nullptr, 1) == -1; }, client.get()),
+            "payload is NULL");
+  EXPECT_EQ(failing([&] { return Reporting(999) == nullptr; }),
+            "a period of 999 ms is not from 1000 to 118000");
+  EXPECT_EQ(failing([&] { return Reporting(118001) == nullptr; }),
+            "a period of 118001 ms is not from 1000 to 118000");
+  EXPECT_EQ(failing([&] { return ugs_get_counters(client.get(), nullptr) == -1; }), "counters is NULL");
+  ugs_interrupt(nullptr);
+  ugs_close(nullptr);
+  ugs_reporter_stop(nullptr);
+  EXPECT_EQ(AnswerWith("0"), 0U);
+  EXPECT_EQ(ugs_report(client.get(), usage.get()), 0) << ugs_last_error_text(client.get());
+  EXPECT_EQ(ugs_last_error(client.get()), UGS_OK);
+  ugs_interrupt(client.get());
+  EXPECT_EQ(ugs_greet(client.get()), -1);
+  EXPECT_STREQ(ugs_last_error_text(client.get()), "the call was interrupted");
+  ugs_counters counters;
+  EXPECT_EQ(ugs_get_counters(client.get(), &counters), 0);
+  EXPECT_EQ(counters.counted, 1U);
+  EXPECT_NEAR(static_cast<double>(counters.last_counted), static_cast<double>(std::time(nullptr)), 20);
+}
+
+TEST_F(CApiTest, AReporterReportsItsNewestUsageAndSignsOff) {
+  AnswerWith("0");
+  const auto listener = [](void* context, int code, ugs_error error, const char* text) {
+    EXPECT_EQ(std::tuple(code, error, std::string(text)), std::tuple(0, UGS_OK, ""));
+    ++*static_cast<std::atomic<int>*>(context);
+  };
+  ugs_reporter* reporter = Reporting(118000, 30000, listener);
+  ugs_usage_set_count(usage.get(), "ABD", 4294967295);
+  EXPECT_EQ(ugs_reporter_update(reporter, usage.get()), 0);
+  EXPECT_TRUE(Await([&] { return heard >= 1; }));
+  EXPECT_EQ(ugs_reporter_sign_off(reporter), 0);
+  ugs_counters counters;
+  EXPECT_EQ(ugs_reporter_get_counters(reporter, &counters), 0);
+  EXPECT_EQ(counters.counted, static_cast<unsigned long>(heard));
+  ugs_reporter_stop(reporter);
+  KorvaneControllerServer server(true, 0, ScrambledPrivateKey(), nullptr);
+  const std::size_t last = AnswerWith("") - 1;
+  for (const auto& [number, inUse] : {std::pair(last - 1, 4294967295U), {last, 0U}}) {
+    server.ProcessData(Received(number).second);
+    EXPECT_EQ(server.Records().Totals().numAbandoned, inUse);
+  }
+}
+
+TEST_F(CApiTest, ASignOffThatIsNotAnsweredSaysSo) {
+  ugs_reporter* reporter = Reporting(118000, 400);
+  EXPECT_EQ(ugs_reporter_sign_off(reporter), -1);
+  EXPECT_EQ(ugs_last_error(nullptr), UGS_NO_ANSWER) << ugs_last_error_text(nullptr);
+  ugs_reporter_stop(reporter);
 }
 
 }  // namespace

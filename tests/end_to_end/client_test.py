@@ -1,6 +1,7 @@
 """The client library as an engineer installs it: an instance built outside the tree."""
 
 import os
+import re
 import subprocess
 
 import pytest
@@ -16,15 +17,20 @@ def run(*command, **environment):
 
 
 @pytest.mark.skipif(SANITIZER != "", reason="a program outside the tree is built without sanitizers")
-def test_the_example_builds_with_cmake_and_pkg_config_and_is_counted(start, tmp_path):
-    prefix, build, by_hand = tmp_path / "prefix", tmp_path / "build", tmp_path / "by-hand"
+def test_the_examples_build_with_cmake_and_pkg_config_and_are_counted(start, tmp_path):
+    prefix, build = tmp_path / "prefix", tmp_path / "build"
     for component in ("client", "client-dev"):
         run("cmake", "--install", BUILD, "--prefix", prefix, "--component", component)
     run("cmake", "-G", "Ninja", "-S", EXAMPLE, "-B", build, f"-DCMAKE_PREFIX_PATH={prefix}")
     run("cmake", "--build", build)
     flags = run("pkg-config", "--cflags", "--libs", "ugs-client", PKG_CONFIG_PATH=f"{prefix}/lib/pkgconfig").split()
-    strict = ("-std=c++17", "-Wall", "-Wextra", "-Wpedantic", "-Werror")
-    run("g++", *strict, EXAMPLE / "example.cpp", "-o", by_hand, *flags)
+    compilers = {"c++17": ("g++", "example.cpp"), "c89": ("cc", "example.c"), "c11": ("cc", "example.c")}
+    for standard, (compiler, source) in compilers.items():
+        strict = (f"-std={standard}", "-pedantic-errors", "-Wall", "-Wextra", "-Werror")
+        run(compiler, *strict, EXAMPLE / source, "-o", prefix / standard, *flags)
     start()
-    for program in (by_hand, build / "example", build / "example-static"):
+    built = ("example", "example-static", "example-c")
+    for program in [prefix / name for name in compilers] + [build / name for name in built]:
         assert run(program, "127.0.0.1", KEY_FILE, LD_LIBRARY_PATH=f"{prefix}/lib") == "counted\n"
+    exported = run("nm", "--dynamic", "--defined-only", "--demangle", prefix / "lib/libugs-client.so.1")
+    assert all(re.match(r"[0-9a-f]* \w (ugs::|ugs_)", line) for line in exported.splitlines()), exported
