@@ -344,6 +344,9 @@ TEST_F(ClientTest, SignalsOfItsHostCostNothing) {
 
 // libzmq ends the process at some limits.
 TEST_F(ClientTest, WithoutDescriptorsItThrowsOrSaysSoAndGoesOnOnceThereAreSome) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "its sanitizers need descriptors themselves, to look at an object before a call";
+#endif
   AnswerWith("1");
   EXPECT_EQ(client.Greet(), 1);
   const auto open = std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
