@@ -125,7 +125,7 @@ void HostAgent::SignOff(const std::string& name) {
 
 // inotify(7)
 void HostAgent::TakeEvents() {
-  alignas(inotify_event) std::array<char, 64 * 1024> buffer{};
+  alignas(inotify_event) std::array<char, 65'536> buffer{};
   const ssize_t size = read(watch_.Number(), buffer.data(), buffer.size());
   for (ssize_t at = 0; at < size;) {
     const auto* event = reinterpret_cast<const inotify_event*>(buffer.data() + at);
