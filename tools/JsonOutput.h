@@ -18,7 +18,9 @@ class JsonOutput {
   Writer& operator*() { return writer_; }
   Writer* operator->() { return &writer_; }
 
-  void Put(const std::string& text) { writer_.String(text.data(), static_cast<rapidjson::SizeType>(text.size())); }
+  void Put(const std::string& text) {
+    writer_.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+  }
   void Put(std::int64_t number) { writer_.Int64(number); }
   void Put(double number) { writer_.Double(number); }
   void Put(bool flag) { writer_.Bool(flag); }

@@ -49,10 +49,10 @@ Listing MakeListing(const std::vector<ColumnOf<Row>>& columns, const std::vector
 std::string ShownCounts(const StatusCounts& counts);
 std::string Joined(const std::vector<std::string>& texts, std::string_view separator);
 
-// Its lines, the titles first, no longer than their last cell needs. Cells of text are cut to `widest` columns.
-// `now` tells which times are today's.
+// Its lines, the titles first, no longer than their last cell needs. Cells of text are cut to `widest`
+// columns. `now` tells which times are today's.
 std::vector<std::string> TableOf(const Listing& listing, std::int64_t now, std::size_t widest = 40);
 
-// RFC 4180, with a header. Times are RFC 3339 in UTC. What a spreadsheet would take for a formula has a ' before
-// it.
+// RFC 4180, with a header. Times are RFC 3339 in UTC. What a spreadsheet would take for a formula has a '
+// before it.
 std::string CsvOf(const Listing& listing);

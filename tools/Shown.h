@@ -9,8 +9,8 @@
 
 inline constexpr std::size_t kAnyWidth = std::numeric_limits<std::size_t>::max();
 
-// `text` as a terminal may get it: what could steer one (C0, DEL, C1, the bidirectional controls, separators of
-// lines) and what is not UTF-8 is U+FFFD. What takes more than `width` columns is cut and ends in "…".
+// `text` as a terminal may get it: what could steer one (C0, DEL, C1, the bidirectional controls, separators
+// of lines) and what is not UTF-8 is U+FFFD. What takes more than `width` columns is cut and ends in "…".
 std::string Shown(std::string_view text, std::size_t width = kAnyWidth);
 
 // The columns that a shown text takes.

@@ -93,8 +93,8 @@ class NoStatus : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// UGS_STATUS, or the service's socket, or the one of the checkout that is the working directory if there is no
-// service here.
+// UGS_STATUS, or the service's socket, or the one of the checkout that is the working directory if there is
+// no service here.
 std::string DefaultStatusSocket();
 
 // One snapshot on its way. Never waits; one thread.

@@ -13,7 +13,7 @@ namespace {
 constexpr std::int64_t kHour = 3600;
 constexpr std::size_t kNamed = 5;  // in one problem; all of them are in the listings
 constexpr std::size_t kNameWidth = 40;
-constexpr double kNear = 0.8;  // of a limit
+constexpr double kNear = 0.8;             // of a limit
 constexpr std::int64_t kLogSilence = 60;  // seconds; the server flushes its log every 5 s
 
 std::string Plural(std::size_t number, const std::string& noun) {
@@ -56,7 +56,9 @@ void AddInstances(std::vector<StatusProblem>& problems, const StatusSnapshot& sn
     };
   };
   const auto has = [](const char* flag) {
-    return [flag](const StatusInstance& instance) { return instance.Has(flag); };
+    return [flag](const StatusInstance& instance) {
+      return instance.Has(flag);
+    };
   };
   add("late", "late; last report", isOverdue("late"));
   add("not_back", "not back since the rebuild; last report", isOverdue("not_back"));
@@ -81,12 +83,11 @@ void AddRefusals(std::vector<StatusProblem>& problems, const StatusSnapshot& sna
   for (const StatusRefusal& refusal : snapshot.refusals) {
     if (now - refusal.last >= kHour) continue;
     const std::string who = refusal.identity.empty() ? "" : " (" + Shown(refusal.identity, kNameWidth) + ")";
-    problems.push_back({"refused", Shown(refusal.address, kNameWidth) + who + " is refused with " +
-                                       Shown(refusal.code, kNameWidth) + " (" +
-                                       MeaningOfRefusal(refusal.code) + "), " +
-                                       std::to_string(refusal.count) + " times since " +
-                                       ShownTime(refusal.first, now) + ", last " +
-                                       ShownTime(refusal.last, now)});
+    problems.push_back(
+        {"refused", Shown(refusal.address, kNameWidth) + who + " is refused with " +
+                        Shown(refusal.code, kNameWidth) + " (" + MeaningOfRefusal(refusal.code) + "), " +
+                        std::to_string(refusal.count) + " times since " + ShownTime(refusal.first, now) +
+                        ", last " + ShownTime(refusal.last, now)});
   }
 }
 
@@ -103,11 +104,14 @@ void AddServer(std::vector<StatusProblem>& problems, const StatusServer& server)
     if (isWrong) problems.push_back({kind, text});
   };
   const std::int64_t logSilence = server.time - std::max(server.logWritten, server.started);
-  const auto toWhole = [](double number) { return static_cast<std::int64_t>(number + 0.5); };
+  const auto toWhole = [](double number) {
+    return static_cast<std::int64_t>(number + 0.5);
+  };
   add(!server.serving, "not_serving",
       "the port is not open: nobody can report; the server's log says why (0x0081)");
   add(IsNear(server.reportsPerSecond, server.reportsPerSecondLimit), "near_capacity",
-      "near its capacity: " + OfLimit(toWhole(server.reportsPerSecond), toWhole(server.reportsPerSecondLimit)) +
+      "near its capacity: " +
+          OfLimit(toWhole(server.reportsPerSecond), toWhole(server.reportsPerSecondLimit)) +
           " reports a second");
   add(IsNear(static_cast<double>(server.queue), static_cast<double>(server.queueLimit)), "queue",
       "requests wait: " + OfLimit(server.queue, server.queueLimit) + " in the queue");

@@ -40,9 +40,10 @@ std::string InstancesLine(const StatusSnapshot& snapshot) {
 }
 
 std::string LoadLine(const StatusServer& server) {
-  return fmt::format("{:.1f} of {:.0f} reports/s; queue {} (peak {}) of {}; {} connections; {} of {} open files",
-                     server.reportsPerSecond, server.reportsPerSecondLimit, server.queue, server.queuePeak,
-                     server.queueLimit, server.connections, server.openFiles, server.openFilesLimit);
+  return fmt::format(
+      "{:.1f} of {:.0f} reports/s; queue {} (peak {}) of {}; {} connections; {} of {} open files",
+      server.reportsPerSecond, server.reportsPerSecondLimit, server.queue, server.queuePeak,
+      server.queueLimit, server.connections, server.openFiles, server.openFilesLimit);
 }
 
 std::string CountersLine(const StatusServer& server) {
@@ -107,9 +108,8 @@ void CheckFeature(const std::string& option, const std::string& feature) {
 }
 
 void KeepUsers(std::vector<StatusInstance>& instances, const std::string& feature) {
-  std::erase_if(instances, [&](const StatusInstance& instance) {
-    return CountOf(instance.counts, feature) == 0;
-  });
+  std::erase_if(instances,
+                [&](const StatusInstance& instance) { return CountOf(instance.counts, feature) == 0; });
 }
 
 void PrintTable(const Listing& listing, std::int64_t now, const char* whenEmpty) {

@@ -34,20 +34,62 @@ Listing ListInstances(const std::vector<StatusInstance>& instances, std::int64_t
                       const std::string& feature) {
   using Row = StatusInstance;
   std::vector<ColumnOf<Row>> columns{
-      {{"identity", "identity"}, [](const Row& row) { return row.identity; }},
-      {{"last", ""}, [](const Row& row) { return Time{row.last}; }},
-      {{"age", "age"}, [now](const Row& row) { return Age{std::max<std::int64_t>(now - row.last, 0)}; }},
-      {{"state", "state"}, [](const Row& row) { return row.state; }},
-      {{"cameras_count", "cameras"}, [](const Row& row) { return row.camerasCount; }},
-      {{"address", "address"}, [](const Row& row) { return row.address; }},
-      {{"container", "container"}, [](const Row& row) { return row.container; }},
-      {{"flags", "flags"}, [](const Row& row) { return row.flags; }},
-      {{"counts", "in use"}, [](const Row& row) { return row.counts; }},
-      {{"key", ""}, [](const Row& row) { return row.key; }},
-      {{"layout", ""}, [](const Row& row) { return row.layout; }},
-      {{"first", ""}, [](const Row& row) { return Time{row.first}; }},
-      {{"reports", ""}, [](const Row& row) { return row.reports; }},
-      {{"cameras", ""}, [](const Row& row) { return row.cameras; }},
+      {{"identity", "identity"},
+       [](const Row& row) {
+         return row.identity;
+       }},
+      {{"last", ""},
+       [](const Row& row) {
+         return Time{row.last};
+       }},
+      {{"age", "age"},
+       [now](const Row& row) {
+         return Age{std::max<std::int64_t>(now - row.last, 0)};
+       }},
+      {{"state", "state"},
+       [](const Row& row) {
+         return row.state;
+       }},
+      {{"cameras_count", "cameras"},
+       [](const Row& row) {
+         return row.camerasCount;
+       }},
+      {{"address", "address"},
+       [](const Row& row) {
+         return row.address;
+       }},
+      {{"container", "container"},
+       [](const Row& row) {
+         return row.container;
+       }},
+      {{"flags", "flags"},
+       [](const Row& row) {
+         return row.flags;
+       }},
+      {{"counts", "in use"},
+       [](const Row& row) {
+         return row.counts;
+       }},
+      {{"key", ""},
+       [](const Row& row) {
+         return row.key;
+       }},
+      {{"layout", ""},
+       [](const Row& row) {
+         return row.layout;
+       }},
+      {{"first", ""},
+       [](const Row& row) {
+         return Time{row.first};
+       }},
+      {{"reports", ""},
+       [](const Row& row) {
+         return row.reports;
+       }},
+      {{"cameras", ""},
+       [](const Row& row) {
+         return row.cameras;
+       }},
   };
   if (!feature.empty()) {
     columns.insert(columns.begin() + 1, {{feature, feature}, [feature](const Row& row) {
@@ -61,15 +103,42 @@ Listing ListLosses(const std::vector<StatusLoss>& losses) {
   using Row = StatusLoss;
   return MakeListing<Row>(
       {
-          {{"identity", "identity"}, [](const Row& row) { return row.identity; }},
-          {{"last", "last report"}, [](const Row& row) { return Time{row.last}; }},
-          {{"lost", "lost"}, [](const Row& row) { return Time{row.lost}; }},
-          {{"reason", "reason"}, [](const Row& row) { return row.reason; }},
-          {{"returned", "returned"}, [](const Row& row) { return Time{row.returned}; }},
-          {{"address", "address"}, [](const Row& row) { return row.address; }},
-          {{"container", "container"}, [](const Row& row) { return row.container; }},
-          {{"counts", "in use"}, [](const Row& row) { return row.counts; }},
-          {{"key", ""}, [](const Row& row) { return row.key; }},
+          {{"identity", "identity"},
+           [](const Row& row) {
+             return row.identity;
+           }},
+          {{"last", "last report"},
+           [](const Row& row) {
+             return Time{row.last};
+           }},
+          {{"lost", "lost"},
+           [](const Row& row) {
+             return Time{row.lost};
+           }},
+          {{"reason", "reason"},
+           [](const Row& row) {
+             return row.reason;
+           }},
+          {{"returned", "returned"},
+           [](const Row& row) {
+             return Time{row.returned};
+           }},
+          {{"address", "address"},
+           [](const Row& row) {
+             return row.address;
+           }},
+          {{"container", "container"},
+           [](const Row& row) {
+             return row.container;
+           }},
+          {{"counts", "in use"},
+           [](const Row& row) {
+             return row.counts;
+           }},
+          {{"key", ""},
+           [](const Row& row) {
+             return row.key;
+           }},
       },
       losses);
 }
@@ -78,13 +147,34 @@ Listing ListRefusals(const std::vector<StatusRefusal>& refusals) {
   using Row = StatusRefusal;
   return MakeListing<Row>(
       {
-          {{"address", "address"}, [](const Row& row) { return row.address; }},
-          {{"identity", "identity"}, [](const Row& row) { return row.identity; }},
-          {{"code", "code"}, [](const Row& row) { return row.code; }},
-          {{"count", "count"}, [](const Row& row) { return row.count; }},
-          {{"first", "first"}, [](const Row& row) { return Time{row.first}; }},
-          {{"last", "last"}, [](const Row& row) { return Time{row.last}; }},
-          {{"meaning", "meaning"}, [](const Row& row) { return MeaningOfRefusal(row.code); }},
+          {{"address", "address"},
+           [](const Row& row) {
+             return row.address;
+           }},
+          {{"identity", "identity"},
+           [](const Row& row) {
+             return row.identity;
+           }},
+          {{"code", "code"},
+           [](const Row& row) {
+             return row.code;
+           }},
+          {{"count", "count"},
+           [](const Row& row) {
+             return row.count;
+           }},
+          {{"first", "first"},
+           [](const Row& row) {
+             return Time{row.first};
+           }},
+          {{"last", "last"},
+           [](const Row& row) {
+             return Time{row.last};
+           }},
+          {{"meaning", "meaning"},
+           [](const Row& row) {
+             return MeaningOfRefusal(row.code);
+           }},
       },
       refusals);
 }

@@ -41,8 +41,12 @@ char32_t TakeCharacter(std::string_view& text) {
 }
 
 void AppendUtf8(std::string& text, char32_t character) {
-  const auto append = [&](char32_t byte) { text.push_back(static_cast<char>(byte)); };
-  const auto appendTail = [&](unsigned shift) { append(0x80U | (character >> shift & 0x3FU)); };
+  const auto append = [&](char32_t byte) {
+    text.push_back(static_cast<char>(byte));
+  };
+  const auto appendTail = [&](unsigned shift) {
+    append(0x80U | (character >> shift & 0x3FU));
+  };
   if (character < 0x80) return append(character);
   if (character < 0x800) {
     append(0xC0U | character >> 6U);

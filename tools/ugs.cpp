@@ -374,13 +374,17 @@ Command AddStatus(CLI::App& app) {
   const auto options = AddStatusOptions(*command);
   command->add_flag("--json", options->json, "print JSON; times are seconds since 1970");
   command->footer("Exit codes: 0 all is well, 1 something is wrong, 2 usage error, 3 no server.");
-  return [options] { return ShowStatus(*options) ? kDone : kRefused; };
+  return [options] {
+    return ShowStatus(*options) ? kDone : kRefused;
+  };
 }
 
 Command AddInstances(CLI::App& app) {
-  auto* command = app.add_subcommand("instances", "list the instances: when each last reported, what it uses");
+  auto* command =
+      app.add_subcommand("instances", "list the instances: when each last reported, what it uses");
   const auto options = AddListingOptions(*command);
-  command->add_option("--feature", options->feature, "only those that use it, and the sum, as in --feature Plates");
+  command->add_option("--feature", options->feature,
+                      "only those that use it, and the sum, as in --feature Plates");
   command->add_option("--sort", options->sort, "by age, identity, cameras or a count, as in --sort Plates")
       ->capture_default_str();
   return [options] {
