@@ -86,8 +86,8 @@ void AddRefusals(std::vector<StatusProblem>& problems, const StatusSnapshot& sna
     problems.push_back(
         {"refused", Shown(refusal.address, kNameWidth) + who + " is refused with " +
                         Shown(refusal.code, kNameWidth) + " (" + MeaningOfRefusal(refusal.code) + "), " +
-                        std::to_string(refusal.count) + " times since " + ShownTime(refusal.first, now) +
-                        ", last " + ShownTime(refusal.last, now)});
+                        Plural(static_cast<std::size_t>(refusal.count), "time") + " since " +
+                        ShownTime(refusal.first, now) + ", last " + ShownTime(refusal.last, now)});
   }
 }
 
@@ -118,7 +118,8 @@ void AddServer(std::vector<StatusProblem>& problems, const StatusServer& server)
   add(IsNear(static_cast<double>(server.openFiles), static_cast<double>(server.openFilesLimit)), "open_files",
       "few descriptors are left: " + OfLimit(server.openFiles, server.openFilesLimit) + " are open");
   add(server.logFailures > 0, "log_failures",
-      std::to_string(server.logFailures) + " lines could not be written to the log since the start");
+      Plural(static_cast<std::size_t>(server.logFailures), "line") +
+          " could not be written to the log since the start");
   add(server.reportsPerSecond > 0 && logSilence > kLogSilence, "log_silent",
       "reports come, but the log was not written for " + ShownAge(logSilence) +
           " (with SPDLOG_LEVEL=warn it is not)");

@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdlib>
+#include <memory>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -298,7 +299,7 @@ class Top {
       if (connection_) view_.Fail("the server does not tell its status");
       nextLook_ = Clock::now() + kPeriod;
       connection_.reset();
-      connection_.emplace(socket_);
+      connection_ = std::make_unique<StatusConnection>(socket_);
     } catch (const NoStatus& error) {
       connection_.reset();
       view_.Fail(error.what());
@@ -349,7 +350,7 @@ class Top {
   const FileDescriptor signals_;
   TopView view_;
   std::optional<TopScreen> screen_;
-  std::optional<StatusConnection> connection_;
+  std::unique_ptr<StatusConnection> connection_;
   Clock::time_point nextLook_ = Clock::now() + kPeriod;
   bool isRunning_ = true;
 };
