@@ -8,6 +8,7 @@
 
 #include "Deadline.h"
 #include "Envelope.h"
+#include "FleetStatus.h"
 #include "JsonReader.h"
 #include "Logging.h"
 #include "Secrets.h"
@@ -17,23 +18,22 @@ namespace {
 
 constexpr std::chrono::milliseconds kTick(10);  // one request at most in each
 
-// Requests. The shorter the queue, the sooner a peer is answered beside one that floods; 32 leaves the intake
-// something to do while the transport fetches more.
-constexpr std::size_t kQueueRoom = 32;
-
 // What peers have sent may leave megabytes behind that the C library would keep: a message of which the last
 // frame never came, for one, is gathered outside of the queue. So it is asked to give them back, about once a
 // minute.
-constexpr int kTurnsBetweenTrims = 5000;
+constexpr std::uint64_t kTurnsBetweenTrims = 5000;
 
 }  // namespace
 
 KorvaneControllerServer::KorvaneControllerServer(bool encrypted, std::uint32_t port,
                                                  std::string_view scrambledKey,
-                                                 std::unique_ptr<KorvaneUGSCommunicator> communicator)
+                                                 std::unique_ptr<KorvaneUGSCommunicator> communicator,
+                                                 FleetStatus* status)
     : encrypted_(encrypted),
       port_(port),
+      status_(status),
       scrambledKey_(scrambledKey),
+      records_(status),
       communicator_(std::move(communicator)) {}
 
 KorvaneControllerServer::~KorvaneControllerServer() {
@@ -58,8 +58,9 @@ void KorvaneControllerServer::Start() {
     // After the start: a request that comes in between is dropped, and its instance reports again.
     communicator_->SetRequestCallback(
         [this, &communicator = *communicator_](const std::string& identity, const std::string& payload) {
+          std::string address = status_ != nullptr ? communicator.RequestAddress() : std::string();
           const MutexLock lock(queueMutex_);
-          queue_.emplace(identity, payload);
+          queue_.push({identity, payload, std::move(address)});
           HoldRequestsIfFull(communicator);
         });
   }
@@ -74,15 +75,31 @@ void KorvaneControllerServer::StopLoop() {
 
 void KorvaneControllerServer::ProcessLoop() {
   prctl(PR_SET_TIMERSLACK, 1UL);  // of this thread; the usual 50 us would lengthen every tick
-  int turns = 0;
   do {
     std::this_thread::sleep_until(DeadlineAfter(kTick));
     records_.CheckTimeStamp();
-    if (auto request = TakeRequest()) {
-      communicator_->Reply(std::move(request->first), std::to_string(ProcessData(request->second)));
-    }
-    if (++turns % kTurnsBetweenTrims == 0) malloc_trim(0);
+    if (auto request = TakeRequest()) Answer(std::move(*request));
+    EndTurn();
   } while (runState_ == 1);
+}
+
+void KorvaneControllerServer::Answer(Request request) {
+  if (status_ != nullptr) status_->BeginRequest(std::move(request.address));
+  const std::int32_t reply = ProcessData(request.payload);
+  communicator_->Reply(std::move(request.identity), std::to_string(reply));
+  if (status_ != nullptr) status_->EndRequest(reply);
+}
+
+void KorvaneControllerServer::EndTurn() {
+  if (++turns_ % kTurnsBetweenTrims == 0) malloc_trim(0);
+  if (status_ == nullptr || communicator_ == nullptr) return;
+  std::size_t queued = 0;
+  {
+    const MutexLock lock(queueMutex_);
+    queued = queue_.size();
+  }
+  status_->EndTurn(
+      {.queue = queued, .repliesLost = communicator_->RepliesLost(), .serving = communicator_->IsServing()});
 }
 
 std::optional<KorvaneControllerServer::Request> KorvaneControllerServer::TakeRequest() {
@@ -115,6 +132,7 @@ UGSDefs::ReplyCode KorvaneControllerServer::ProcessDocument(std::string_view tex
   if (!ParseJson(text, document)) document.SetNull();
   UGSRequest::RequestData request;
   const UGSDefs::ReplyCode code = UGSRequest::Parse(document, request);
+  if (status_ != nullptr) status_->ReadDocument(UGSRequest::LayoutName(document), request.korvaneId);
   if (code != UGSDefs::Ok) return code;
   if (records_.ApplyRequest(request) == UsageRecords::NoInstanceKey) {
     log.Error("Error 0x442:: something wrong\n");

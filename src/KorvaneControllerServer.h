@@ -23,11 +23,17 @@
 // Start and the destructor belong to the owner's thread; Records() may be used from any thread.
 class KorvaneControllerServer {
  public:
+  // Requests. The shorter the queue, the sooner a peer is answered beside one that floods; 32 leaves the
+  // intake something to do while the transport fetches more.
+  static constexpr std::size_t kQueueRoom = 32;
+
   // Opens no socket and starts no thread. With `encrypted` false, payloads are taken as plain documents.
   // `scrambledKey` is the private key in its stored form (ScrambledKey.h). A null `communicator` makes a
-  // server that answers only direct calls of ProcessData.
+  // server that answers only direct calls of ProcessData. `status`, if it is not null, is told of all that
+  // happens, and outlives the server.
   KorvaneControllerServer(bool encrypted, std::uint32_t port, std::string_view scrambledKey,
-                          std::unique_ptr<KorvaneUGSCommunicator> communicator);
+                          std::unique_ptr<KorvaneUGSCommunicator> communicator,
+                          FleetStatus* status = nullptr);
   ~KorvaneControllerServer();  // blocks for up to 1.3 s; requests still in the queue get no reply
   KorvaneControllerServer(const KorvaneControllerServer&) = delete;
   KorvaneControllerServer& operator=(const KorvaneControllerServer&) = delete;
@@ -37,6 +43,11 @@ class KorvaneControllerServer {
   void Start();
 
   UsageRecords& Records() { return records_; }
+
+  // Any thread. Whether the port is open, and how many turns the intake has made: a number that no longer
+  // grows is that of an intake that hangs.
+  [[nodiscard]] bool IsServing() const { return communicator_ != nullptr && communicator_->IsServing(); }
+  [[nodiscard]] std::uint64_t Turns() const { return turns_; }
 
   // Intake thread, or a caller of a server that was not started.
 
@@ -48,16 +59,23 @@ class KorvaneControllerServer {
   std::int32_t DecryptData(const std::string& payload, std::vector<char>& plaintext);
 
  private:
-  using Request = std::pair<std::string, std::string>;  // identity, payload
+  struct Request {
+    std::string identity;
+    std::string payload;
+    std::string address;  // for the status only
+  };
 
   void StopLoop();
   void ProcessLoop();
   std::optional<Request> TakeRequest() UGS_EXCLUDES(queueMutex_);
+  void Answer(Request request);
+  void EndTurn();
   void HoldRequestsIfFull(KorvaneUGSCommunicator& communicator) UGS_REQUIRES(queueMutex_);
   UGSDefs::ReplyCode ProcessDocument(std::string_view text);
 
   const bool encrypted_;
   const std::uint32_t port_;
+  FleetStatus* const status_;
   std::string scrambledKey_;  // read by the intake thread; wiped by the destructor once that is joined
 
   UsageRecords records_;
@@ -68,6 +86,7 @@ class KorvaneControllerServer {
   // After the queue, which its worker may touch until it is joined.
   std::unique_ptr<KorvaneUGSCommunicator> communicator_;
 
+  std::atomic<std::uint64_t> turns_ = 0;
   std::atomic<int> runState_ = 0;  // the loop runs while this is 1
   std::thread loop_;
 };

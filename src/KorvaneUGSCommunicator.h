@@ -42,6 +42,16 @@ class KorvaneUGSCommunicator {
   // connections, where a flood costs its sender alone. Replies go out all the same.
   void HoldRequests(bool hold) { held_ = hold; }
 
+  // In a call of the callback, on its thread: the address of the peer that sent the request ("192.0.2.7").
+  // Empty if the transport knows none.
+  [[nodiscard]] virtual std::string RequestAddress() const { return {}; }
+
+  // Any thread. Whether requests can come in: the port is open.
+  [[nodiscard]] bool IsServing() const { return serving_; }
+
+  // Any thread. Replies that Reply dropped since the construction though it was serving.
+  [[nodiscard]] std::uint64_t RepliesLost() const { return repliesLost_; }
+
   // Called once per request on the transport's own thread, with no lock held; must return quickly, since
   // nothing is received meanwhile. Use SetRequestCallback while the transport is running.
   RequestCallback requestCallback UGS_GUARDED_BY(callbackMutex_);
@@ -52,8 +62,12 @@ class KorvaneUGSCommunicator {
     const MutexLock lock(callbackMutex_);
     return requestCallback;
   }
+  void SetServing(bool serving) { serving_ = serving; }
+  void CountLostReply() { ++repliesLost_; }
 
  private:
   std::atomic<bool> held_ = false;
+  std::atomic<bool> serving_ = false;
+  std::atomic<std::uint64_t> repliesLost_ = 0;
   Mutex callbackMutex_;  // held only to copy or assign the callback, never while it runs
 };

@@ -141,7 +141,9 @@ void KorvaneUGSZMQ::WaitingThreadWorker(std::uint32_t port) {
   Sockets sockets(port);
   Publish(sockets);
   if (sockets.forwarding != nullptr && sockets.router != nullptr) {
+    SetServing(true);
     ProcessWork(*sockets.router, *sockets.forwarding);
+    SetServing(false);
   }
   Withdraw();
   sockets.Close();
@@ -192,14 +194,25 @@ void KorvaneUGSZMQ::ProcessWork(zmq::socket_t& router, zmq::socket_t& forwarding
 
 void KorvaneUGSZMQ::TakeRequest(zmq::socket_t& router, FramePairs& pairs) {
   static constexpr FunctionLog log("KorvaneUGSZMQ::ProcessWork");
-  const auto request = frames_ == RequestFrames::Strict ? TakeMessage(router) : pairs.Take(router);
+  auto request = frames_ == RequestFrames::Strict ? TakeMessage(router) : pairs.Take(router);
   if (!request) return;
   if (request->identity.empty() || request->payload.empty()) {
     log.Error("0x0084 Invalid incoming data");
     return;
   }
   if (const RequestCallback callback = CopyRequestCallback()) {
+    request_ = &request->payload;
     callback(request->identity.to_string(), request->payload.to_string());
+    request_ = nullptr;
+  }
+}
+
+// zmq_msg_gets(3). A pipe that closed meanwhile has no address any more.
+std::string KorvaneUGSZMQ::RequestAddress() const {
+  try {
+    return request_ != nullptr ? request_->gets("Peer-Address") : "";
+  } catch (const zmq::error_t&) {
+    return {};
   }
 }
 
@@ -244,9 +257,10 @@ void KorvaneUGSZMQ::Reply(std::string identity, std::string reply) {
     // Neither send may wait: the worker takes this mutex when it stops reading the channel. What does not
     // fit into the channel is lost.
     replySocket_->send(zmq::buffer(identity), zmq::send_flags::sndmore | zmq::send_flags::dontwait);
-    replySocket_->send(zmq::buffer(reply), zmq::send_flags::dontwait);
+    if (!replySocket_->send(zmq::buffer(reply), zmq::send_flags::dontwait)) CountLostReply();
   } catch (const zmq::error_t& error) {
     log.Error("0x0086: {}", error.what());
+    CountLostReply();
     replySocket_.reset();
   }
 }

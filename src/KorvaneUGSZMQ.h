@@ -35,6 +35,7 @@ class KorvaneUGSZMQ : public KorvaneUGSCommunicator {
   bool Start() override;
   void Reply(std::string identity, std::string reply) override;
   bool SetPort(std::uint32_t port) override;
+  [[nodiscard]] std::string RequestAddress() const override;
 
  private:
   struct Request;
@@ -56,6 +57,7 @@ class KorvaneUGSZMQ : public KorvaneUGSCommunicator {
   bool ConnectReplySocket() UGS_REQUIRES(mutex_);
 
   const RequestFrames frames_;
+  zmq::message_t* request_ = nullptr;  // worker's, while the callback runs: the payload
 
   Mutex mutex_;  // held by Reply for its whole run
   // The callers' end of the channel, connected by the first Reply.

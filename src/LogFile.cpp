@@ -18,7 +18,12 @@ LogFile::LogFile(std::string path, std::size_t maxSize, std::size_t olderFiles, 
 
 void LogFile::log(const spdlog::details::log_msg& message) {
   const MutexLock lock(mutex_);
-  UseFile([&]() UGS_REQUIRES(mutex_) { file_->log(message); });
+  ++failures_;  // until it is written
+  UseFile([&]() UGS_REQUIRES(mutex_) {
+    file_->log(message);
+    --failures_;
+    written_ = std::chrono::system_clock::to_time_t(message.time);
+  });
 }
 
 void LogFile::flush() {

@@ -2,10 +2,12 @@
 
 #include <spdlog/sinks/rotating_file_sink.h>
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <string>
 
+#include "Logging.h"
 #include "Mutex.h"
 
 // The rotating log file that survives what happens to its disk: spdlog's sink, opened anew after a failure.
@@ -27,6 +29,8 @@ class LogFile final : public spdlog::sinks::sink {
   void log(const spdlog::details::log_msg& message) override;
   void flush() override;
 
+  [[nodiscard]] LogState State() const { return {written_, failures_}; }
+
   // The pattern is the constructor's; these have no effect.
   void set_pattern(const std::string& /*pattern*/) override {}
   void set_formatter(std::unique_ptr<spdlog::formatter> /*formatter*/) override {}
@@ -43,6 +47,9 @@ class LogFile final : public spdlog::sinks::sink {
   const std::size_t maxSize_;
   const std::size_t olderFiles_;
   const std::string pattern_;
+
+  std::atomic<std::int64_t> written_ = 0;
+  std::atomic<std::uint64_t> failures_ = 0;
 
   Mutex mutex_;
   std::unique_ptr<spdlog::sinks::rotating_file_sink_st> file_ UGS_GUARDED_BY(mutex_);  // null after a failure

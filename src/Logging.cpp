@@ -15,6 +15,10 @@ namespace {
 
 constexpr std::size_t kMaxFileSize = 10'485'760;  // 10 MiB
 
+thread_local std::string lastError;
+
+std::shared_ptr<LogFile> logFile;  // set before there are threads
+
 class ConsoleSink final : public spdlog::sinks::base_sink<std::mutex> {
  private:
   void sink_it_(const spdlog::details::log_msg& message) override {
@@ -33,10 +37,10 @@ void SetUpLogging(const std::string& name, int argc, char** argv, const std::str
   console->set_pattern("[%l] %v");
 
   const std::string path = directory + "/" + name + ".txt";
-  auto file = std::make_shared<LogFile>(path, kMaxFileSize, ugs::kOlderLogFiles, "[%c][%L] %v");
-  file->set_level(spdlog::level::info);
+  logFile = std::make_shared<LogFile>(path, kMaxFileSize, ugs::kOlderLogFiles, "[%c][%L] %v");
+  logFile->set_level(spdlog::level::info);
 
-  auto logger = std::make_shared<spdlog::logger>(name, spdlog::sinks_init_list{console, file});
+  auto logger = std::make_shared<spdlog::logger>(name, spdlog::sinks_init_list{console, logFile});
   logger->flush_on(spdlog::level::warn);
 
   // A second set-up in one process replaces the first; registering a taken name would throw.
@@ -49,6 +53,23 @@ void SetUpLogging(const std::string& name, int argc, char** argv, const std::str
   spdlog::cfg::load_argv_levels(argc, argv);
 }
 
+LogState CurrentLogState() {
+  return logFile != nullptr ? logFile->State() : LogState();
+}
+
 void PrintToConsole(const char* text) {
+  lastError = text;
   Console::Instance().Write(text);
+}
+
+const std::string& LastError() {
+  return lastError;
+}
+
+void ForgetLastError() {
+  lastError.clear();
+}
+
+void FunctionLog::NoteLastError(std::string text) {
+  lastError = std::move(text);
 }

@@ -4,6 +4,7 @@
 #include <spdlog/spdlog.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -14,8 +15,22 @@
 // Throws spdlog::spdlog_ex if the log file cannot be opened. Main thread only.
 void SetUpLogging(const std::string& name, int argc, char** argv, const std::string& directory);
 
+// How the log file fares.
+struct LogState {
+  std::int64_t written =
+      0;  // when a line was last written to it, in seconds since 1970-01-01 UTC; 0 is never
+  std::uint64_t failures = 0;  // lines that it does not have
+};
+// Any thread, after SetUpLogging.
+[[nodiscard]] LogState CurrentLogState();
+
 // Writes `text` to standard output as it is: for the few messages that do not go to the log. Thread-safe.
 void PrintToConsole(const char* text);
+
+// What this thread has last told with FunctionLog::Error or PrintToConsole, whether or not the log's level
+// let it through: of a request that was refused, the reason. Empty after ForgetLastError.
+[[nodiscard]] const std::string& LastError();
+void ForgetLastError();
 
 // A log text with its arguments checked, and the place that logs it. The constructor runs at compile time
 // only, so a text that came from a peer cannot become a format. It is implicit: callers write the bare text.
@@ -53,7 +68,9 @@ class FunctionLog {
   }
   template <typename... Args>
   void Error(FormatWithLocation<std::type_identity_t<Args>...> text, Args&&... args) const {
-    Write(spdlog::level::err, text, std::forward<Args>(args)...);
+    NoteLastError(fmt::format(text.text, std::forward<Args>(args)...));
+    spdlog::default_logger_raw()->log(spdlog::source_loc{text.file, text.line, function_}, spdlog::level::err,
+                                      LastError());
   }
 
  private:
@@ -63,6 +80,8 @@ class FunctionLog {
     spdlog::default_logger_raw()->log(spdlog::source_loc{text.file, text.line, function_}, level, text.text,
                                       std::forward<Args>(args)...);
   }
+
+  static void NoteLastError(std::string text);
 
   const char* function_;
 };

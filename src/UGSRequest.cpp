@@ -132,6 +132,13 @@ ReplyCode UGSRequest::Parse(const Value& root, RequestData& out) {
   return ParseLegacy(root, out);
 }
 
+const char* UGSRequest::LayoutName(const Value& root) {
+  for (const VersionRow& version : kVersions) {
+    if (root.IsObject() && FindMember(root, version.key) != nullptr) return version.key;
+  }
+  return ugs::kLegacyLayout.name;
+}
+
 ReplyCode UGSRequest::ParseLegacy(const Value& request, RequestData& out) {
   static constexpr FunctionLog log("UGSRequest::ParseLegacy");
   out = RequestData();

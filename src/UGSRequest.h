@@ -30,6 +30,9 @@ class UGSRequest {
   // the legacy layout. Returns Ok with `out` filled, or Failed with `out` in parts.
   static UGSDefs::ReplyCode Parse(const rapidjson::Value& root, RequestData& out);
 
+  // The name of the layout that Parse chooses (ugs::Layout).
+  static const char* LayoutName(const rapidjson::Value& root);
+
   static UGSDefs::ReplyCode ParseLegacy(const rapidjson::Value& request, RequestData& out);
   static UGSDefs::ReplyCode ParseV4(const rapidjson::Value& request, RequestData& out,
                                     const char* versionKey);

@@ -4,6 +4,7 @@
 #include <bit>
 #include <ctime>
 
+#include "FleetStatus.h"
 #include "InstanceKey.h"
 #include "LogTexts.h"
 #include "Logging.h"
@@ -70,6 +71,7 @@ void UsageRecords::Store(const std::string& key, const UGSRequest::RequestData& 
     records_.insert(place, {key, request});
   }
   totals_ += request.counts;
+  if (status_ != nullptr) status_->Stored(key, request);
 }
 
 void UsageRecords::CheckTimeStamp() {
@@ -85,6 +87,7 @@ bool UsageRecords::EraseExpired() {
     if (record.request.timeStamp == -1 || silence <= expiryTimeout_) return false;
     log.Info(ugs::kExpiredText, record.key, silence);
     totals_ -= record.request.counts;
+    if (status_ != nullptr) status_->Erased(record.key);
     return true;
   };
   return std::erase_if(records_, eraseIfSilent) > 0;

@@ -12,9 +12,11 @@
 // Replaced only by tests, and only while no other thread uses a registry.
 extern std::function<std::int32_t()> clockFunction;
 
+class FleetStatus;
+
 // Holds the newest report of every instance and keeps the fleet's totals.
-// Thread-safe: one mutex, a leaf (nothing else is locked while it is held, but log lines are written, so that
-// each print is one consistent picture).
+// Thread-safe: one mutex. Log lines are written while it is held, so that each print is one consistent
+// picture, and the fleet's status is told of what changes.
 // Invariant: the running totals equal the sum of `counts` over all records, modulo 2^32.
 class UsageRecords {
  public:
@@ -23,6 +25,10 @@ class UsageRecords {
     Stored = 1,
     NoInstanceKey = 3,
   };
+
+  // `status`, which may be null, is told of every record that is stored or forgotten, with the mutex held. It
+  // outlives the registry.
+  explicit UsageRecords(FleetStatus* status = nullptr) : status_(status) {}
 
   struct Record {
     std::string key;  // InstanceKey of the request
@@ -64,6 +70,7 @@ class UsageRecords {
   void Store(const std::string& key, const UGSRequest::RequestData& request) UGS_EXCLUDES(mutex_);
   [[nodiscard]] bool EraseExpired() UGS_EXCLUDES(mutex_);
 
+  FleetStatus* const status_;
   const std::int64_t expiryTimeout_ = 120;  // seconds
 
   mutable Mutex mutex_;

@@ -17,14 +17,19 @@
 #include <ratio>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 #include "ConsoleKeyboard.h"
 #include "Deadline.h"
+#include "FleetStatus.h"
 #include "KorvaneControllerServer.h"
 #include "KorvaneUGSZMQ.h"
 #include "Logging.h"
 #include "PrivateKey.h"
 #include "ProcessSignals.h"
+#include "ServiceManager.h"
+#include "StatusSocket.h"
+#include "StatusText.h"
 #include "UGSDefs.h"
 
 namespace {
@@ -91,9 +96,21 @@ RequestFrames FramesFromEnvironment(const FunctionLog& log) {
   return RequestFrames::Pairs;
 }
 
-std::unique_ptr<KorvaneControllerServer> MakeServer(RequestFrames frames) {
+std::unique_ptr<KorvaneControllerServer> MakeServer(RequestFrames frames, FleetStatus* status) {
   return std::make_unique<KorvaneControllerServer>(kEncrypted, UGSDefs::kPort, ScrambledPrivateKey(),
-                                                   std::make_unique<KorvaneUGSZMQ>(frames));
+                                                   std::make_unique<KorvaneUGSZMQ>(frames), status);
+}
+
+// Shows `status` to whoever connects. Null if that cannot be done; the server serves all the same.
+std::unique_ptr<StatusSocket> ShowStatus(const FleetStatus& status, const char* path,
+                                         const FunctionLog& log) {
+  try {
+    return std::make_unique<StatusSocket>(
+        path, [&status] { return WriteStatus(status.TakeSnapshot(), LookUpProcessFacts()); });
+  } catch (const std::system_error& error) {
+    log.Warn("The status cannot be shown: {}", error.what());
+    return nullptr;
+  }
 }
 
 void StartWithSignalsBlocked(KorvaneControllerServer& server) {
@@ -132,7 +149,10 @@ int main(int argc, char** argv) {
   RaiseOpenFileLimit(log);
 
   const RequestFrames frames = FramesFromEnvironment(log);
-  auto server = MakeServer(frames);
+  const char* const statusPath = std::getenv("UGS_STATUS");
+  const auto status = statusPath != nullptr ? std::make_unique<FleetStatus>() : nullptr;
+  const auto statusSocket = status != nullptr ? ShowStatus(*status, statusPath, log) : nullptr;
+  auto server = MakeServer(frames, status.get());
   StartWithSignalsBlocked(*server);
   PrintToConsole("\n");
   PrintToConsole("Press a key to exit...\n");
@@ -142,15 +162,20 @@ int main(int argc, char** argv) {
   log.Info("Total cameras in use : {}", server->Records().TotalCameras());
   server->Records().PrintStatus();
 
+  ServiceManager manager;
   while (!quit) {
     quit = IsQuitKey(keyboard.ReadKey());
     if (SystemTicks() - lastBuild >= kRefreshPeriod) {
       log.Info("Refreshing UGS server...");
-      auto fresh = MakeServer(frames);
+      auto fresh = MakeServer(frames, status.get());
       server.reset();  // the port must be free before the new server binds it
       server = std::move(fresh);
+      if (status != nullptr) status->Rebuilt();
       StartWithSignalsBlocked(*server);
       lastBuild = SystemTicks();
+    }
+    if (manager.IsThere()) {
+      manager.Tell(*server, status != nullptr ? std::optional(status->TakeSummary()) : std::nullopt);
     }
     quit = quit || WaitForQuitSignal(signals, keyboard);
   }

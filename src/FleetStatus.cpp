@@ -1,0 +1,281 @@
+#include "FleetStatus.h"
+
+#include <rapidjson/encodings.h>
+#include <rapidjson/memorystream.h>
+#include <rapidjson/stringbuffer.h>
+
+#include <algorithm>
+#include <bit>
+#include <cstdlib>
+
+#include "Logging.h"
+#include "UsageRecords.h"
+
+namespace {
+
+constexpr std::size_t kShownBytes = 512;  // of a string of a peer's; it may have sent a megabyte
+constexpr std::size_t kShownCameras = 256;
+constexpr std::size_t kLosses = 200;
+constexpr std::size_t kAddresses = 256;
+constexpr std::size_t kHours = 48;
+constexpr std::int64_t kSecondsPerHour = 3600;
+constexpr std::int64_t kExpiry = 120;  // seconds, as in the registry
+
+// Turns come every 10 ms. After a longer gap the machine was asleep or its clock was set: nothing was seen.
+constexpr std::int64_t kLongestStep = 10;
+
+// Above it a count is a negative number in disguise.
+constexpr std::uint32_t kLargestCount = 1U << 31U;
+
+std::int64_t Now() {
+  return clockFunction();
+}
+
+// The beginning of `text`, with U+FFFD in place of what is not UTF-8.
+std::string Cut(std::string_view text) {
+  rapidjson::MemoryStream in(text.data(), std::min(text.size(), kShownBytes));
+  rapidjson::StringBuffer out;
+  while (in.Tell() < in.size_) {
+    unsigned codepoint = 0;
+    if (!rapidjson::UTF8<>::Decode(in, &codepoint)) codepoint = 0xFFFD;
+    rapidjson::UTF8<>::Encode(out, codepoint);
+  }
+  if (text.size() > kShownBytes) rapidjson::UTF8<>::Encode(out, 0x2026);  // an ellipsis
+  return {out.GetString(), out.GetSize()};
+}
+
+// RFC 3986, 3.2.1: what stands between "//" and the last "@" before the path.
+std::string WithoutPassword(std::string_view url) {
+  const std::size_t authority = url.find("//");
+  if (authority == std::string_view::npos) return Cut(url);
+  const std::size_t begin = authority + 2;
+  const std::size_t at = url.substr(begin, url.find_first_of("/?#", begin) - begin).rfind('@');
+  if (at == std::string_view::npos) return Cut(url);
+  return Cut(std::string(url.substr(0, begin)).append("***").append(url.substr(begin + at)));
+}
+
+std::shared_ptr<const FleetStatus::Who> MakeWho(const std::string& key,
+                                                const UGSRequest::RequestData& request) {
+  auto who = std::make_shared<FleetStatus::Who>();
+  who->key = key;
+  who->identity = Cut(request.korvaneId);
+  who->container = Cut(request.dockerId);
+  who->allCameras = request.camRtspUrls.size();
+  const std::size_t shown = std::min(who->allCameras, kShownCameras);
+  who->cameras.reserve(shown);
+  for (std::size_t i = 0; i < shown; ++i) who->cameras.push_back(WithoutPassword(request.camRtspUrls[i]));
+  return who;
+}
+
+// The last code in `text`: "Error 0x00AE06: ..." gives "0x00AE06".
+std::string CodeIn(std::string_view text) {
+  const std::size_t begin = text.rfind("0x");
+  if (begin == std::string_view::npos) return "none";
+  return std::string(text.substr(begin, text.find_first_not_of("0123456789ABCDEFabcdef", begin + 2) - begin));
+}
+
+}  // namespace
+
+FleetStatus::FleetStatus() {
+  server_.started = Now();
+}
+
+void FleetStatus::BeginRequest(std::string address) {
+  ForgetLastError();
+  const MutexLock lock(mutex_);
+  request_ = Request();
+  request_.address = std::move(address);
+}
+
+void FleetStatus::ReadDocument(const char* layout, std::string_view identity) {
+  const MutexLock lock(mutex_);
+  request_.layout = layout;
+  request_.identity = Cut(identity);
+}
+
+void FleetStatus::EndRequest(std::int32_t reply) {
+  const std::int64_t now = Now();
+  const MutexLock lock(mutex_);
+  if (reply == UGSDefs::Failed) {
+    ++server_.refused;
+    Refuse(now);
+  } else if (reply == UGSDefs::Hello) {
+    ++server_.greetings;
+  }
+}
+
+void FleetStatus::Refuse(std::int64_t now) {
+  std::string address = request_.address;
+  if (!refusedAddresses_.contains(address)) {
+    if (refusedAddresses_.size() < kAddresses) {
+      refusedAddresses_.emplace(address, 0);
+    } else {
+      address = "others";
+    }
+  }
+  Refusal& refusal = refusals_[{address, CodeIn(LastError())}];
+  if (refusal.count++ == 0) refusal.first = now;
+  refusal.last = now;
+  if (!request_.identity.empty()) refusal.identity = request_.identity;
+}
+
+void FleetStatus::Stored(const std::string& key, const UGSRequest::RequestData& request) {
+  const std::int64_t now = request.timeStamp;
+  const MutexLock lock(mutex_);
+  auto next = std::make_shared<Instance>();
+  next->address = request_.address;
+  next->layout = request_.layout;
+  next->counts = request.counts;
+  next->first = next->last = now;
+  next->reports = 1;
+  next->generation = generation_;
+  InstancePointer& row = rows_[key];
+  if (row == nullptr) {
+    next->who = MakeWho(key, request);
+    ChangeUse(nullptr, &next->counts, now);
+    const auto loss = std::ranges::find(losses_, key, [](const Loss& one) { return one.instance->who->key; });
+    if (loss != losses_.end() && loss->returned == 0) loss->returned = now;
+  } else {
+    // The key is a digest of identity and cameras; only the container may have changed.
+    next->who = row->who->container == Cut(request.dockerId) ? row->who : MakeWho(key, request);
+    next->first = row->first;
+    next->reports = row->reports + 1;
+    const auto pause = static_cast<double>(now - row->last);
+    next->period = row->reports == 1 ? pause : row->period + (pause - row->period) / 4;
+    ChangeUse(&row->counts, &next->counts, now);
+    if (row->generation == generation_) {
+      totals_ -= row->counts;
+    } else {
+      --notBack_;
+    }
+  }
+  totals_ += next->counts;
+  row = std::move(next);
+  ++server_.reports;
+  lastReport_ = now;
+  Second& second = seconds_[static_cast<std::size_t>(now) % seconds_.size()];
+  if (second.second != now) second = {.second = now};
+  ++second.reports;
+}
+
+void FleetStatus::Erased(const std::string& key) {
+  const std::int64_t now = Now();
+  const MutexLock lock(mutex_);
+  const auto row = rows_.find(key);
+  if (row != rows_.end()) Lose(row, LossReason::Silent, now);
+}
+
+void FleetStatus::Lose(Rows::iterator row, LossReason reason, std::int64_t now) {
+  if (row->second->generation == generation_) {
+    totals_ -= row->second->counts;
+  } else {
+    --notBack_;
+  }
+  ChangeUse(&row->second->counts, nullptr, now);
+  losses_.push_front({.instance = std::move(row->second), .lost = now, .reason = reason});
+  if (losses_.size() > kLosses) losses_.pop_back();
+  rows_.erase(row);
+}
+
+void FleetStatus::EndTurn(const Turn& turn) {
+  const std::int64_t now = Now();
+  const MutexLock lock(mutex_);
+  server_.turn = turn;
+  server_.queuePeak = std::max(server_.queuePeak, turn.queue);
+  if (now == advancedTo_) return;
+  AdvanceTo(now);
+  if (notBack_ > 0) LoseThoseNotBack(now);
+}
+
+// The new registry never knew them, so it cannot miss them.
+void FleetStatus::LoseThoseNotBack(std::int64_t now) {
+  for (auto row = rows_.begin(); row != rows_.end();) {
+    const auto next = std::next(row);
+    const Instance& instance = *row->second;
+    if (instance.generation != generation_ && std::abs(now - instance.last) > kExpiry) {
+      Lose(row, LossReason::NotBack, now);
+    }
+    row = next;
+  }
+}
+
+void FleetStatus::Rebuilt() {
+  const std::int64_t now = Now();
+  const MutexLock lock(mutex_);
+  ++generation_;
+  notBack_ = rows_.size();
+  totals_ = {};
+  server_.rebuilt = now;
+  server_.repliesLostBefore += server_.turn.repliesLost;
+  server_.turn = {};
+}
+
+// What the fleet uses becomes other than it was: `before` leaves it and `after` joins it. Each may be null.
+void FleetStatus::ChangeUse(const ugs::UsageCounts* before, const ugs::UsageCounts* after, std::int64_t now) {
+  AdvanceTo(now);
+  const ugs::CountSlots none{};
+  const auto leaving = before != nullptr ? std::bit_cast<ugs::CountSlots>(*before) : none;
+  const auto joining = after != nullptr ? std::bit_cast<ugs::CountSlots>(*after) : none;
+  for (std::size_t slot = 0; slot < inUse_.size(); ++slot) {
+    if (leaving[slot] < kLargestCount) inUse_[slot] -= leaving[slot];
+    if (joining[slot] < kLargestCount) inUse_[slot] += joining[slot];
+    Use& use = hours_.front().uses[slot];
+    if (inUse_[slot] > use.peak) use = {inUse_[slot], now, use.unitSeconds};
+  }
+}
+
+// Adds what was in use since the last call to its hours. Afterwards the first hour is that of `now`.
+void FleetStatus::AdvanceTo(std::int64_t now) {
+  const bool seen = now > advancedTo_ && now - advancedTo_ <= kLongestStep;
+  std::int64_t from = seen ? advancedTo_ : now;
+  advancedTo_ = now;
+  for (;;) {
+    const std::int64_t hour = from - from % kSecondsPerHour;
+    if (hours_.empty() || hours_.front().start != hour) {
+      hours_.push_front({.start = hour});
+      for (std::size_t slot = 0; slot < inUse_.size(); ++slot) {
+        hours_.front().uses[slot] = {inUse_[slot], from, 0};
+      }
+      if (hours_.size() > kHours) hours_.pop_back();
+    }
+    const std::int64_t end = std::min(now, hour + kSecondsPerHour);
+    const auto step = static_cast<std::uint64_t>(end - from);
+    hours_.front().seen += end - from;
+    for (std::size_t slot = 0; slot < inUse_.size(); ++slot) {
+      hours_.front().uses[slot].unitSeconds += inUse_[slot] * step;
+    }
+    if (end == now && now != hour + kSecondsPerHour) return;
+    from = end;
+  }
+}
+
+double FleetStatus::ReportsPerSecond(std::int64_t now) const {
+  std::uint64_t reports = 0;
+  for (const Second& second : seconds_) {
+    if (second.second < now && now - second.second <= std::ssize(seconds_)) reports += second.reports;
+  }
+  const auto span = std::clamp<std::int64_t>(now - server_.started, 1, std::ssize(seconds_));
+  return static_cast<double>(reports) / static_cast<double>(span);
+}
+
+FleetStatus::Snapshot FleetStatus::TakeSnapshot() const {
+  Snapshot snapshot;
+  const MutexLock lock(mutex_);
+  snapshot.time = Now();
+  snapshot.generation = generation_;
+  snapshot.server = server_;
+  snapshot.server.reportsPerSecond = ReportsPerSecond(snapshot.time);
+  snapshot.totals = totals_;
+  snapshot.instances.reserve(rows_.size());
+  for (const auto& row : rows_) snapshot.instances.push_back(row.second);
+  snapshot.losses = losses_;
+  snapshot.refusals = refusals_;
+  snapshot.hours = hours_;
+  return snapshot;
+}
+
+FleetStatus::Summary FleetStatus::TakeSummary() const {
+  const MutexLock lock(mutex_);
+  // maxCameras is the first of the counts.
+  return {.instances = rows_.size(), .cameras = inUse_.front(), .lastReport = lastReport_, .time = Now()};
+}

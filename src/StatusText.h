@@ -1,0 +1,21 @@
+#pragma once
+
+#include <string>
+
+#include "FleetStatus.h"
+
+// What is known of the process, and not by the fleet's status.
+struct ProcessFacts {
+  std::string host;
+  std::size_t connections = 0;  // of peers to the port
+  std::size_t openFiles = 0;
+  std::size_t openFilesLimit = 0;
+  std::int64_t logWritten = 0;  // seconds since 1970-01-01 UTC; 0 is never
+  std::uint64_t logFailures = 0;
+};
+
+// Looked up now, from /proc (proc(5)) and the log.
+ProcessFacts LookUpProcessFacts();
+
+// The snapshot as JSON lines: docs/status.md says what stands in them.
+std::string WriteStatus(const FleetStatus::Snapshot& snapshot, const ProcessFacts& process);
