@@ -170,7 +170,7 @@ const INSTANCE_COLUMNS = [
   ["State", stateOf, "state", "state"],
   ["Identity", nameOf, "", "identity"],
   ["Container", (instance) => instance.container && foreign(instance.container), "", "container"],
-  ["Address", (instance) => foreign(instance.address), "", "address"],
+  ["Address", (instance) => foreign(instance.address), "address", "address"],
   ["Cameras", (instance) => instance.cameras_count, "number", "cameras"],
   ["In use", (instance) => chips(instance.counts), "", "used"],
   ["Last report", ageOf, "time", "age"],
@@ -187,6 +187,7 @@ const SORTS = {
   age: silence,
   flags: flagsOf,
 };
+const LARGEST_FIRST = new Set(["cameras", "used", "age"]);
 const natural = new Intl.Collator(undefined, { numeric: true });
 
 function compare(left, right) {
@@ -234,7 +235,7 @@ function drawInstances() {
 const LOSS_COLUMNS = [
   ["Lost", (loss) => moment(loss.lost), "time"],
   ["Identity", (loss) => foreign(loss.identity)],
-  ["Address", (loss) => foreign(loss.address)],
+  ["Address", (loss) => foreign(loss.address), "address"],
   ["Last report", (loss) => moment(loss.last), "time"],
   ["Why", (loss) => (loss.reason === "not_back" ? "not back after a rebuild" : loss.reason)],
   ["Returned", (loss) => (loss.returned ? moment(loss.returned) : "no"), "time"],
@@ -243,7 +244,7 @@ const LOSS_COLUMNS = [
 const REFUSAL_COLUMNS = [
   ["Last", (refusal) => moment(refusal.last), "time"],
   ["First", (refusal) => moment(refusal.first), "time"],
-  ["Address", (refusal) => foreign(refusal.address)],
+  ["Address", (refusal) => foreign(refusal.address), "address"],
   ["Identity", (refusal) => refusal.identity && foreign(refusal.identity)],
   ["Code", (refusal) => refusal.code],
   ["Meaning", (refusal) => refusal.meaning],
@@ -357,7 +358,7 @@ async function askForEver() {
 document.addEventListener("click", (event) => {
   const { sort, feature, open } = event.target.closest("button")?.dataset ?? {};
   if (sort) {
-    view.descending = view.sort === sort && !view.descending;
+    view.descending = view.sort === sort ? !view.descending : LARGEST_FIRST.has(sort);
     view.sort = sort;
   }
   if (feature) view.feature = view.feature === feature ? "" : feature;
