@@ -172,7 +172,7 @@ const INSTANCE_COLUMNS = [
   ["Container", (instance) => instance.container && foreign(instance.container), "", "container"],
   ["Address", (instance) => foreign(instance.address), "address", "address"],
   ["Cameras", (instance) => instance.cameras_count, "number", "cameras"],
-  ["In use", (instance) => chips(instance.counts), "", "used"],
+  ["In use", (instance) => chips(instance.counts), "used", "used"],
   ["Last report", ageOf, "time", "age"],
   ["Flags", (instance) => flagsOf(instance), "", "flags"],
 ];
@@ -246,7 +246,7 @@ const REFUSAL_COLUMNS = [
   ["First", (refusal) => moment(refusal.first), "time"],
   ["Address", (refusal) => foreign(refusal.address), "address"],
   ["Identity", (refusal) => refusal.identity && foreign(refusal.identity)],
-  ["Code", (refusal) => refusal.code],
+  ["Code", (refusal) => refusal.code, "time"],
   ["Meaning", (refusal) => refusal.meaning],
   ["Times", (refusal) => refusal.count, "number"],
 ];
