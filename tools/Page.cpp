@@ -1,7 +1,7 @@
 #include "Page.h"
 
-#include <arpa/inet.h>
 #include <microhttpd.h>
+#include <netdb.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/signalfd.h>
@@ -12,12 +12,13 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstring>
+#include <cstddef>
 #include <functional>
 #include <iostream>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
@@ -170,29 +171,19 @@ std::string InLowerCase(std::string_view text) {
   return lower;
 }
 
-// An address and a port, as they are in a socket.
-class Endpoint {
- public:
-  Endpoint(const std::string& address, std::uint16_t port) {
-    auto& v4 = reinterpret_cast<sockaddr_in&>(storage_);
-    auto& v6 = reinterpret_cast<sockaddr_in6&>(storage_);
-    if (inet_pton(AF_INET, address.c_str(), &v4.sin_addr) == 1) {
-      v4.sin_family = AF_INET;
-      v4.sin_port = htons(port);
-    } else if (inet_pton(AF_INET6, address.c_str(), &v6.sin6_addr) == 1) {
-      v6.sin6_family = AF_INET6;
-      v6.sin6_port = htons(port);
-    } else {
-      throw std::invalid_argument("--address " + address + " is no numeric IP address, as 127.0.0.1 is");
-    }
+using Endpoint = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
+
+Endpoint FindEndpoint(const PageOptions& options) {
+  addrinfo hints{};
+  hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV | AI_PASSIVE;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (getaddrinfo(options.address.c_str(), std::to_string(options.port).c_str(), &hints, &found) != 0) {
+    throw std::invalid_argument("--address " + options.address +
+                                " is no numeric IP address, as 127.0.0.1 is");
   }
-
-  [[nodiscard]] bool IsV6() const { return storage_.ss_family == AF_INET6; }
-  [[nodiscard]] const sockaddr* Socket() const { return reinterpret_cast<const sockaddr*>(&storage_); }
-
- private:
-  sockaddr_storage storage_{};
-};
+  return {found, &freeaddrinfo};
+}
 
 // Answers requests. Thread: the library's alone, once that runs.
 class Site {
@@ -296,14 +287,14 @@ MHD_Result Handle(void* site, MHD_Connection* connection, const char* path, cons
 
 using Daemon = std::unique_ptr<MHD_Daemon, decltype(&MHD_stop_daemon)>;
 
-Daemon StartDaemon(const Endpoint& endpoint, Site& site, const std::string& url) {
+Daemon StartDaemon(const addrinfo& endpoint, Site& site, const std::string& url) {
   constexpr unsigned kConnections = 200;
   constexpr unsigned kIdleSeconds = 10;
   unsigned flags = MHD_USE_EPOLL_INTERNAL_THREAD;
-  if (endpoint.IsV6()) flags |= MHD_USE_IPv6;
+  if (endpoint.ai_family == AF_INET6) flags |= MHD_USE_IPv6;
   errno = 0;
   Daemon daemon(MHD_start_daemon(flags, 0, nullptr, nullptr, &Handle, &site, MHD_OPTION_SOCK_ADDR,
-                                 endpoint.Socket(), MHD_OPTION_CONNECTION_LIMIT, kConnections,
+                                 endpoint.ai_addr, MHD_OPTION_CONNECTION_LIMIT, kConnections,
                                  MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds, MHD_OPTION_END),
                 &MHD_stop_daemon);
   if (!daemon) throw std::system_error(errno, std::generic_category(), "cannot listen on " + url);
@@ -322,14 +313,14 @@ int BlockedSignals() {
 }  // namespace
 
 void ServePage(const PageOptions& options) {
-  const Endpoint endpoint(options.address, options.port);
-  const std::string host = endpoint.IsV6() ? "[" + options.address + "]" : options.address;
+  const Endpoint endpoint = FindEndpoint(options);
+  const std::string host = endpoint->ai_family == AF_INET6 ? "[" + options.address + "]" : options.address;
   // Before the library's thread exists, so that it leaves both signals to the watcher.
   const FileDescriptor signals(BlockedSignals(), "signalfd");
   const std::string url = "http://" + host + ":" + std::to_string(options.port) + "/";
   Newest newest;
   Site site(newest, host, options.port);
-  const Daemon daemon = StartDaemon(endpoint, site, url);
+  const Daemon daemon = StartDaemon(*endpoint, site, url);
   std::cout << "The page: " << url << " (Ctrl-C ends it)" << std::endl;
   Watcher(options.socket, newest).RunUntil(signals);
 }
