@@ -308,9 +308,10 @@ function draw() {
   drawServer();
   drawFigures();
   drawInstances();
-  drawTable("losses", LOSS_COLUMNS, status.losses, (loss) => `${loss.key} ${loss.lost}`, "none since the server's start");
+  const none = "none since the server's start";
+  drawTable("losses", LOSS_COLUMNS, status.losses, (loss) => `${loss.key} ${loss.lost}`, none);
   const keyOf = (refusal) => JSON.stringify([refusal.address, refusal.code]);
-  drawTable("refusals", REFUSAL_COLUMNS, status.refusals, keyOf, "none since the server's start");
+  drawTable("refusals", REFUSAL_COLUMNS, status.refusals, keyOf, none);
   drawTable("features", FEATURE_COLUMNS, uses(), (use) => use.feature, "nothing");
 }
 
@@ -333,24 +334,30 @@ function drawState() {
 
 // --- asking
 
+// The next status, or null if there is none.
 async function ask() {
   try {
     const answer = await fetch("status", { signal: AbortSignal.timeout(PATIENCE), cache: "no-store" });
     const next = await answer.json();
     trouble = answer.ok ? "" : next.error;
-    if (!answer.ok) return;
-    if (status?.server.time !== next.server.time) heard = Date.now();
-    status = next;
-    draw();
+    return answer.ok ? next : null;
   } catch {
     trouble = "ugs page does not answer";
+    return null;
   }
 }
 
 async function askForEver() {
-  await ask();
-  drawState();
-  setTimeout(askForEver, PERIOD);
+  try {
+    const next = await ask();
+    if (!next) return;
+    if (status?.server.time !== next.server.time) heard = Date.now();
+    status = next;
+    draw();
+  } finally {
+    drawState();
+    setTimeout(askForEver, PERIOD);
+  }
 }
 
 // --- what the user does
