@@ -52,10 +52,14 @@ greet() {
 boot() {
   cat >"$root/root/try.sh" <<'TRY'
 ugs ping --timeout 30
+systemctl start korvaneugs  # returns once it is ready
 systemctl is-active korvaneugs
+stat -c "%A %U %G" /run/korvaneugs /run/korvaneugs/status
+systemctl show korvaneugs -p StatusText
 kill -ABRT "$(systemctl show korvaneugs -p MainPID --value)"
 ugs ping --timeout 30
 systemctl stop korvaneugs
+[ -e /run/korvaneugs ] || echo "no socket is left"
 systemctl show korvaneugs -p NRestarts -p ExecMainStatus -p Result
 systemctl poweroff 2>/dev/null
 TRY
@@ -71,7 +75,11 @@ UNIT
   diff - "$root/root/try.out" <<'EXPECTED' || fail "the service under systemd: $(tail -n 5 "$root/root/boot.out")"
 1 (hello)
 active
+drwxr-x--- korvaneugs korvaneugs
+srw-rw---- korvaneugs korvaneugs
+StatusText=no report yet
 1 (hello)
+no socket is left
 Result=success
 NRestarts=1
 ExecMainStatus=0
