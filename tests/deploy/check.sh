@@ -61,3 +61,20 @@ check "JeroMQ, which speaks ZMTP 2.0" diff <(echo 0) \
   <(java -cp /usr/share/java/jeromq.jar "$scratch/Report.java" "$payload" 2>&1)
 check "Node's client" diff <(printf '0\n0\n0\n') \
   <(node "$modules/../report.mjs" tcp://127.0.0.1:9304 docs/vectors/test-public.pem hall-9 1 3 2>&1)
+
+# Programs that call the C library of the packages, as the page shows them.
+for package in "$packages"/*.deb; do dpkg-deb -x "$package" "$scratch/root"; done
+page() { sed -n "/^\`\`\`$1\$/,/^\`\`\`/{//!p}" docs/protocol.md; }
+mkdir "$scratch/page"
+page java >"$scratch/page/Report.java"
+page go >"$scratch/page/report.go"
+cp docs/vectors/test-public.pem "$scratch/page/public.pem"
+libraries=$(dirname "$scratch"/root/usr/lib/*/libugs-client.so)
+export LD_LIBRARY_PATH=$libraries PKG_CONFIG_PATH=$libraries/pkgconfig
+cd "$scratch/page"
+check "Java's program" diff <(echo 0) <(java -cp /usr/share/java/jna.jar Report.java 2>&1)
+check "Go's program" diff <(echo 0) <(GOCACHE=$scratch/go go run report.go 2>&1)
+gunzip "$scratch"/root/usr/share/man/man*/*.gz
+check "the manual's pages" mandoc -T lint -W warning "$scratch"/root/usr/share/man/man*/*
+check "the manual's pages in groff" diff /dev/null \
+  <(for page in "$scratch"/root/usr/share/man/man*/*; do man --warnings -l "$page" 2>&1 >/dev/null; done)
