@@ -24,10 +24,12 @@
 #include "HostAgent.h"
 #include "InstanceKey.h"
 #include "Keygen.h"
+#include "Listing.h"
 #include "Nearest.h"
 #include "Sealer.h"
 #include "Status.h"
 #include "StatusCommands.h"
+#include "StatusListings.h"
 #include "StatusTop.h"
 #include "UGSDefs.h"
 #include "UgsClient.h"
@@ -387,6 +389,7 @@ Command AddInstances(CLI::App& app) {
                       "only those that use it, and the sum, as in --feature Plates");
   command->add_option("--sort", options->sort, "by age, identity, cameras or a count, as in --sort Plates")
       ->capture_default_str();
+  command->footer("Counts: " + Joined(FeatureNames(), ", "));
   return [options] {
     ShowInstances(*options);
     return kDone;
