@@ -24,8 +24,13 @@
 #include "HostAgent.h"
 #include "InstanceKey.h"
 #include "Keygen.h"
+#include "Listing.h"
 #include "Nearest.h"
 #include "Sealer.h"
+#include "Status.h"
+#include "StatusCommands.h"
+#include "StatusListings.h"
+#include "StatusTop.h"
 #include "UGSDefs.h"
 #include "UgsClient.h"
 
@@ -349,6 +354,77 @@ Command AddFleet(CLI::App& app) {
   };
 }
 
+// The subcommands that look at the server through its status socket.
+std::shared_ptr<StatusOptions> AddStatusOptions(CLI::App& command) {
+  const auto options = std::make_shared<StatusOptions>();
+  options->socket = DefaultStatusSocket();
+  command.add_option("--socket", options->socket, "the server's status socket (environment: UGS_STATUS)")
+      ->capture_default_str();
+  return options;
+}
+
+// Of those that print a listing.
+std::shared_ptr<StatusOptions> AddListingOptions(CLI::App& command) {
+  auto options = AddStatusOptions(command);
+  auto* json = command.add_flag("--json", options->json, "print JSON; times are seconds since 1970");
+  command.add_flag("--csv", options->csv, "print CSV, for a spreadsheet; times are UTC")->excludes(json);
+  return options;
+}
+
+Command AddStatus(CLI::App& app) {
+  auto* command = app.add_subcommand("status", "is all well, and if not, what is wrong?");
+  const auto options = AddStatusOptions(*command);
+  command->add_flag("--json", options->json, "print JSON; times are seconds since 1970");
+  command->footer("Exit codes: 0 all is well, 1 something is wrong, 2 usage error, 3 no server.");
+  return [options] {
+    return ShowStatus(*options) ? kDone : kRefused;
+  };
+}
+
+Command AddInstances(CLI::App& app) {
+  auto* command =
+      app.add_subcommand("instances", "list the instances: when each last reported, what it uses");
+  const auto options = AddListingOptions(*command);
+  command->add_option("--feature", options->feature,
+                      "only those that use it, and the sum, as in --feature Plates");
+  command->add_option("--sort", options->sort, "by age, identity, cameras or a count, as in --sort Plates")
+      ->capture_default_str();
+  command->footer("Counts: " + Joined(FeatureNames(), ", "));
+  return [options] {
+    ShowInstances(*options);
+    return kDone;
+  };
+}
+
+Command AddLosses(CLI::App& app) {
+  auto* command = app.add_subcommand("losses", "list the instances that fell silent, the newest first");
+  const auto options = AddListingOptions(*command);
+  return [options] {
+    ShowLosses(*options);
+    return kDone;
+  };
+}
+
+Command AddRefusals(CLI::App& app) {
+  auto* command = app.add_subcommand("refusals", "list who is refused, and why");
+  const auto options = AddListingOptions(*command);
+  return [options] {
+    ShowRefusals(*options);
+    return kDone;
+  };
+}
+
+Command AddTop(CLI::App& app) {
+  auto* command = app.add_subcommand("top", "watch the instances on this terminal");
+  const auto options = AddStatusOptions(*command);
+  command->footer(kTopKeys);
+  return [options] {
+    if (!CanShowTop()) return ShowStatus(*options) ? kDone : kRefused;
+    ShowTop(options->socket);
+    return kDone;
+  };
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -360,6 +436,9 @@ int main(int argc, char** argv) {
       {"keygen", AddKeygen(app)}, {"fingerprint", AddFingerprint(app)},
       {"report", AddReport(app)}, {"ping", AddPing(app)},
       {"fleet", AddFleet(app)},   {"key", AddKey(app)},
+      {"status", AddStatus(app)}, {"instances", AddInstances(app)},
+      {"losses", AddLosses(app)}, {"refusals", AddRefusals(app)},
+      {"top", AddTop(app)},
   };
   if (argc > 1 && argv[1][0] != '-' && !commands.contains(argv[1])) {
     std::vector<std::string> names;
@@ -374,6 +453,9 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kDone : kUsageError;
   } catch (const NoServer& error) {
+    std::cerr << "ugs: " << error.what() << "\n";
+    return kNoAnswer;
+  } catch (const NoStatus& error) {
     std::cerr << "ugs: " << error.what() << "\n";
     return kNoAnswer;
   } catch (const std::exception& error) {

@@ -1,0 +1,192 @@
+"""What `ugs` tells an operator of a server, here one that says through its status socket what a test wants."""
+
+import csv
+import io
+import json
+import os
+import re
+import signal
+import socket
+import subprocess
+import termios
+import threading
+
+import pytest
+from support import UGS
+
+NOW = 1_790_000_000
+HOSTILE = 'a"b\n\x1b[2J\x7f\x9b\u202e=1,' + "é" * 500_000
+SERVER = {"type": "server", "schema": 1, "version": "1", "host": "h", "time": NOW, "started": NOW - 9000}
+SERVER |= {"serving": True, "log_written": NOW, "queue_limit": 32, "open_files_limit": 1024}
+SERVER |= {"reports_per_second": 0.5, "reports_per_second_limit": 93}
+END = {"type": "end"}
+
+
+def instance(identity, **members):
+    usual = {"key": identity, "address": "10.0.0.9", "state": "alive", "period": 30, "last": NOW - 7, "flags": []}
+    return {"type": "instance", "identity": identity, "cameras_count": 1, "counts": {}} | usual | members
+
+
+def lines(*objects):
+    return b"".join(json.dumps(item, ensure_ascii=False).encode() + b"\n" for item in objects)
+
+
+@pytest.fixture
+def serve(tmp_path):
+    """Shows `text` to whoever connects; returns the socket's path."""
+    listeners = []
+
+    def serve(text):
+        path = tmp_path / "status"
+        listeners.append(socket.socket(socket.AF_UNIX))
+        listeners[0].bind(str(path))
+        listeners[0].listen()
+
+        def answer():
+            while True:
+                try:
+                    connection = listeners[0].accept()[0]
+                except OSError:
+                    return
+                with connection:
+                    try:
+                        connection.sendall(text)
+                    except OSError:
+                        pass
+
+        threading.Thread(target=answer, daemon=True).start()
+        return path
+
+    yield serve
+    for listener in listeners:
+        listener.shutdown(socket.SHUT_RDWR)
+        listener.close()
+
+
+def run(*arguments, path, **options):
+    environment = {**os.environ, "UGS_STATUS": str(path)}
+    return subprocess.run([UGS, *arguments], capture_output=True, check=False, env=environment, **options)
+
+
+def steers_a_terminal(output):
+    text = output.decode()  # it must be UTF-8, too
+    return re.search("[\x00-\x08\x0b-\x1f\x7f-\x9f\u202a-\u202e\u2066-\u2069]", text.replace("\r\n", "\n"))
+
+
+@pytest.mark.parametrize("arguments", [("status",), ("instances",), ("losses",), ("refusals",)])
+def test_nothing_that_peers_send_steers_a_terminal(serve, arguments):
+    hostile = {"container": HOSTILE, "address": HOSTILE, "state": HOSTILE, "flags": [HOSTILE], "cameras": [HOSTILE]}
+    loss = {"type": "loss", "identity": HOSTILE, "lost": NOW, "reason": HOSTILE, "counts": {HOSTILE: 1}}
+    refusal = {"type": "refusal", "address": HOSTILE, "code": HOSTILE, "identity": HOSTILE, "last": NOW}
+    peers = instance(HOSTILE, **hostile), instance("late", state="late", address=HOSTILE), loss, refusal
+    path = serve(lines(SERVER, *peers, END).replace(b'"a\\"b', b'"=\xff\\"b'))
+    forms = [(), ("--json",)] + ([("--csv",)] if arguments != ("status",) else [])
+    outputs = [run(*arguments, *form, path=path) for form in forms]
+    assert {result.returncode for result in outputs} == {int(arguments == ("status",))}
+    assert not any(steers_a_terminal(result.stdout) for result in outputs)
+    assert json.loads(outputs[1].stdout) and len(outputs[0].stdout) < 10_000_000
+    if arguments == ("instances",):
+        assert json.loads(outputs[1].stdout)["instances"][0]["identity"] == "=\ufffd" + HOSTILE[1:]
+        csv.field_size_limit(10_000_000)
+        rows = list(csv.reader(io.StringIO(outputs[2].stdout.decode(), newline="")))
+        assert rows[1][0].startswith("'=\ufffd\"b\ufffd\ufffd[2J") and {len(row) for row in rows} == {len(rows[0])}
+
+
+@pytest.mark.parametrize(
+    "code, kinds, objects",
+    [
+        (0, [], [instance("a"), instance("b", state="not_back")]),
+        (1, ["not_serving"], [{"serving": False}]),
+        (1, ["queue"], [{"queue": 30}]),
+        (1, ["open_files"], [{"open_files": 1000}]),
+        (1, ["near_capacity"], [{"reports_per_second": 90}]),
+        (1, ["log_failures"], [{"log_failures": 1}]),
+        (1, ["log_silent"], [{"log_written": NOW - 100}]),
+        (1, ["late"], [instance("a", state="late")]),
+        (1, ["not_back"], [instance("a", state="not_back", last=NOW - 66)]),
+        (1, ["huge_count", "same_identity", "same_camera"], [
+            instance("a", flags=["new", "huge_count", "same_identity", "same_camera"])]),
+        (1, ["lost"], [{"type": "loss", "lost": NOW - 3599}]),
+        (1, ["refused"], [{"type": "refusal", "code": "0xE248", "last": NOW - 3599}]),
+        (0, [], [{"type": "loss", "lost": NOW - 3600}, {"type": "refusal", "last": NOW - 3600}, {"type": "new"}]),
+    ],
+)  # fmt: skip
+def test_status_says_what_is_wrong(serve, code, kinds, objects):
+    server = SERVER | {name: value for item in objects if "type" not in item for name, value in item.items()}
+    result = run("status", "--json", path=serve(lines(server, *(item for item in objects if "type" in item), END)))
+    status = json.loads(result.stdout)
+    assert (result.returncode, [problem["kind"] for problem in status["problems"]]) == (code, kinds)
+    assert "refused" not in kinds or "Plates is missing" in status["problems"][0]["text"]
+
+
+def test_users_of_a_feature_are_summed_and_sorted(serve):
+    counts = [{"Plates": 2}, {"PX": 9}, {"Plates": 2**32 - 1}]
+    path = serve(lines(SERVER, *(instance(f"i{n}", counts=count) for n, count in enumerate(counts)), END))
+    users = json.loads(run("instances", "--feature", "Plates", "--sort", "Plates", "--json", path=path).stdout)
+    assert ([user["identity"] for user in users["instances"]], users["sum"]) == (["i2", "i0"], 2**32 + 1)
+    assert b"Plates in use: 4294967297, by 2 instances" in run("instances", "--feature", "Plates", path=path).stdout
+    assert b"did you mean Plates" in run("instances", "--feature", "plate", path=path).stderr
+
+
+@pytest.mark.parametrize(
+    "text, reason",
+    [
+        (lines(SERVER), b"cut short"),
+        (lines(SERVER, instance("a"))[:-9], b"no status"),
+        (lines(SERVER | {"schema": 2}, END), b"schema 2"),
+        (lines(END), b"no status"),
+        (b"", b"cut short"),
+    ],
+)
+def test_what_is_no_whole_snapshot_is_no_answer(serve, text, reason):
+    result = run("status", path=serve(text))
+    assert (result.returncode, result.stdout) == (3, b"") and reason in result.stderr
+
+
+def test_each_way_to_have_no_server_has_its_sentence(tmp_path, serve):
+    def complaint(path, **options):
+        result = run("status", path=path, **options)
+        assert (result.returncode, result.stdout) == (3, b"")
+        return result.stderr
+
+    assert b"is it running, with UGS_STATUS set?" in complaint(tmp_path / "nothing")
+    with socket.socket(socket.AF_UNIX) as left_behind:
+        left_behind.bind(str(tmp_path / "gone"))
+    assert b"is gone" in complaint(tmp_path / "gone")
+    if os.geteuid() == 0:
+        # Run through a descriptor: another user may not reach this build.
+        path = serve(lines(SERVER, END))
+        path.chmod(0o660)
+        stray = ["/usr/bin/setpriv", "--reuid", "65534", "--clear-groups", "--inh-caps=-all"]
+        for directory in (tmp_path, tmp_path.parent, tmp_path.parent.parent):
+            directory.chmod(0o755)
+        with open(UGS, "rb") as program:
+            command = [*stray, f"/proc/self/fd/{program.fileno()}", "status", "--socket", path]
+            result = subprocess.run(command, capture_output=True, check=False, pass_fds=[program.fileno()])
+        assert result.returncode == 3 and b"adduser nobody korvaneugs" in result.stderr
+
+
+@pytest.mark.parametrize("rows, columns", [(24, 80), (10, 30)])
+@pytest.mark.parametrize("ending", ["q", "\x03", signal.SIGTERM])
+def test_top_fits_its_terminal_and_leaves_it_as_it_was(serve, open_terminal, rows, columns, ending):
+    path = serve(lines(SERVER, *(instance(f"hall-{n:02}{HOSTILE[:99]}", last=NOW - n) for n in range(50)), END))
+    terminal = open_terminal(
+        f"trap : INT; read go; TERM=xterm sh -c 'echo pid $$.; exec {UGS} top --socket {path}'; echo left; read wait"
+    )
+    terminal.setwinsize(rows, columns)
+    before = termios.tcgetattr(terminal.child_fd)
+    terminal.send("go\n")
+    terminal.expect(r"pid (\d+)\.")
+    pid = int(terminal.match.group(1))
+    terminal.expect_exact("\x1b[?1049h")
+    terminal.expect_exact("hall-49")  # the longest silence comes first
+    terminal.expect_exact(f"\x1b[{rows};1H\x1b[2K")
+    terminal.send("\x1b[B\r")
+    terminal.expect_exact("identity   hall-48")
+    terminal.send("\x1b/hall-07\r")
+    terminal.expect(r"\x1b\[4;1H\x1b\[2K\x1b\[7mhall-07[^\x1b]*")
+    assert len(terminal.after.split("\x1b[7m")[1]) == columns
+    os.kill(pid, ending) if isinstance(ending, signal.Signals) else terminal.send(ending)
+    terminal.expect_exact("\x1b[?25h\x1b[?1049l")
+    terminal.expect_exact("left")
+    assert termios.tcgetattr(terminal.child_fd) == before

@@ -1,0 +1,97 @@
+#include "Listing.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <ctime>
+#include <type_traits>
+
+#include "Shown.h"
+
+namespace {
+
+std::string CellText(const Cell& cell, std::int64_t now, std::size_t widest) {
+  return std::visit(
+      [&](const auto& value) -> std::string {
+        using Value = std::decay_t<decltype(value)>;
+        if constexpr (std::is_same_v<Value, std::string>) return Shown(value, widest);
+        if constexpr (std::is_same_v<Value, std::int64_t>) return std::to_string(value);
+        if constexpr (std::is_same_v<Value, Time>) return ShownTime(value.seconds, now);
+        if constexpr (std::is_same_v<Value, Age>) return ShownAge(value.seconds);
+        if constexpr (std::is_same_v<Value, StatusCounts>) return Shown(ShownCounts(value));
+        if constexpr (std::is_same_v<Value, std::vector<std::string>>) return Shown(Joined(value, " "));
+      },
+      cell);
+}
+
+std::string CsvTime(std::int64_t seconds) {
+  if (seconds == 0) return {};
+  const auto time = static_cast<std::time_t>(seconds);
+  std::tm utc{};
+  char text[32];
+  if (gmtime_r(&time, &utc) == nullptr) return {};
+  return {text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc)};
+}
+
+std::string CsvCell(const Cell& cell) {
+  if (const auto* time = std::get_if<Time>(&cell)) return CsvTime(time->seconds);
+  if (const auto* age = std::get_if<Age>(&cell)) return std::to_string(age->seconds);
+  std::string text = CellText(cell, 0, kAnyWidth);
+  if (!text.empty() && std::string_view("=+-@").find(text.front()) != std::string_view::npos)
+    text.insert(0, "'");
+  if (text.find_first_of("\",") == std::string::npos) return text;
+  std::string quoted = "\"";
+  for (const char character : text) quoted.append(character == '"' ? 2 : 1, character);
+  return quoted + "\"";
+}
+
+bool IsNumber(const Cell& cell) {
+  return std::holds_alternative<std::int64_t>(cell) || std::holds_alternative<Age>(cell);
+}
+
+}  // namespace
+
+std::string Joined(const std::vector<std::string>& texts, std::string_view separator) {
+  std::string joined;
+  for (const std::string& text : texts) joined.append(joined.empty() ? "" : separator).append(text);
+  return joined;
+}
+
+std::string ShownCounts(const StatusCounts& counts) {
+  std::vector<std::string> texts;
+  for (const auto& [name, count] : counts) texts.push_back(name + " " + std::to_string(count));
+  return Joined(texts, ", ");
+}
+
+std::vector<std::string> TableOf(const Listing& listing, std::int64_t now, std::size_t widest) {
+  std::vector<std::string> lines(listing.rows.size() + 1);
+  for (std::size_t column = 0; column < listing.columns.size(); ++column) {
+    if (listing.columns[column].title.empty()) continue;
+    std::vector<std::string> texts{listing.columns[column].title};
+    for (const auto& row : listing.rows) texts.push_back(CellText(row[column], now, widest));
+    std::vector<std::size_t> widths;
+    for (const std::string& text : texts) widths.push_back(WidthOf(text));
+    const std::size_t width = *std::max_element(widths.begin(), widths.end());
+    const bool isNumber = !listing.rows.empty() && IsNumber(listing.rows.front()[column]);
+    for (std::size_t line = 0; line < lines.size(); ++line) {
+      const std::string fill(width - widths[line], ' ');
+      lines[line] += isNumber ? fill + texts[line] : texts[line] + fill;
+      lines[line] += "  ";
+    }
+  }
+  for (std::string& line : lines) line.erase(line.find_last_not_of(' ') + 1);
+  return lines;
+}
+
+std::string CsvOf(const Listing& listing) {
+  constexpr const char* kEndOfLine = "\r\n";
+  std::vector<std::string> cells;
+  for (const Column& column : listing.columns) cells.push_back(column.name);
+  std::string csv = Joined(cells, ",") + kEndOfLine;
+  for (const auto& row : listing.rows) {
+    for (std::size_t column = 0; column < row.size(); ++column) {
+      csv += (column == 0 ? "" : ",") + CsvCell(row[column]);
+    }
+    csv += kEndOfLine;
+  }
+  return csv;
+}

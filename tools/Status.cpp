@@ -1,0 +1,287 @@
+#include "Status.h"
+
+#include <poll.h>
+#include <pwd.h>
+#include <rapidjson/document.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string_view>
+
+#include "Utf8.h"
+
+namespace {
+
+constexpr std::int64_t kSchema = 1;
+
+using Object = rapidjson::Value;
+
+const Object* Member(const Object& object, const char* name) {
+  const auto member = object.FindMember(name);
+  return member == object.MemberEnd() ? nullptr : &member->value;
+}
+
+std::string TextOf(const Object& value) {
+  return value.IsString() ? std::string(value.GetString(), value.GetStringLength()) : std::string();
+}
+
+// A member of another type than expected is one that we do not know: it is left at its default.
+void Read(const Object& object, const char* name, std::string& text) {
+  if (const Object* member = Member(object, name)) text = TextOf(*member);
+}
+
+void Read(const Object& object, const char* name, std::int64_t& number) {
+  const Object* member = Member(object, name);
+  if (member != nullptr && member->IsInt64()) number = member->GetInt64();
+}
+
+void Read(const Object& object, const char* name, double& number) {
+  const Object* member = Member(object, name);
+  if (member != nullptr && member->IsNumber()) number = member->GetDouble();
+}
+
+void Read(const Object& object, const char* name, bool& flag) {
+  const Object* member = Member(object, name);
+  if (member != nullptr && member->IsBool()) flag = member->GetBool();
+}
+
+void Read(const Object& object, const char* name, std::vector<std::string>& texts) {
+  const Object* member = Member(object, name);
+  if (member == nullptr || !member->IsArray()) return;
+  for (const Object& text : member->GetArray()) texts.push_back(TextOf(text));
+}
+
+void Read(const Object& object, const char* name, StatusCounts& counts) {
+  const Object* member = Member(object, name);
+  if (member == nullptr || !member->IsObject()) return;
+  for (const auto& count : member->GetObject()) {
+    if (count.value.IsInt64()) counts.emplace_back(TextOf(count.name), count.value.GetInt64());
+  }
+}
+
+StatusServer ServerOf(const Object& line) {
+  StatusServer server;
+  Read(line, "version", server.version);
+  Read(line, "host", server.host);
+  Read(line, "time", server.time);
+  Read(line, "started", server.started);
+  Read(line, "rebuilt", server.rebuilt);
+  Read(line, "serving", server.serving);
+  Read(line, "reports", server.reports);
+  Read(line, "greetings", server.greetings);
+  Read(line, "refused", server.refused);
+  Read(line, "reports_per_second", server.reportsPerSecond);
+  Read(line, "reports_per_second_limit", server.reportsPerSecondLimit);
+  Read(line, "queue", server.queue);
+  Read(line, "queue_peak", server.queuePeak);
+  Read(line, "queue_limit", server.queueLimit);
+  Read(line, "connections", server.connections);
+  Read(line, "open_files", server.openFiles);
+  Read(line, "open_files_limit", server.openFilesLimit);
+  Read(line, "replies_lost", server.repliesLost);
+  Read(line, "log_written", server.logWritten);
+  Read(line, "log_failures", server.logFailures);
+  return server;
+}
+
+void ReadPeer(const Object& line, StatusPeer& peer) {
+  Read(line, "key", peer.key);
+  Read(line, "identity", peer.identity);
+  Read(line, "container", peer.container);
+  Read(line, "address", peer.address);
+  Read(line, "counts", peer.counts);
+  Read(line, "last", peer.last);
+}
+
+StatusInstance InstanceOf(const Object& line) {
+  StatusInstance instance;
+  ReadPeer(line, instance);
+  Read(line, "layout", instance.layout);
+  Read(line, "cameras", instance.cameras);
+  Read(line, "cameras_count", instance.camerasCount);
+  Read(line, "first", instance.first);
+  Read(line, "reports", instance.reports);
+  Read(line, "period", instance.period);
+  Read(line, "state", instance.state);
+  Read(line, "flags", instance.flags);
+  return instance;
+}
+
+StatusLoss LossOf(const Object& line) {
+  StatusLoss loss;
+  ReadPeer(line, loss);
+  Read(line, "lost", loss.lost);
+  Read(line, "reason", loss.reason);
+  Read(line, "returned", loss.returned);
+  return loss;
+}
+
+StatusRefusal RefusalOf(const Object& line) {
+  StatusRefusal refusal;
+  Read(line, "address", refusal.address);
+  Read(line, "code", refusal.code);
+  Read(line, "count", refusal.count);
+  Read(line, "first", refusal.first);
+  Read(line, "last", refusal.last);
+  Read(line, "identity", refusal.identity);
+  return refusal;
+}
+
+void CheckSchema(const Object& line) {
+  std::int64_t schema = 0;
+  Read(line, "schema", schema);
+  if (schema < 1) throw NoStatus("what the server says is no status");
+  if (schema > kSchema) {
+    throw NoStatus("the server's status has schema " + std::to_string(schema) + ", and this ugs knows " +
+                   std::to_string(kSchema) + ": install the ugs that belongs to the server");
+  }
+}
+
+// Gathers the lines of one snapshot.
+class SnapshotParser {
+ public:
+  void Take(std::string_view line) {
+    rapidjson::Document document;
+    const std::string text = ValidUtf8(line);
+    document.Parse<rapidjson::kParseIterativeFlag>(text.data(), text.size());
+    if (document.HasParseError() || !document.IsObject()) throw NoStatus("what the server says is no status");
+    std::string type;
+    Read(document, "type", type);
+    if (!hasServer_) CheckSchema(document);
+    Store(type, document);
+  }
+
+  [[nodiscard]] StatusSnapshot Finish() {
+    if (!hasServer_ || !hasEnd_) throw NoStatus("the server's status was cut short; try again");
+    return std::move(snapshot_);
+  }
+
+ private:
+  void Store(const std::string& type, const Object& line) {
+    if (type == "server") {
+      snapshot_.server = ServerOf(line);
+      hasServer_ = true;
+    } else if (type == "totals") {
+      Read(line, "counts", snapshot_.totals);
+    } else if (type == "instance") {
+      snapshot_.instances.push_back(InstanceOf(line));
+    } else if (type == "loss") {
+      snapshot_.losses.push_back(LossOf(line));
+    } else if (type == "refusal") {
+      snapshot_.refusals.push_back(RefusalOf(line));
+    } else if (type == "end") {
+      hasEnd_ = true;
+    }
+  }
+
+  StatusSnapshot snapshot_;
+  bool hasServer_ = false;
+  bool hasEnd_ = false;
+};
+
+StatusSnapshot Parse(std::string_view text) {
+  SnapshotParser parser;
+  while (!text.empty()) {
+    const std::size_t end = std::min(text.find('\n'), text.size());
+    if (end > 0) parser.Take(text.substr(0, end));
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+  return parser.Finish();
+}
+
+std::string UserName() {
+  const passwd* user = getpwuid(geteuid());
+  return user == nullptr ? "NAME" : user->pw_name;
+}
+
+std::string WhyNot(const std::string& path, int error) {
+  switch (error) {
+    case ENOENT:
+    case ENOTDIR:
+      return "no server shows its status at " + path + ": is it running, with UGS_STATUS set?";
+    case ECONNREFUSED:
+      return "no server shows its status at " + path + ": the server that made it is gone";
+    case EACCES:
+    case EPERM:
+      return "you may not read the status at " + path + ": as root, adduser " + UserName() +
+             " korvaneugs, then log in again";
+    case EAGAIN:
+      return "the server at " + path + " takes no more readers: is it stopped?";
+    default:
+      return "no status at " + path + ": " + std::strerror(error);
+  }
+}
+
+void Connect(int descriptor, const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) throw NoStatus(WhyNot(path, ENAMETOOLONG));
+  path.copy(address.sun_path, path.size());
+  if (connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1) {
+    throw NoStatus(WhyNot(path, errno));
+  }
+}
+
+}  // namespace
+
+std::int64_t CountOf(const StatusCounts& counts, const std::string& name) {
+  const auto count =
+      std::find_if(counts.begin(), counts.end(), [&](const auto& pair) { return pair.first == name; });
+  return count == counts.end() ? 0 : count->second;
+}
+
+bool StatusInstance::Has(const std::string& flag) const {
+  return std::find(flags.begin(), flags.end(), flag) != flags.end();
+}
+
+std::string DefaultStatusSocket() {
+  constexpr const char* kOfService = "/run/korvaneugs/status";
+  constexpr const char* kOfCheckout = "build/status";
+  const char* const set = std::getenv("UGS_STATUS");
+  if (set != nullptr && *set != '\0') return set;
+  // The service's directory may be closed to this user, who then should hear about that.
+  std::error_code error;
+  const bool hasService =
+      std::filesystem::status(kOfService, error).type() != std::filesystem::file_type::not_found;
+  return !hasService && std::filesystem::exists(kOfCheckout, error) ? kOfCheckout : kOfService;
+}
+
+StatusConnection::StatusConnection(const std::string& path)
+    : path_(path), socket_(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0), "socket") {
+  Connect(socket_.Number(), path);
+}
+
+std::optional<StatusSnapshot> StatusConnection::Receive() {
+  std::array<char, 65536> chunk;
+  while (true) {
+    const ssize_t length = recv(socket_.Number(), chunk.data(), chunk.size(), 0);
+    if (length == 0) return Parse(text_);
+    if (length > 0) {
+      text_.append(chunk.data(), static_cast<std::size_t>(length));
+    } else if (errno == EAGAIN) {
+      return std::nullopt;
+    } else if (errno != EINTR) {
+      throw NoStatus(WhyNot(path_, errno));
+    }
+  }
+}
+
+StatusSnapshot ReadStatus(const std::string& path) {
+  using Clock = std::chrono::steady_clock;
+  const auto deadline = Clock::now() + std::chrono::seconds(5);
+  StatusConnection connection(path);
+  while (true) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    pollfd item{connection.Descriptor(), POLLIN, 0};
+    if (left <= 0 || poll(&item, 1, static_cast<int>(left)) == 0) {
+      throw NoStatus("the server at " + path + " took longer than 5 s to tell its status");
+    }
+    if (std::optional<StatusSnapshot> snapshot = connection.Receive()) return *std::move(snapshot);
+  }
+}

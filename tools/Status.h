@@ -1,0 +1,119 @@
+// What a server tells through its status socket; docs/status.md describes the members and their units.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "FileDescriptor.h"
+
+// In the order in which they came; those that are 0 are left out.
+using StatusCounts = std::vector<std::pair<std::string, std::int64_t>>;
+
+// 0 if `name` is not among them.
+std::int64_t CountOf(const StatusCounts& counts, const std::string& name);
+
+struct StatusServer {
+  std::string version;
+  std::string host;
+  std::int64_t time = 0;
+  std::int64_t started = 0;
+  std::int64_t rebuilt = 0;
+  bool serving = false;
+  std::int64_t reports = 0;
+  std::int64_t greetings = 0;
+  std::int64_t refused = 0;
+  double reportsPerSecond = 0;
+  double reportsPerSecondLimit = 0;
+  std::int64_t queue = 0;
+  std::int64_t queuePeak = 0;
+  std::int64_t queueLimit = 0;
+  std::int64_t connections = 0;
+  std::int64_t openFiles = 0;
+  std::int64_t openFilesLimit = 0;
+  std::int64_t repliesLost = 0;
+  std::int64_t logWritten = 0;
+  std::int64_t logFailures = 0;
+};
+
+// What names an instance, and what it last used.
+struct StatusPeer {
+  std::string key;
+  std::string identity;
+  std::string container;
+  std::string address;
+  StatusCounts counts;
+  std::int64_t last = 0;
+};
+
+struct StatusInstance : StatusPeer {
+  std::string layout;
+  std::vector<std::string> cameras;
+  std::int64_t camerasCount = 0;
+  std::int64_t first = 0;
+  std::int64_t reports = 0;
+  double period = 0;
+  std::string state;
+  std::vector<std::string> flags;
+
+  [[nodiscard]] bool Has(const std::string& flag) const;
+};
+
+struct StatusLoss : StatusPeer {
+  std::int64_t lost = 0;
+  std::string reason;
+  std::int64_t returned = 0;
+};
+
+struct StatusRefusal {
+  std::string address;
+  std::string code;
+  std::int64_t count = 0;
+  std::int64_t first = 0;
+  std::int64_t last = 0;
+  std::string identity;
+};
+
+// All strings are UTF-8, and as peers sent them otherwise: see Shown.
+struct StatusSnapshot {
+  StatusServer server;
+  StatusCounts totals;
+  std::vector<StatusInstance> instances;
+  std::vector<StatusLoss> losses;
+  std::vector<StatusRefusal> refusals;
+};
+
+// There is no status to be had; the text says why, and what to do.
+class NoStatus : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// UGS_STATUS, or the service's socket, or the one of the checkout that is the working directory if there is
+// no service here.
+std::string DefaultStatusSocket();
+
+// One snapshot on its way. Never waits; one thread.
+class StatusConnection {
+ public:
+  // Throws NoStatus if nobody accepts at `path`, or not for this user.
+  explicit StatusConnection(const std::string& path);
+
+  // To be waited for (POLLIN).
+  [[nodiscard]] int Descriptor() const { return socket_.Number(); }
+
+  // Takes what is there; the snapshot once it is whole. Throws NoStatus if it is none, or of a later schema.
+  [[nodiscard]] std::optional<StatusSnapshot> Receive();
+
+ private:
+  const std::string path_;
+  const FileDescriptor socket_;
+  std::string text_;
+};
+
+// Waits until the snapshot is there. Throws NoStatus, also when it takes longer than 5 s.
+StatusSnapshot ReadStatus(const std::string& path);

@@ -1,0 +1,177 @@
+#include "StatusChecks.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <map>
+
+#include "Listing.h"
+#include "ReportLayouts.h"
+#include "Shown.h"
+
+namespace {
+
+constexpr std::int64_t kHour = 3600;
+constexpr std::size_t kNamed = 5;  // in one problem; all of them are in the listings
+constexpr std::size_t kNameWidth = 40;
+constexpr double kNear = 0.8;             // of a limit
+constexpr std::int64_t kLogSilence = 60;  // seconds; the server flushes its log every 5 s
+
+std::string Plural(std::size_t number, const std::string& noun) {
+  return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
+}
+
+std::string Name(const StatusPeer& peer) {
+  return Shown(peer.identity, kNameWidth) + " (" + Shown(peer.address, kNameWidth) + ")";
+}
+
+std::string WithAge(const StatusPeer& peer, std::int64_t now) {
+  return Name(peer) + " " + ShownAge(now - peer.last) + " ago";
+}
+
+// Adds "N WHAT: NAME, NAME and M more" for those of `rows` that `isMeant` picks, if there are any.
+template <typename Row, typename Predicate, typename Describe>
+void AddGroup(std::vector<StatusProblem>& problems, const char* kind, const std::string& noun,
+              const std::string& what, const std::vector<Row>& rows, Predicate isMeant, Describe describe) {
+  std::vector<std::string> names;
+  std::size_t number = 0;
+  for (const Row& row : rows) {
+    if (!isMeant(row)) continue;
+    if (++number <= kNamed) names.push_back(describe(row));
+  }
+  if (number == 0) return;
+  std::string text = Plural(number, noun) + " " + what + ": " + Joined(names, ", ");
+  if (number > kNamed) text += " and " + std::to_string(number - kNamed) + " more";
+  problems.push_back({kind, text});
+}
+
+void AddInstances(std::vector<StatusProblem>& problems, const StatusSnapshot& snapshot) {
+  const std::int64_t now = snapshot.server.time;
+  const auto add = [&](const char* kind, const std::string& what, auto isMeant) {
+    AddGroup(problems, kind, "instance", what, snapshot.instances, isMeant,
+             [&](const StatusInstance& instance) { return WithAge(instance, now); });
+  };
+  const auto isOverdue = [&](const char* state) {
+    return [&, state](const StatusInstance& instance) {
+      return instance.state == state && IsOverdue(instance, now);
+    };
+  };
+  const auto has = [](const char* flag) {
+    return [flag](const StatusInstance& instance) {
+      return instance.Has(flag);
+    };
+  };
+  add("late", "late; last report", isOverdue("late"));
+  add("not_back", "not back since the rebuild; last report", isOverdue("not_back"));
+  add("huge_count", "with a count above 2^31 (a sender's -1), which spoils the sums", has("huge_count"));
+  add("same_identity", "counted more than once under one identity", has("same_identity"));
+  add("same_camera", "with a camera that another identity has, too", has("same_camera"));
+}
+
+void AddLosses(std::vector<StatusProblem>& problems, const StatusSnapshot& snapshot) {
+  const std::int64_t now = snapshot.server.time;
+  AddGroup(
+      problems, "lost", "instance", "lost in the last hour", snapshot.losses,
+      [&](const StatusLoss& loss) { return now - loss.lost < kHour; },
+      [&](const StatusLoss& loss) {
+        const std::string fate = loss.returned != 0 ? ", returned " + ShownTime(loss.returned, now) : "";
+        return Name(loss) + " at " + ShownTime(loss.lost, now) + fate;
+      });
+}
+
+void AddRefusals(std::vector<StatusProblem>& problems, const StatusSnapshot& snapshot) {
+  const std::int64_t now = snapshot.server.time;
+  for (const StatusRefusal& refusal : snapshot.refusals) {
+    if (now - refusal.last >= kHour) continue;
+    const std::string who = refusal.identity.empty() ? "" : " (" + Shown(refusal.identity, kNameWidth) + ")";
+    problems.push_back(
+        {"refused", Shown(refusal.address, kNameWidth) + who + " is refused with " +
+                        Shown(refusal.code, kNameWidth) + " (" + MeaningOfRefusal(refusal.code) + "), " +
+                        Plural(static_cast<std::size_t>(refusal.count), "time") + " since " +
+                        ShownTime(refusal.first, now) + ", last " + ShownTime(refusal.last, now)});
+  }
+}
+
+bool IsNear(double value, double limit) {
+  return limit > 0 && value >= kNear * limit;
+}
+
+std::string OfLimit(std::int64_t value, std::int64_t limit) {
+  return std::to_string(value) + " of " + std::to_string(limit);
+}
+
+void AddServer(std::vector<StatusProblem>& problems, const StatusServer& server) {
+  const auto add = [&](bool isWrong, const char* kind, const std::string& text) {
+    if (isWrong) problems.push_back({kind, text});
+  };
+  const std::int64_t logSilence = server.time - std::max(server.logWritten, server.started);
+  const auto toWhole = [](double number) {
+    return static_cast<std::int64_t>(number + 0.5);
+  };
+  add(!server.serving, "not_serving",
+      "the port is not open: nobody can report; the server's log says why (0x0081)");
+  add(IsNear(server.reportsPerSecond, server.reportsPerSecondLimit), "near_capacity",
+      "near its capacity: " +
+          OfLimit(toWhole(server.reportsPerSecond), toWhole(server.reportsPerSecondLimit)) +
+          " reports a second");
+  add(IsNear(static_cast<double>(server.queue), static_cast<double>(server.queueLimit)), "queue",
+      "requests wait: " + OfLimit(server.queue, server.queueLimit) + " in the queue");
+  add(IsNear(static_cast<double>(server.openFiles), static_cast<double>(server.openFilesLimit)), "open_files",
+      "few descriptors are left: " + OfLimit(server.openFiles, server.openFilesLimit) + " are open");
+  add(server.logFailures > 0, "log_failures",
+      Plural(static_cast<std::size_t>(server.logFailures), "line") +
+          " could not be written to the log since the start");
+  add(server.reportsPerSecond > 0 && logSilence > kLogSilence, "log_silent",
+      "reports come, but the log was not written for " + ShownAge(logSilence) +
+          " (with SPDLOG_LEVEL=warn it is not)");
+}
+
+std::map<std::string, std::string> MakeMeanings() {
+  std::map<std::string, std::string> meanings{
+      {"none", "opens to no JSON object: another cipher mode, key size or IV"},
+      {"0x0084", "not one frame, or an empty one"},
+      {"0x316", "no envelope: something else sends to the port"},
+      {"0x00AE03", "the envelope lacks data1"},
+      {"0x00AE04", "the envelope lacks data2"},
+      {"0x00AE05", "the envelope lacks data3"},
+      {"0x00AE06", "sealed with another server's public key"},
+      {"0x476", "no JSON object, or its version member is none"},
+      {"0x442", "no identity, or no camera URL"},
+      {"0xE099", std::string(ugs::kInstanceIdMember) + " is missing"},
+      {"0xE126", std::string(ugs::kContainerMember) + " is missing"},
+      {"0xE146", std::string(ugs::kCameraUrlsMember) + " is missing"},
+      {"0xE140", std::string(ugs::kCameraUrlsMember) + " is no array"},
+      {"0xE216", std::string(ugs::kCountsMember) + " is missing"},
+      {"0xE210", std::string(ugs::kCountsMember) + " is no object"},
+  };
+  for (const ugs::Layout& layout : ugs::kLayouts) {
+    for (const ugs::CountField& field : layout.addedCounts) {
+      meanings.emplace(field.codeWhenMissing, std::string(field.key) + " is missing");
+    }
+  }
+  return meanings;
+}
+
+}  // namespace
+
+bool IsOverdue(const StatusInstance& instance, std::int64_t now) {
+  if (instance.state == "late") return true;
+  constexpr double grace = 5;  // as the server judges `late`
+  constexpr double whileUnknown = 60;
+  const double due = instance.period > 0 ? 2 * instance.period + grace : whileUnknown;
+  return instance.state == "not_back" && static_cast<double>(now - instance.last) > due;
+}
+
+std::string MeaningOfRefusal(const std::string& code) {
+  static const std::map<std::string, std::string> meanings = MakeMeanings();
+  const auto meaning = meanings.find(code);
+  return meaning == meanings.end() ? "see the log texts in operations.md" : meaning->second;
+}
+
+std::vector<StatusProblem> ProblemsOf(const StatusSnapshot& snapshot) {
+  std::vector<StatusProblem> problems;
+  AddServer(problems, snapshot.server);
+  AddInstances(problems, snapshot);
+  AddLosses(problems, snapshot);
+  AddRefusals(problems, snapshot);
+  return problems;
+}

@@ -1,0 +1,21 @@
+// What the operator should know of a snapshot.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "Status.h"
+
+struct StatusProblem {
+  std::string kind;  // one word, for programs
+  std::string text;  // may go to a terminal
+};
+
+// All that is wrong; empty if all is well.
+std::vector<StatusProblem> ProblemsOf(const StatusSnapshot& snapshot);
+
+// Did not report when it should have: `late`, or `not_back` for longer than it takes after each rebuild.
+bool IsOverdue(const StatusInstance& instance, std::int64_t now);
+
+// A few words on why the server refuses with this code.
+std::string MeaningOfRefusal(const std::string& code);
