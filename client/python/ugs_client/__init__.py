@@ -142,10 +142,11 @@ def _destination(server: str, key: str | os.PathLike[str], timeout: float | None
 class _Usage:
     """What one instance is using, as the C library keeps it. A call that fails is remembered there until the report."""
 
+    handle: int | None = None
+
     def __init__(self, identity: str, cameras: Iterable[str], counts: Mapping[str, int], container: str, layout: str):
         if isinstance(cameras, (str, bytes)):
             raise TypeError("cameras must be several strings, not one")
-        self.handle = None
         self.handle = _c.ugs_usage_new(_bytes(identity, "KorvaneID"))
         _c.ugs_usage_set_layout(self.handle, _bytes(layout, "layout"))
         _c.ugs_usage_set_container(self.handle, _bytes(container, "DockerID"))
