@@ -2,6 +2,7 @@
 
 import json
 import os
+import re
 import subprocess
 import sys
 
@@ -20,6 +21,11 @@ NOBODY = socket.create_server((SERVER, 0))  # takes connections, and says nothin
 SILENT = "%s:%d" % NOBODY.getsockname()
 logging.basicConfig(stream=sys.stdout, format="%(message)s")
 """
+TOO_SMALL = """-----BEGIN PUBLIC KEY-----
+MDwwDQYJKoZIhvcNAQEBBQADKwAwKAIhAIAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA
+AAAAAAAAAAABAgMBAAE=
+-----END PUBLIC KEY-----
+"""  # 256 bits: no room for an AES key
 pytestmark = pytest.mark.skipif(SANITIZER != "", reason="the interpreter is built without sanitizers")
 
 
@@ -44,6 +50,9 @@ def test_reports_are_counted_and_every_failure_has_its_class_and_text(start):
     server = start()
     said = python(
         """
+import zmq
+mute = zmq.Context().socket(zmq.ROUTER)  # shakes hands, and answers nothing
+port = mute.bind_to_random_port("tcp://127.0.0.1")
 client = Client(SERVER, KEY)
 print(client.greet(), client.report(*WHAT), client.counters().counted)
 def fails(call):
@@ -55,6 +64,8 @@ fails(lambda: client.send_document("}"))
 fails(lambda: Client("no-such-host.invalid", KEY, 5).greet())
 fails(lambda: Client("127.0.0.1:9", KEY).greet())
 fails(lambda: Client(SILENT, KEY, 0.1).greet())
+fails(lambda: Client(f"{SERVER}:{port}", KEY, 0.5).greet())
+fails(lambda: Client(SERVER, sys.argv[1]).greet())
 fails(lambda: client.report("", [], {}))
 fails(lambda: client.report("i\\0", ["a"], {}))
 fails(lambda: client.report("i", ["a"], {"PX": 2**70}))
@@ -65,12 +76,16 @@ for period in (0.9, 118.1, float("nan")):
     fails(lambda: Reporter(SERVER, KEY, *WHAT, period=period))
 client.close()
 fails(client.greet)
-"""
+mute.close(0)
+""",
+        TOO_SMALL,
     )
     assert said[:2] == ["1 0 1", "Refused False refused by 127.0.0.1:9304; its log says why"]
     assert said[2].startswith("NoSuchHost False host no-such-host.invalid: ")
     assert said[3] == "NotConnected False no connection to 127.0.0.1:9: Connection refused"
     assert said[4].startswith("NotConnected False no connection to 127.0.0.1:") and said[4].endswith("no handshake")
+    assert re.fullmatch(r"NoAnswer False no answer from 127.0.0.1:\d+ within 500 ms", said.pop(5))
+    assert said.pop(5).startswith("CannotSeal False cannot seal the request: ")
     assert said[5:8] == [
         "BadUsage True KorvaneID is empty",
         "BadUsage True KorvaneID holds a NUL byte",
