@@ -61,8 +61,8 @@ def fails(call):
     except ugs_client.UgsError as error:
         print(type(error).__name__, isinstance(error, ValueError), error)
 fails(lambda: client.send_document("}"))
-fails(lambda: Client("no-such-host.invalid", KEY, 5).greet())
-fails(lambda: Client("127.0.0.1:9", KEY).greet())
+fails(lambda: Client("no-such-host.invalid", KEY, 1).greet())
+fails(lambda: Client("127.0.0.1:9", KEY, 0.5).greet())
 fails(lambda: Client(SILENT, KEY, 0.1).greet())
 fails(lambda: Client(f"{SERVER}:{port}", KEY, 0.5).greet())
 fails(lambda: Client(SERVER, sys.argv[1]).greet())
