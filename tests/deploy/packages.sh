@@ -3,6 +3,7 @@
 # made on first use. Needs root. $2: directory of the packages; $3: directory of the same with a higher version.
 set -euo pipefail
 root=$1 packages=$2 newer=$3
+readme=$root/usr/share/doc/python3-ugs-client/README.md
 
 fail() {
   echo "packages: $*" >&2
@@ -43,6 +44,8 @@ greet() {
   local server=$! answer
   answer=$(inside ugs ping --timeout 10) || fail "ping: $answer"
   [ "$answer" = "1 (hello)" ] || fail "ping: $answer"
+  answer=$(inside python3 -c "$(sed -n '/^```python/,/^```/{//!p}; /^This prints/q' "$readme")" 2>&1) || fail "Python: $answer"
+  [ "$answer" = 0 ] || fail "Python: $answer"
   kill "$server"
   wait "$server" || fail "the server ended with $?"
   [ -s "$root/var/log/korvaneugs/logs/KorvaneUGS.log.txt" ] || fail "no log"
@@ -98,7 +101,7 @@ greet
 [ "$(inside stat -c '%a %U %G' /usr/sbin/KorvaneUGS)" = "750 root korvaneugs" ] || fail "an upgrade opened the program"
 inside apt-get remove -qq -y korvaneugs >/dev/null 2>&1
 [ -d "$root/var/log/korvaneugs" ] || fail "removing took the logs away"
-inside sh -c 'dpkg --purge korvaneugs korvaneugs-tools libugs-client-dev libugs-client1' >/dev/null
-left=$(find "$root" -xdev \( -iname '*korvaneugs*' -o -name 'ugs.*' -o -name '*ugs-client*' \) ! -path '*/tmp/packages*')
+inside sh -c 'dpkg --purge korvaneugs korvaneugs-tools python3-ugs-client libugs-client-dev libugs-client1' >/dev/null
+left=$(find "$root" -xdev \( -iname '*korvaneugs*' -o -name 'ugs.*' -o -name '*ugs[-_]client*' \) ! -path '*/tmp/packages*')
 [ -z "$left" ] || fail "left after a purge: $left"
 echo "packages: installed, answered, confined by systemd, restarted, upgraded, removed and purged"
