@@ -87,7 +87,8 @@ function requireCounts(counts, layout, keys) {
 // the server would refuse or misread.
 export function writeDocument(usage) {
   requireTypes(usage);
-  const {identity, container = "", cameras, counts = {}, layout = "v6"} = usage;
+  const {identity, container = "", cameras, layout = "v6"} = usage;
+  const counts = {...usage.counts}; // read once, and without what it inherits
   const keys = countKeys(layout);
   requireCounts(counts, layout, keys);
   if (identity === "") throw badUsage("KorvaneID is empty");
