@@ -60,6 +60,7 @@ function requireDescriptors() {
 // What is given up together when an answer stays away.
 class Link {
   isConnected = false;
+  losses = 0; // of its connection
   address; // once it connects
 
   // `changed` is called when a connection is made and when it is lost.
@@ -74,7 +75,7 @@ class Link {
     });
     this.socket.events.on("disconnect", () => {
       this.isConnected = false;
-      this.losses = (this.losses ?? 0) + 1;
+      ++this.losses;
       changed();
     });
   }
@@ -87,8 +88,8 @@ class Link {
 
 const later = (action, seconds) => setTimeout(action, Math.max(Math.ceil(seconds * 1000), 0));
 
-// Why nobody accepts a connection: libzmq tries again and again and does not say.
-export function probe(address, port, seconds) {
+// Why nobody accepts a connection: libzmq tries again and again and does not say. Nothing, if somebody does.
+function probe(address, port, seconds) {
   return new Promise((resolve) => {
     const socket = connect({host: address, port});
     const end = (why) => {
@@ -97,7 +98,7 @@ export function probe(address, port, seconds) {
       resolve(why);
     };
     const timer = later(() => end("no answer"), seconds);
-    socket.on("connect", () => end("no handshake"));
+    socket.on("connect", () => end(undefined));
     socket.on("error", (error) => end(connectText(error)));
   });
 }
@@ -143,6 +144,13 @@ export class Channel {
     }
   }
 
+  // Tells at once whether somebody accepts a connection. Rejects with UgsError if not.
+  async reach() {
+    const address = await this.#findAddress(now() + this.#timeout);
+    const why = await probe(address, this.#server.port, this.#timeout);
+    if (why !== undefined) throw this.#notConnected(why);
+  }
+
   // Ends the request that is in flight, and the connection.
   giveUp(why) {
     this.#endRequest?.(new UgsError(this.#isSent ? "NoAnswer" : "NotConnected", why));
@@ -168,8 +176,11 @@ export class Channel {
   async #exchange(envelope, deadline) {
     const link = (this.#link ??= new Link(this.#tally, () => this.#wake()));
     if (!link.address) link.connect(await this.#findAddress(deadline), this.#server.port);
-    await this.#until(() => link.isConnected || link !== this.#link, deadline);
-    if (!link.isConnected) throw this.#notConnected(await probe(link.address, this.#server.port, PROBE));
+    await this.#until(() => link.isConnected || link.socket.closed, deadline);
+    if (link.socket.closed) throw this.#notConnected("it was given up");
+    if (!link.isConnected) {
+      throw this.#notConnected((await probe(link.address, this.#server.port, PROBE)) ?? "no handshake");
+    }
     return this.#answer(link, envelope, deadline);
   }
 
@@ -188,7 +199,7 @@ export class Channel {
     }).catch((error) => settle({error}));
     // An answer that has arrived is taken before the news that the connection is lost: it came first.
     const isLost = () => this.#isSent && link.losses !== losses && !link.socket.closed && !link.socket.readable;
-    await this.#until(() => outcome || isLost(), deadline);
+    await this.#until(() => outcome || isLost() || link.socket.closed, deadline);
     if (!outcome && isLost()) await new Promise(setImmediate); // it may be on its way to us
     if (outcome?.frames) return this.#codeOf(outcome.frames);
     if (!this.#isSent) throw this.#notConnected(outcome?.error?.message ?? "it was lost");

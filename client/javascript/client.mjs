@@ -6,6 +6,11 @@ import {requireTimeout} from "./timing.mjs";
 
 const GREETING = "{hello}";
 
+function requireString(text) {
+  if (typeof text === "string") return text;
+  throw badUsage("what is sent must be a string");
+}
+
 // The parameters are described in index.d.ts, as are all that users see.
 export class Client {
   #key;
@@ -21,25 +26,24 @@ export class Client {
     this.#sealer = new Sealer(key);
   }
 
-  async report(usage) {
-    return this.sendDocument(writeDocument(usage));
+  report(usage) {
+    return this.#inTurn(writeDocument, usage);
   }
 
-  async signOff(usage) {
-    return this.report({...usage, counts: {}});
+  signOff(usage) {
+    return this.#inTurn(writeDocument, {...usage, counts: {}});
   }
 
-  async greet() {
+  greet() {
     return this.sendDocument(GREETING);
   }
 
-  async sendDocument(document) {
-    if (typeof document !== "string") throw badUsage("the document must be a string");
-    return this.#inTurn(() => this.#sealer.seal(document));
+  sendDocument(document) {
+    return this.#inTurn(requireString, document);
   }
 
-  async sendSealed(payload) {
-    return this.#inTurn(() => payload);
+  sendSealed(payload) {
+    return this.#inTurn(requireString, payload, (text) => text);
   }
 
   get counters() {
@@ -51,9 +55,12 @@ export class Client {
     this.#channel.giveUp("the client was closed");
   }
 
-  #inTurn(seal) {
-    const turn = this.#last.then(() => this.#ask(seal));
-    this.#last = turn.catch(() => {});
+  // What cannot be written fails now, without waiting for its turn.
+  #inTurn(write, value, seal = (document) => this.#sealer.seal(document)) {
+    const written = new Promise((resolve) => resolve(write(value)));
+    const turn = Promise.all([written, this.#last]).then(([text]) => this.#ask(() => seal(text)));
+    // A caller that does not look at the outcome must not end its process by that.
+    this.#last = Promise.allSettled([this.#last, turn]);
     return turn;
   }
 

@@ -6,15 +6,6 @@ import {now, pauseAfter, requirePeriod, requireTimeout} from "./timing.mjs";
 
 const textOf = (thrown) => (thrown instanceof Error ? thrown.message : String(thrown));
 
-// What settles is passed on; what does not within so many seconds is an error.
-function within(seconds, promise) {
-  let timer;
-  const late = new Promise((_, reject) => {
-    timer = setTimeout(() => reject(badUsage(`the source gave no usage within ${seconds} s`)), seconds * 1000);
-  });
-  return Promise.race([promise, late]).finally(() => clearTimeout(timer));
-}
-
 // A fixed usage is checked at once, and not changed by what its owner does to it later.
 function sourceOf(usage) {
   if (typeof usage === "function") return usage;
@@ -29,7 +20,7 @@ export class Reporter extends EventEmitter {
   #period;
   #timeout;
   #due;
-  #timer = null;
+  #timer; // of the one thing that it waits for by itself: its next report, or its source
   #failures = 0; // in a row
   #isBusy = false;
   #again = false; // report at once when what is in flight has ended
@@ -102,7 +93,7 @@ export class Reporter extends EventEmitter {
   // Never rejects: nothing that the host's code throws may end the host from here.
   async #outcome(isLast) {
     try {
-      const usage = await within(this.#timeout, this.#read());
+      const usage = await this.#read();
       return {code: await this.#client.report(isLast ? {...usage, counts: {}} : usage)};
     } catch (thrown) {
       const error = thrown instanceof UgsError ? thrown : badUsage(textOf(thrown));
@@ -110,8 +101,13 @@ export class Reporter extends EventEmitter {
     }
   }
 
-  async #read() {
-    return this.#source();
+  // What the source gives. One that never does must not end the reporting.
+  #read() {
+    const late = badUsage(`the source gave no usage within ${this.#timeout} s`);
+    return new Promise((resolve, reject) => {
+      this.#timer = setTimeout(() => reject(late), this.#timeout * 1000);
+      resolve(this.#source());
+    }).finally(() => clearTimeout(this.#timer));
   }
 
   #conclude({code}, isLast) {
