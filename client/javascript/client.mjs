@@ -60,7 +60,7 @@ export class Client {
     const written = new Promise((resolve) => resolve(write(value)));
     const turn = Promise.all([written, this.#last]).then(([text]) => this.#ask(() => seal(text)));
     // A caller that does not look at the outcome must not end its process by that.
-    this.#last = Promise.allSettled([this.#last, turn]);
+    this.#last = Promise.allSettled([this.#last, turn]).then(() => {});
     return turn;
   }
 
