@@ -52,6 +52,7 @@ export interface Counters {
 }
 
 /** One instance's connection to the server. It is made with the first request, and again whenever it is lost.
+ * It keeps the process alive until it is closed.
  *
  * There is never more than one request in flight: calls wait for those before them, and their time-out begins
  * with their turn. A request that is not answered in time is given up together with its connection. Each call
