@@ -89,8 +89,7 @@ def test_the_examples_on_the_page_are_counted_and_the_vector(start, peer):
 def test_the_client_on_the_page_reports(start):
     server = start(command=(VECTOR_SERVER,))
     key = DOCS / "vectors/test-public.pem"
-    client = [sys.executable, DOCS / "clients/report.py", "tcp://127.0.0.1:9304", key, "hall-9", "1", "3"]
+    client = [sys.executable, DOCS / "clients/report.py", "tcp://127.0.0.1:9304", key, "hall-9"]
     found = subprocess.run(client, capture_output=True, text=True, check=False)
-    assert (found.stdout, found.stderr) == ("0\n" * 3, "")
-    server.wait_for("DETECT NEW REQUEST", times=3)
+    assert (found.stdout, found.stderr) == ("0\n", "")
     server.wait_for_cameras(4)
