@@ -17,6 +17,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "Fleet.h"
@@ -25,6 +26,7 @@
 #include "InstanceKey.h"
 #include "Keygen.h"
 #include "Nearest.h"
+#include "Reachable.h"
 #include "Sealer.h"
 #include "UGSDefs.h"
 #include "UgsClient.h"
@@ -85,6 +87,7 @@ struct Target {
   std::string server = "127.0.0.1";
   std::string key = DefaultKey();
   double timeout = 5;
+  double wait = 0;
   bool verbose = false;
 
   void AddOptions(CLI::App& command) {
@@ -94,12 +97,25 @@ struct Target {
     command.add_option("--key", key, "the server's public key, a PEM file")
         ->envname("UGS_KEY")
         ->capture_default_str();
-    command.add_option("--timeout", timeout, "seconds to wait for the answer")
+    command.add_option("--timeout", timeout, "seconds to wait for a connection, and then for the answer")
         ->check(CLI::Range(0.001, 86400.0))
+        ->capture_default_str();
+    command.add_option("--wait", wait, "go on trying for so many seconds while nobody answers")
+        ->check(CLI::Range(0.0, 86400.0))
         ->capture_default_str();
   }
 
   [[nodiscard]] std::chrono::milliseconds Timeout() const { return Milliseconds(timeout); }
+
+  [[nodiscard]] std::string WhyNot() const { return WhyUnreachable(ugs::ParseAddress(server), Timeout()); }
+
+  // Once, and again while it returns false and the wait is not over.
+  template <typename Attempt>
+  void Try(Attempt attempt) const {
+    constexpr std::chrono::milliseconds pause(100);
+    const auto end = std::chrono::steady_clock::now() + Milliseconds(wait);
+    while (!attempt() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(pause);
+  }
 
   [[nodiscard]] ugs::Client Connect() const {
     try {
@@ -113,8 +129,16 @@ struct Target {
   template <typename Question>
   [[nodiscard]] int Ask(Question question, int expected) const {
     ugs::Client client = Connect();
-    const std::optional<int> code = question(client);
-    return PrintOutcome(code, client.LastError().text, expected);
+    std::optional<int> code;
+    std::string whyNot;
+    Try([&] {
+      whyNot = WhyNot();
+      if (!whyNot.empty()) return false;
+      code = question(client);
+      whyNot = client.LastError().text;
+      return code.has_value();
+    });
+    return PrintOutcome(code, whyNot, expected);
   }
 
   [[nodiscard]] int PrintOutcome(std::optional<int> code, const std::string& whyNot, int expected) const {
@@ -199,9 +223,16 @@ Command AddFingerprint(CLI::App& app) {
   };
 }
 
-// Reports until SIGINT or SIGTERM comes. Returns the exit code of the last report.
+// Reports until SIGINT or SIGTERM comes, unless there is nobody to report to at first. Returns the exit code
+// of the last report.
 int ReportEvery(double seconds, const ugs::Usage& usage, const Target& target) {
   ugs::WriteDocument(usage);  // throws now rather than on the reporter's thread
+  std::string whyNot;
+  target.Try([&] {
+    whyNot = target.WhyNot();
+    return whyNot.empty();
+  });
+  if (!whyNot.empty()) return target.PrintOutcome(std::nullopt, whyNot, UGSDefs::Ok);
   sigset_t ending;
   sigemptyset(&ending);
   sigaddset(&ending, SIGINT);
@@ -252,8 +283,8 @@ Command AddReport(CLI::App& app) {
   command
       ->add_option("--json", options->json, "send the document in this file (- for standard input) as it is")
       ->excludes(id);
-  command->add_option("--every", options->every, "report every SECONDS until interrupted")
-      ->check(CLI::Range(0.001, 86400.0))
+  command->add_option("--every", options->every, "report every SECONDS (1 to 118) until interrupted")
+      ->check(CLI::Range(1.0, 118.0))  // the server forgets an instance after 120 s
       ->excludes("--json");
   command
       ->add_option(
