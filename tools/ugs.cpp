@@ -4,6 +4,7 @@
 #include <atomic>
 #include <charconv>
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdint>
 #include <exception>
@@ -14,6 +15,7 @@
 #include <iterator>
 #include <map>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -78,6 +80,39 @@ std::string DefaultKey() {
                                                                                       : kOfCheckout;
 }
 
+// Digits only: strtoul(3) and the like would take a sign and blanks.
+bool ParseCount(std::string_view text, std::uint32_t& count) {
+  const auto [last, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+  return error == std::errc() && last == text.data() + text.size();
+}
+
+// Unlike CLI::Range, it refuses NaN.
+CLI::Validator SecondsFrom(double least, double most) {
+  std::ostringstream bounds;
+  bounds << "from " << least << " to " << most << " s";
+  const auto check = [least, most, text = bounds.str()](const std::string& typed) {
+    double seconds = 0;
+    const bool isGood = CLI::detail::lexical_cast(typed, seconds) && seconds >= least && seconds <= most;
+    return isGood ? std::string() : typed + " is not " + text;
+  };
+  return {check, "SECONDS", "range"};
+}
+
+// Without it, 010 would be 8.
+std::string WhyNoCount(const std::string& typed) {
+  std::uint32_t count = 0;
+  return ParseCount(typed, count) && (typed == "0" || !typed.starts_with('0'))
+             ? std::string()
+             : typed + " is not a count in decimal digits";
+}
+
+// CLI::PositiveNumber and CLI::NonNegativeNumber let NaN pass.
+std::string WhyNotFinite(const std::string& typed) {
+  double number = 0;
+  return CLI::detail::lexical_cast(typed, number) && std::isfinite(number) ? std::string()
+                                                                           : typed + " is not a number";
+}
+
 std::chrono::milliseconds Milliseconds(double seconds) {
   return std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(seconds));
 }
@@ -98,10 +133,10 @@ struct Target {
         ->envname("UGS_KEY")
         ->capture_default_str();
     command.add_option("--timeout", timeout, "seconds to wait for a connection, and then for the answer")
-        ->check(CLI::Range(0.001, 86400.0))
+        ->check(SecondsFrom(0.001, 86400))
         ->capture_default_str();
     command.add_option("--wait", wait, "go on trying for so many seconds while nobody answers")
-        ->check(CLI::Range(0.0, 86400.0))
+        ->check(SecondsFrom(0, 86400))
         ->capture_default_str();
   }
 
@@ -170,12 +205,6 @@ void AddCameras(CLI::App& command, std::vector<std::string>& cameras) {
       ->check(isNoOption);
 }
 
-// Digits only: strtoul(3) and the like would take a sign and blanks.
-bool ParseCount(std::string_view text, std::uint32_t& count) {
-  const auto [last, error] = std::from_chars(text.data(), text.data() + text.size(), count);
-  return error == std::errc() && last == text.data() + text.size();
-}
-
 // Keys are checked later, against the layout, by WriteDocument.
 std::map<std::string, std::uint32_t> ParseCounts(const std::vector<std::string>& uses) {
   std::map<std::string, std::uint32_t> counts;
@@ -216,7 +245,7 @@ Command AddKeygen(CLI::App& app) {
 Command AddFingerprint(CLI::App& app) {
   auto* command = app.add_subcommand("fingerprint", "print the SHA-256 of a public key");
   const auto key = std::make_shared<std::string>(DefaultKey());
-  command->add_option("--key", *key, "the public key, a PEM file")->capture_default_str();
+  command->add_option("--key", *key, "the public key, a PEM file")->envname("UGS_KEY")->capture_default_str();
   return [key] {
     std::cout << ugs::Sealer(*key).Fingerprint() << "\n";
     return kDone;
@@ -226,7 +255,8 @@ Command AddFingerprint(CLI::App& app) {
 // Reports until SIGINT or SIGTERM comes, unless there is nobody to report to at first. Returns the exit code
 // of the last report.
 int ReportEvery(double seconds, const ugs::Usage& usage, const Target& target) {
-  ugs::WriteDocument(usage);  // throws now rather than on the reporter's thread
+  ugs::WriteDocument(usage);            // throws now rather than on the reporter's thread
+  static_cast<void>(target.Connect());  // and for a key that cannot be used, before there is any waiting
   std::string whyNot;
   target.Try([&] {
     whyNot = target.WhyNot();
@@ -283,8 +313,8 @@ Command AddReport(CLI::App& app) {
   command
       ->add_option("--json", options->json, "send the document in this file (- for standard input) as it is")
       ->excludes(id);
-  command->add_option("--every", options->every, "report every SECONDS (1 to 118) until interrupted")
-      ->check(CLI::Range(1.0, 118.0))  // the server forgets an instance after 120 s
+  command->add_option("--every", options->every, "report periodically until interrupted; from 1 to 118")
+      ->check(SecondsFrom(1, 118))  // the server forgets an instance after 120 s
       ->excludes("--json");
   command
       ->add_option(
@@ -348,19 +378,27 @@ Command AddFleet(CLI::App& app) {
       ->envname("UGS_KEY")
       ->capture_default_str();
   command->add_option("--instances", options->instances, "how many instances report")
+      ->check(WhyNoCount)
       ->check(CLI::Range(1, 1'000'000))
       ->capture_default_str();
   auto* rate = command->add_option("--rate", options->rate, "reports per second of the whole fleet")
+                   ->check(WhyNotFinite)
                    ->check(CLI::PositiveNumber);
   command->add_option("--period", options->period, "seconds between two reports of one instance")
+      ->check(WhyNotFinite)
       ->check(CLI::PositiveNumber)
       ->excludes(rate);
   command->add_option("--duration", options->duration, "seconds")
+      ->check(WhyNotFinite)
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
-  command->add_option("--connections", options->connections,
-                      "share so many connections; one per instance if left out");
-  command->add_option("--seed", options->seed, "another seed is another fleet")->capture_default_str();
+  command
+      ->add_option("--connections", options->connections,
+                   "share so many connections; one per instance if left out")
+      ->check(WhyNoCount);
+  command->add_option("--seed", options->seed, "another seed is another fleet")
+      ->check(WhyNoCount)
+      ->capture_default_str();
   command->add_option("--layout", options->layout, "layout of the documents")
       ->check(CLI::IsMember(ugs::LayoutNames()))
       ->capture_default_str();
@@ -368,6 +406,7 @@ Command AddFleet(CLI::App& app) {
   command
       ->add_option("--drain,--patience", options->drain,
                    "seconds to wait for answers after the last report, and for a connection (5 at least)")
+      ->check(WhyNotFinite)
       ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
   command->add_flag("--json", options->json, "print the outcome as JSON");

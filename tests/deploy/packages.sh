@@ -41,7 +41,7 @@ greet() {
   inside install -d -o korvaneugs -g korvaneugs -m 750 /var/log/korvaneugs
   chroot --userspec=korvaneugs:korvaneugs "$root" sh -c 'cd /var/log/korvaneugs && exec KorvaneUGS' </dev/null >/dev/null &
   local server=$! answer
-  answer=$(inside ugs ping --timeout 10) || fail "ping: $answer"
+  answer=$(inside ugs ping --wait 30) || fail "ping: $answer"
   [ "$answer" = "1 (hello)" ] || fail "ping: $answer"
   kill "$server"
   wait "$server" || fail "the server ended with $?"
@@ -51,10 +51,10 @@ greet() {
 # Boots the root with its own systemd: the sandbox of the unit can be tried in no other way.
 boot() {
   cat >"$root/root/try.sh" <<'TRY'
-ugs ping --timeout 30
+ugs ping --wait 30
 systemctl is-active korvaneugs
 kill -ABRT "$(systemctl show korvaneugs -p MainPID --value)"
-ugs ping --timeout 30
+ugs ping --wait 30
 systemctl stop korvaneugs
 systemctl show korvaneugs -p NRestarts -p ExecMainStatus -p Result
 systemctl poweroff 2>/dev/null
