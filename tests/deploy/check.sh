@@ -65,13 +65,13 @@ check "the JavaScript package" env UGS_VECTORS="$PWD/docs/vectors" UGS_COMMAND="
 # Programs that call the C library of the packages, as the page shows them.
 for package in "$packages"/*.deb; do dpkg-deb -x "$package" "$scratch/root"; done
 page() { sed -n "/^\`\`\`$1\$/,/^\`\`\`/{//!p}" docs/protocol.md; }
-mkdir "$scratch/page"
-page java >"$scratch/page/Report.java"
-page go >"$scratch/page/report.go"
-cp docs/vectors/test-public.pem "$scratch/page/public.pem"
+mkdir "$scratch/shown"
+page java >"$scratch/shown/Report.java"
+page go >"$scratch/shown/report.go"
+cp docs/vectors/test-public.pem "$scratch/shown/public.pem"
 libraries=$(dirname "$scratch"/root/usr/lib/*/libugs-client.so)
 export LD_LIBRARY_PATH=$libraries PKG_CONFIG_PATH=$libraries/pkgconfig
-cd "$scratch/page"
+cd "$scratch/shown"
 check "Java's program" diff <(echo 0) <(java -cp /usr/share/java/jna.jar Report.java 2>&1)
 check "Go's program" diff <(echo 0) <(GOCACHE=$scratch/go go run report.go 2>&1)
 gunzip "$scratch"/root/usr/share/man/man*/*.gz

@@ -42,7 +42,7 @@ greet() {
   inside install -d -o korvaneugs -g korvaneugs -m 750 /var/log/korvaneugs
   chroot --userspec=korvaneugs:korvaneugs "$root" sh -c 'cd /var/log/korvaneugs && exec KorvaneUGS' </dev/null >/dev/null &
   local server=$! answer
-  answer=$(inside ugs ping --timeout 10) || fail "ping: $answer"
+  answer=$(inside ugs ping --wait 30) || fail "ping: $answer"
   [ "$answer" = "1 (hello)" ] || fail "ping: $answer"
   answer=$(inside python3 -c "$(sed -n '/^```python/,/^```/{//!p}; /^This prints/q' "$readme")" 2>&1) || fail "Python: $answer"
   [ "$answer" = 0 ] || fail "Python: $answer"
@@ -54,13 +54,13 @@ greet() {
 # Boots the root with its own systemd: the sandbox of the unit can be tried in no other way.
 boot() {
   cat >"$root/root/try.sh" <<'TRY'
-ugs ping --timeout 30
+ugs ping --wait 30
 systemctl start korvaneugs  # returns once it is ready
 systemctl is-active korvaneugs
 stat -c "%A %U %G" /run/korvaneugs /run/korvaneugs/status
 systemctl show korvaneugs -p StatusText
 kill -ABRT "$(systemctl show korvaneugs -p MainPID --value)"
-ugs ping --timeout 30
+ugs ping --wait 30
 systemctl stop korvaneugs
 [ -e /run/korvaneugs ] || echo "no socket is left"
 systemctl show korvaneugs -p NRestarts -p ExecMainStatus -p Result
