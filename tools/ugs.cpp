@@ -307,7 +307,7 @@ Command AddReport(CLI::App& app) {
   };
   const auto options = std::make_shared<Options>();
   options->target.AddOptions(*command);
-  auto* id = command->add_option("--id", options->usage.id, "identity of the instance (KorvaneID)");
+  command->add_option("--id", options->usage.id, "identity of the instance (KorvaneID)");
   command->add_option("--docker", options->usage.container, "identity of its container (DockerID)");
   AddCameras(*command, options->usage.cameras);
   command->add_option("--use", options->uses, "NAME=COUNT, as in MaxCameras=4; may be repeated")
@@ -315,19 +315,20 @@ Command AddReport(CLI::App& app) {
   command->add_option("--layout", options->usage.layout, "layout of the document")
       ->check(CLI::IsMember(ugs::LayoutNames()))
       ->capture_default_str();
-  command
-      ->add_option("--json", options->json, "send the document in this file (- for standard input) as it is")
-      ->excludes(id);
+  auto* json = command->add_option("--json", options->json,
+                                   "send the document in this file (- for standard input) as it is");
   command->add_option("--every", options->every, "report periodically until interrupted; from 1 to 118")
       ->check(SecondsFrom(1, 118))  // the server forgets an instance after 120 s
-      ->excludes("--json");
-  command
-      ->add_option(
-          "--directory", options->directory,
-          "report until interrupted for every instance that a file *.json in DIR describes, and follow "
-          "what changes there; every 30 s if --every is left out")
-      ->excludes("--json")
-      ->excludes(id);
+      ->excludes(json);
+  auto* directory = command->add_option(
+      "--directory", options->directory,
+      "report until interrupted for every instance that a file *.json in this directory describes, and "
+      "follow what changes there; every 30 s if --every is left out");
+  directory->excludes(json)->excludes("--wait");
+  // Rather than ignored: what is to be reported comes from the file.
+  for (const char* part : {"--id", "--docker", "--camera", "--use", "--layout"}) {
+    command->get_option(part)->excludes(json)->excludes(directory);
+  }
   command->add_flag("-v,--verbose", options->target.verbose,
                     "explain a refusal by its likely causes; with --directory, print every outcome");
   command->footer(kReportExamples);

@@ -152,6 +152,7 @@ def test_reporting_goes_on_until_it_is_interrupted(start, number):
         ("--camera", ["report", "--id", "i"]),
         ("from 1 to 118 s", ["report", *ONE, "--every", "0.9"]),
         ("from 1 to 118 s", ["report", *ONE, "--every", "118.1"]),
+        ("--use excludes", ["report", "--json", "-", "--use", "PX=1"]),
         ("nan", ["ping", "--timeout", "nan"]),
         ("/nowhere", ["report", *ONE, "--every", "1", "--key", "/nowhere"]),
         ("decimal", ["fleet", "--period", "1", "--instances", "010"]),
