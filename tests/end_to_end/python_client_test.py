@@ -12,7 +12,7 @@ from support import BUILD, KEY_FILE, ROOT, SANITIZER, TIMEOUT, VECTOR_SERVER, VE
 
 LIBRARY = BUILD / "client/libugs-client.so.1"
 PREAMBLE = f"""
-import json, logging, os, signal, socket, sys, threading, time
+import atexit, json, logging, os, signal, socket, sys, threading, time
 import ugs_client
 from ugs_client import Client, Reporter
 SERVER, KEY = "127.0.0.1", {str(KEY_FILE)!r}
@@ -161,12 +161,23 @@ if child == 0:
     print(Client(SERVER, KEY).greet())
     sys.exit()
 print(os.waitpid(child, 0)[1], client.greet())
-lasting = Reporter(SILENT, KEY, *WHAT, period=1, timeout=None, listener=print)  # is alive at the end
+silent = Reporter(SILENT, KEY, *WHAT, period=1, timeout=None, listener=print)  # both are alive at the end
+begun, exiting = threading.Event(), threading.Event()
+def slow_listener(outcome):
+    begun.set()
+    exiting.wait()
+    for _ in range(50):
+        time.sleep(0.01)  # lets go of the interpreter, which must still be there afterwards
+    print("heard")
+lasting = Reporter(SERVER, KEY, *WHAT, listener=slow_listener)
+lasting.update({"MaxCameras": 7})
+begun.wait()
+atexit.register(exiting.set)
 """
     )
     forked = "this was made before a fork: make one in the process that uses it"
     assert said[:2] == ["0 ", "the listener failed"] and "KeyError: 'of the listener'" in said
-    assert said[-5:] == [forked, forked, forked, "1", "0 1"]
+    assert said[-6:] == [forked, forked, forked, "1", "0 1", "heard"]
     server.wait_for_cameras(7)
 
 
