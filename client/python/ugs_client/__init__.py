@@ -104,7 +104,7 @@ class Counters:
 
 def version() -> str:
     """The version of the C library's interface, as "1.0"."""
-    return _c.ugs_version().decode()
+    return str(_c.ugs_version(), "ascii")
 
 
 def _error(kind: int, text: bytes) -> UgsError | None:
@@ -453,7 +453,7 @@ class Reporter(_Owner):
         """
 
         def ask(handle: int) -> int:
-            code = _c.ugs_reporter_sign_off(handle)
+            code: int = _c.ugs_reporter_sign_off(handle)
             if code in (-1, _REFUSED):
                 raise _last_error()
             return code

@@ -6,6 +6,7 @@ import queue
 import re
 import signal
 import sys
+from typing import Any, Dict, List, Tuple
 
 from . import Client, NoAnswer, NoSuchHost, NotConnected, Outcome, Refused, Reporter, UgsError, version
 
@@ -31,7 +32,7 @@ def make_parser() -> argparse.ArgumentParser:
     )
     target.add_argument(
         "--key",
-        default=os.environ.get("UGS_KEY") or next(filter(os.path.exists, KEYS), KEYS[0]),
+        default=os.environ.get("UGS_KEY") or next((key for key in KEYS if os.path.exists(key)), KEYS[0]),
         metavar="FILE",
         help="the server's public key, a PEM file; by default UGS_KEY of the environment, or else " + " or ".join(KEYS),
     )
@@ -77,7 +78,7 @@ def ask(options: argparse.Namespace) -> Outcome:
             return Outcome(None, error)
 
 
-def usage_of(options: argparse.Namespace) -> tuple:
+def usage_of(options: argparse.Namespace) -> Tuple[str, List[str], Dict[str, int], str, str]:
     return options.identity, options.camera, dict(options.use), options.container, options.layout
 
 
@@ -85,8 +86,9 @@ def report_every(options: argparse.Namespace) -> int:
     """Reports until SIGINT or SIGTERM comes. Returns the exit code of the last report."""
     signal.signal(signal.SIGINT, signal.default_int_handler)  # also when it was ignored, as in a shell's background
     signal.signal(signal.SIGTERM, signal.default_int_handler)
-    code, outcomes = NO_ANSWER, queue.SimpleQueue()
-    target = {"timeout": options.timeout, "period": options.every, "listener": outcomes.put}
+    code = NO_ANSWER
+    outcomes: "queue.SimpleQueue[Outcome]" = queue.SimpleQueue()
+    target: Dict[str, Any] = {"timeout": options.timeout, "period": options.every, "listener": outcomes.put}
     with Reporter(options.server, options.key, *usage_of(options), **target):
         print(f"The first report comes within {options.every:g} s; Ctrl-C ends this.", flush=True)
         try:
