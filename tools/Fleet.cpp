@@ -20,12 +20,12 @@ bool RunFleet(const FleetOptions& options) {
   // Notes where the log ends now: only what this run adds to it counts.
   const auto log = options.log.empty() ? std::nullopt : std::optional<ServerLog>(options.log);
   const FleetRecord record = run.Run();
-  if (!options.csv.empty()) WriteCsv(record, csv);
   const FleetOutcome outcome = Evaluate(record, options.instances, log);
   if (options.json) {
     PrintJson(outcome);
   } else {
     PrintText(outcome);
   }
+  if (!options.csv.empty()) WriteCsv(record, csv);
   return outcome.IsGood();
 }
