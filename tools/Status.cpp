@@ -133,6 +133,27 @@ StatusRefusal RefusalOf(const Object& line) {
   return refusal;
 }
 
+std::vector<StatusUse> UsesOf(const Object& line) {
+  const Object* features = Member(line, "features");
+  if (features == nullptr || !features->IsObject()) return {};
+  std::vector<StatusUse> uses;
+  for (const auto& feature : features->GetObject()) {
+    const Object& use = feature.value;
+    if (!use.IsArray() || use.Size() < 3) continue;
+    if (!use[0].IsInt64() || !use[1].IsInt64() || !use[2].IsInt64()) continue;
+    uses.push_back({TextOf(feature.name), use[0].GetInt64(), use[1].GetInt64(), use[2].GetInt64()});
+  }
+  return uses;
+}
+
+StatusHour HourOf(const Object& line) {
+  StatusHour hour;
+  Read(line, "hour", hour.hour);
+  Read(line, "seen", hour.seen);
+  hour.uses = UsesOf(line);
+  return hour;
+}
+
 void CheckSchema(const Object& line) {
   std::int64_t schema = 0;
   Read(line, "schema", schema);
@@ -169,12 +190,15 @@ class SnapshotParser {
       hasServer_ = true;
     } else if (type == "totals") {
       Read(line, "counts", snapshot_.totals);
+      Read(line, "instances", snapshot_.totalInstances);
     } else if (type == "instance") {
       snapshot_.instances.push_back(InstanceOf(line));
     } else if (type == "loss") {
       snapshot_.losses.push_back(LossOf(line));
     } else if (type == "refusal") {
       snapshot_.refusals.push_back(RefusalOf(line));
+    } else if (type == "hour") {
+      snapshot_.hours.push_back(HourOf(line));
     } else if (type == "end") {
       hasEnd_ = true;
     }

@@ -78,13 +78,29 @@ struct StatusRefusal {
   std::string identity;
 };
 
+// The use of one count in an hour.
+struct StatusUse {
+  std::string feature;
+  std::int64_t peak = 0;
+  std::int64_t peakTime = 0;
+  std::int64_t unitSeconds = 0;
+};
+
+struct StatusHour {
+  std::int64_t hour = 0;
+  std::int64_t seen = 0;
+  std::vector<StatusUse> uses;
+};
+
 // All strings are UTF-8, and as peers sent them otherwise: see Shown.
 struct StatusSnapshot {
   StatusServer server;
   StatusCounts totals;
+  std::int64_t totalInstances = 0;  // that are counted in the totals
   std::vector<StatusInstance> instances;
   std::vector<StatusLoss> losses;
   std::vector<StatusRefusal> refusals;
+  std::vector<StatusHour> hours;
 };
 
 // There is no status to be had; the text says why, and what to do.

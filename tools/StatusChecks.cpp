@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <map>
 
 #include "Listing.h"
 #include "ReportLayouts.h"
@@ -161,8 +160,13 @@ bool IsOverdue(const StatusInstance& instance, std::int64_t now) {
   return instance.state == "not_back" && static_cast<double>(now - instance.last) > due;
 }
 
-std::string MeaningOfRefusal(const std::string& code) {
+const std::map<std::string, std::string>& MeaningsOfRefusals() {
   static const std::map<std::string, std::string> meanings = MakeMeanings();
+  return meanings;
+}
+
+std::string MeaningOfRefusal(const std::string& code) {
+  const auto& meanings = MeaningsOfRefusals();
   const auto meaning = meanings.find(code);
   return meaning == meanings.end() ? "see the log texts in operations.md" : meaning->second;
 }

@@ -1,6 +1,7 @@
 // What the operator should know of a snapshot.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -19,3 +20,6 @@ bool IsOverdue(const StatusInstance& instance, std::int64_t now);
 
 // A few words on why the server refuses with this code.
 std::string MeaningOfRefusal(const std::string& code);
+
+// The same for every code that the server refuses with.
+const std::map<std::string, std::string>& MeaningsOfRefusals();

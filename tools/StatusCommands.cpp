@@ -12,6 +12,7 @@
 #include "Listing.h"
 #include "Nearest.h"
 #include "Shown.h"
+#include "StatusJson.h"
 #include "StatusListings.h"
 
 namespace {
@@ -71,31 +72,13 @@ void PrintStatusJson(const StatusSnapshot& snapshot, const std::vector<StatusPro
     json->EndObject();
   }
   json->EndArray();
-  json.Put("version", server.version);
-  json.Put("host", server.host);
-  json.Put("time", server.time);
-  json.Put("started", server.started);
-  json.Put("rebuilt", server.rebuilt);
-  json.Put("serving", server.serving);
+  PutServer(json, server);
   json.Put("instances", static_cast<std::int64_t>(snapshot.instances.size()));
   json.Put("alive", NumberIn(snapshot, "alive"));
   json.Put("late", NumberIn(snapshot, "late"));
   json.Put("not_back", NumberIn(snapshot, "not_back"));
   json.Put("cameras", CamerasOf(snapshot));
   json.Put("totals", snapshot.totals);
-  json.Put("reports", server.reports);
-  json.Put("refused", server.refused);
-  json.Put("reports_per_second", server.reportsPerSecond);
-  json.Put("reports_per_second_limit", server.reportsPerSecondLimit);
-  json.Put("queue", server.queue);
-  json.Put("queue_peak", server.queuePeak);
-  json.Put("queue_limit", server.queueLimit);
-  json.Put("connections", server.connections);
-  json.Put("open_files", server.openFiles);
-  json.Put("open_files_limit", server.openFilesLimit);
-  json.Put("replies_lost", server.repliesLost);
-  json.Put("log_written", server.logWritten);
-  json.Put("log_failures", server.logFailures);
   json->EndObject();
   std::cout << json.Text();
 }

@@ -29,7 +29,11 @@
 #include "Keygen.h"
 #include "Listing.h"
 #include "Nearest.h"
+<<<<<<< HEAD
 #include "Reachable.h"
+=======
+#include "Page.h"
+>>>>>>> help-page
 #include "Sealer.h"
 #include "Status.h"
 #include "StatusCommands.h"
@@ -66,6 +70,12 @@ constexpr const char* kReportExamples = R"(Examples:
     ugs report --server 10.0.0.5:9304 --key site.pem --json document.json
   All instances of a machine, one JSON file for each, as long as their files are there:
     ugs report --directory /run/instances)";
+
+constexpr const char* kPagePaths = R"(It serves, to whoever can reach the address:
+  /                     the page
+  /status, /instances   the same figures as JSON
+  /metrics              for Prometheus, in OpenMetrics format; ?instances=1 adds those of each instance
+Exit codes: 0 ended by SIGINT or SIGTERM, 2 usage error, or the address is not to be had.)";
 
 constexpr const char* kWhyRefused = R"(A refusal has one of these causes. The server's log names it:
   0x00AE06 (and 0x00AE09 on its console)  the report was sealed for another server: compare `ugs fingerprint`
@@ -426,11 +436,15 @@ Command AddFleet(CLI::App& app) {
 }
 
 // The subcommands that look at the server through its status socket.
+void AddSocketOption(CLI::App& command, std::string& socket) {
+  socket = DefaultStatusSocket();
+  command.add_option("--socket", socket, "the server's status socket (environment: UGS_STATUS)")
+      ->capture_default_str();
+}
+
 std::shared_ptr<StatusOptions> AddStatusOptions(CLI::App& command) {
   const auto options = std::make_shared<StatusOptions>();
-  options->socket = DefaultStatusSocket();
-  command.add_option("--socket", options->socket, "the server's status socket (environment: UGS_STATUS)")
-      ->capture_default_str();
+  AddSocketOption(command, options->socket);
   return options;
 }
 
@@ -496,6 +510,21 @@ Command AddTop(CLI::App& app) {
   };
 }
 
+Command AddPage(CLI::App& app) {
+  auto* command = app.add_subcommand("page", "serve a page that shows the server, and metrics, until Ctrl-C");
+  const auto options = std::make_shared<PageOptions>();
+  AddSocketOption(*command, options->socket);
+  command->add_option("--address", options->address, "the IP address to listen on")->capture_default_str();
+  command->add_option("--port", options->port, "the TCP port")
+      ->check(CLI::Range(1, 65535))
+      ->capture_default_str();
+  command->footer(kPagePaths);
+  return [options] {
+    ServePage(*options);
+    return kDone;
+  };
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -509,7 +538,7 @@ int main(int argc, char** argv) {
       {"fleet", AddFleet(app)},   {"key", AddKey(app)},
       {"status", AddStatus(app)}, {"instances", AddInstances(app)},
       {"losses", AddLosses(app)}, {"refusals", AddRefusals(app)},
-      {"top", AddTop(app)},
+      {"top", AddTop(app)},       {"page", AddPage(app)},
   };
   if (argc > 1 && argv[1][0] != '-' && !commands.contains(argv[1])) {
     std::vector<std::string> names;

@@ -5,6 +5,7 @@ import fcntl
 import os
 import socket
 import struct
+import threading
 
 import pexpect
 import pytest
@@ -38,6 +39,38 @@ def context(network):
 @pytest.fixture
 def peer(context):
     return Peer(context)
+
+
+# Stands in for a server: shows `text` to whoever connects to the status socket whose path it returns.
+@pytest.fixture
+def serve(tmp_path):
+    listeners = []
+
+    def serve(text):
+        path = tmp_path / "status"
+        listeners.append(socket.socket(socket.AF_UNIX))
+        listeners[0].bind(str(path))
+        listeners[0].listen()
+
+        def answer():
+            while True:
+                try:
+                    connection = listeners[0].accept()[0]
+                except OSError:
+                    return
+                with connection:
+                    try:
+                        connection.sendall(text)
+                    except OSError:
+                        pass
+
+        threading.Thread(target=answer, daemon=True).start()
+        return path
+
+    yield serve
+    for listener in listeners:
+        listener.shutdown(socket.SHUT_RDWR)
+        listener.close()
 
 
 # Starts servers, each of which must end well.

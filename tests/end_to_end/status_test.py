@@ -9,7 +9,6 @@ import signal
 import socket
 import subprocess
 import termios
-import threading
 
 import pytest
 from support import UGS
@@ -29,38 +28,6 @@ def instance(identity, **members):
 
 def lines(*objects):
     return b"".join(json.dumps(item, ensure_ascii=False).encode() + b"\n" for item in objects)
-
-
-@pytest.fixture
-def serve(tmp_path):
-    """Shows `text` to whoever connects; returns the socket's path."""
-    listeners = []
-
-    def serve(text):
-        path = tmp_path / "status"
-        listeners.append(socket.socket(socket.AF_UNIX))
-        listeners[0].bind(str(path))
-        listeners[0].listen()
-
-        def answer():
-            while True:
-                try:
-                    connection = listeners[0].accept()[0]
-                except OSError:
-                    return
-                with connection:
-                    try:
-                        connection.sendall(text)
-                    except OSError:
-                        pass
-
-        threading.Thread(target=answer, daemon=True).start()
-        return path
-
-    yield serve
-    for listener in listeners:
-        listener.shutdown(socket.SHUT_RDWR)
-        listener.close()
 
 
 def run(*arguments, path, **options):

@@ -1,0 +1,116 @@
+"""`ugs page` as browsers and Prometheus ask it, over a status socket that says what a test wants."""
+
+import http.client
+import json
+import signal
+import socket
+import subprocess
+
+import pytest
+from status_test import END, HOSTILE, NOW, SERVER, instance, lines
+from support import TIMEOUT, UGS, wait_until
+
+PORT = 9305
+HEADERS = {
+    "Content-Security-Policy": "default-src 'self'",
+    "X-Content-Type-Options": "nosniff",
+    "Cache-Control": "no-store",
+    "Referrer-Policy": "no-referrer",
+}
+
+
+@pytest.fixture
+def page(network):
+    """Starts a page for the status socket at `path`."""
+    started = []
+
+    def page(path):
+        started.append(subprocess.Popen([UGS, "page", "--socket", path], stdout=subprocess.PIPE, text=True))
+        assert started[0].stdout.readline() == f"The page: http://127.0.0.1:{PORT}/ (Ctrl-C ends it)\n"
+
+    yield page
+    for process in started:
+        process.send_signal(signal.SIGTERM)
+        assert process.wait(TIMEOUT) == 0
+
+
+def ask(path, method="GET", host=f"127.0.0.1:{PORT}"):
+    connection = http.client.HTTPConnection("127.0.0.1", PORT, timeout=TIMEOUT)
+    connection.request(method, path, headers={"Host": host})
+    answer = connection.getresponse()
+    assert {name: answer.getheader(name) for name in HEADERS} == HEADERS
+    return answer.status, answer.read().decode()
+
+
+def test_only_reading_and_only_under_its_own_name(tmp_path, page):
+    page(tmp_path / "nothing")
+    for host in ("localhost", "LOCALHOST:9305", "127.0.0.1", "[::1]:9305"):
+        assert ask("/", host=host)[0] == 200
+    for host in ("example.com", "127.0.0.1.example.com", "localhost:80", "", "127.0.0.1:9305:9305"):
+        assert {ask(path, host=host)[0] for path in ("/", "/status", "/metrics")} == {403}
+    assert [ask("/status", method)[0] for method in ("POST", "PUT", "DELETE", "OPTIONS")] == [405] * 4
+    assert ask("/page.js", "HEAD") == (200, "")
+    assert ask("/../etc/passwd")[0] == 404
+
+
+def test_without_a_server_the_page_says_so(tmp_path, page):
+    page(tmp_path / "nothing")
+    assert "<noscript>" in ask("/")[1] and "textContent" in ask("/page.js")[1]
+    wait_until(lambda: "no server shows its status" in ask("/status")[1])
+    assert ask("/instances")[0] == 503
+    text = ask("/metrics")[1].splitlines()
+    assert [line for line in text if not line.startswith("# ")] == ["ugs_up 0"] and text[-1] == "# EOF"
+
+
+def test_figures_are_the_servers_whatever_peers_send(serve, page):
+    hostile = {"container": HOSTILE, "cameras": [HOSTILE], "address": HOSTILE, "last": NOW - 90, "state": "late"}
+    rows = [
+        {"type": "totals", "counts": {"Plates": 5}, "instances": 2},
+        instance("a", counts={"Plates": 5}),
+        instance('x"y\\z\n' + HOSTILE[:9], **hostile),
+        {"type": "refusal", "address": "1", "code": "0xE248", "count": 2, "last": NOW},
+        {"type": "refusal", "address": "2", "code": "0xE248", "count": 3, "last": NOW, "identity": HOSTILE},
+        {"type": "loss", "identity": HOSTILE, "lost": NOW, "counts": {"PX": 1}},
+        {"type": "hour", "hour": NOW, "seen": 60, "features": {"Plates": [7, NOW, 2**40], "PX": "?"}},
+    ]
+    page(serve(lines(SERVER | {"reports": 2**40}, *rows, END)))
+    wait_until(lambda: ask("/status")[0] == 200)
+    status = json.loads(ask("/status")[1])
+    assert status["server"]["reports_per_second"] == 0.5 and status["totals"] == {
+        "counts": {"Plates": 5},
+        "instances": 2,
+    }
+    assert status["instances"][1]["container"] == HOSTILE and status["losses"][0]["counts"] == {"PX": 1}
+    assert status["refusals"][1] | rows[4] == status["refusals"][1] | {"type": "refusal"}
+    assert status["hours"] == [{"hour": NOW, "seen": 60, "features": {"Plates": [7, NOW, 2**40]}}]
+    assert json.loads(ask("/instances")[1]) == {"time": NOW, "instances": status["instances"]}
+
+    metrics = ask("/metrics")[1].split("\n")
+    assert metrics[-2:] == ["# EOF", ""] and not any("key=" in line for line in metrics)
+    assert {
+        "ugs_up 1",
+        f"ugs_reports_total {2**40}",
+        'ugs_refused_total{code="0xE248"} 5',
+        'ugs_refused_total{code="0x00AE06"} 0',
+        'ugs_refused_total{code="none"} 0',
+        'ugs_in_use{feature="Plates"} 5',
+        'ugs_in_use{feature="PX"} 0',
+        "ugs_instances 2",
+        "ugs_late_instances 1",
+        "ugs_oldest_report_age_seconds 90",
+    } <= set(metrics)
+    identity = r'identity="x\"y\\z' + "\ufffd" + r"a\"b" + 2 * "\ufffd" + "[2J\ufffd"
+    named = [line for line in ask("/metrics?instances=1")[1].split("\n") if identity in line]
+    assert [line.rsplit(" ", 1)[1] for line in named] == ["90", "1"]  # age and cameras
+
+
+def test_clients_that_never_finish_their_request_hold_nobody_up(tmp_path, page):
+    page(tmp_path / "nothing")
+    half_open = [socket.create_connection(("127.0.0.1", PORT)) for _ in range(50)]
+    for client in half_open:
+        client.sendall(b"GET /status HTTP/1.1\r\nHost: local")
+    assert ask("/")[0] == 200
+    for client in half_open:
+        client.settimeout(0)
+        with client, pytest.raises(BlockingIOError):  # still open: the answer did not wait for their end
+            client.recv(1)

@@ -1,0 +1,127 @@
+#include "StatusJson.h"
+
+#include <vector>
+
+#include "StatusChecks.h"
+
+namespace {
+
+void PutPeer(JsonOutput& json, const StatusPeer& peer) {
+  json.Put("key", peer.key);
+  json.Put("identity", peer.identity);
+  json.Put("container", peer.container);
+  json.Put("address", peer.address);
+  json.Put("counts", peer.counts);
+  json.Put("last", peer.last);
+}
+
+void PutMembers(JsonOutput& json, const StatusInstance& instance) {
+  PutPeer(json, instance);
+  json.Put("layout", instance.layout);
+  json.Put("cameras", instance.cameras);
+  json.Put("cameras_count", instance.camerasCount);
+  json.Put("first", instance.first);
+  json.Put("reports", instance.reports);
+  json.Put("period", instance.period);
+  json.Put("state", instance.state);
+  json.Put("flags", instance.flags);
+}
+
+void PutMembers(JsonOutput& json, const StatusLoss& loss) {
+  PutPeer(json, loss);
+  json.Put("lost", loss.lost);
+  json.Put("reason", loss.reason);
+  json.Put("returned", loss.returned);
+}
+
+void PutMembers(JsonOutput& json, const StatusRefusal& refusal) {
+  json.Put("address", refusal.address);
+  json.Put("code", refusal.code);
+  json.Put("meaning", MeaningOfRefusal(refusal.code));
+  json.Put("count", refusal.count);
+  json.Put("first", refusal.first);
+  json.Put("last", refusal.last);
+  json.Put("identity", refusal.identity);
+}
+
+void PutMembers(JsonOutput& json, const StatusHour& hour) {
+  json.Put("hour", hour.hour);
+  json.Put("seen", hour.seen);
+  json->Key("features");
+  json->StartObject();
+  for (const StatusUse& use : hour.uses) {
+    json->Key(use.feature.c_str());
+    json->StartArray();
+    json.Put(use.peak);
+    json.Put(use.peakTime);
+    json.Put(use.unitSeconds);
+    json->EndArray();
+  }
+  json->EndObject();
+}
+
+template <typename Row>
+void PutRows(JsonOutput& json, const char* name, const std::vector<Row>& rows) {
+  json->Key(name);
+  json->StartArray();
+  for (const Row& row : rows) {
+    json->StartObject();
+    PutMembers(json, row);
+    json->EndObject();
+  }
+  json->EndArray();
+}
+
+}  // namespace
+
+void PutServer(JsonOutput& json, const StatusServer& server) {
+  json.Put("version", server.version);
+  json.Put("host", server.host);
+  json.Put("time", server.time);
+  json.Put("started", server.started);
+  json.Put("rebuilt", server.rebuilt);
+  json.Put("serving", server.serving);
+  json.Put("reports", server.reports);
+  json.Put("greetings", server.greetings);
+  json.Put("refused", server.refused);
+  json.Put("reports_per_second", server.reportsPerSecond);
+  json.Put("reports_per_second_limit", server.reportsPerSecondLimit);
+  json.Put("queue", server.queue);
+  json.Put("queue_peak", server.queuePeak);
+  json.Put("queue_limit", server.queueLimit);
+  json.Put("connections", server.connections);
+  json.Put("open_files", server.openFiles);
+  json.Put("open_files_limit", server.openFilesLimit);
+  json.Put("replies_lost", server.repliesLost);
+  json.Put("log_written", server.logWritten);
+  json.Put("log_failures", server.logFailures);
+}
+
+std::string JsonOf(const StatusSnapshot& snapshot) {
+  JsonOutput json;
+  json->StartObject();
+  json->Key("server");
+  json->StartObject();
+  PutServer(json, snapshot.server);
+  json->EndObject();
+  json->Key("totals");
+  json->StartObject();
+  json.Put("counts", snapshot.totals);
+  json.Put("instances", snapshot.totalInstances);
+  json->EndObject();
+  PutRows(json, "instances", snapshot.instances);
+  PutRows(json, "losses", snapshot.losses);
+  PutRows(json, "refusals", snapshot.refusals);
+  PutRows(json, "hours", snapshot.hours);
+  json->EndObject();
+  return json.Text();
+}
+
+std::string InstancesJsonOf(const StatusSnapshot& snapshot) {
+  JsonOutput json;
+  json->StartObject();
+  json.Put("time", snapshot.server.time);
+  PutRows(json, "instances", snapshot.instances);
+  json->EndObject();
+  return json.Text();
+}
