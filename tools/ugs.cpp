@@ -29,11 +29,8 @@
 #include "Keygen.h"
 #include "Listing.h"
 #include "Nearest.h"
-<<<<<<< HEAD
-#include "Reachable.h"
-=======
 #include "Page.h"
->>>>>>> help-page
+#include "Reachable.h"
 #include "Sealer.h"
 #include "Status.h"
 #include "StatusCommands.h"
