@@ -18,12 +18,14 @@
 
 #include "Base64.h"
 #include "Crypto.h"
+#include "FleetStatus.h"
 #include "JsonReader.h"
 #include "KorvaneControllerServer.h"
 #include "OpenSsl.h"
 #include "PrivateKey.h"
 #include "ScrambledKey.h"
 #include "Sealer.h"
+#include "StatusText.h"
 #include "UgsClient.h"
 
 namespace {
@@ -137,6 +139,23 @@ void Sizes(benchmark::internal::Benchmark* bench) {
 BENCHMARK_CAPTURE(Registry, apply, Apply)->Apply(Sizes);
 BENCHMARK_CAPTURE(Registry, sweep, Sweep)->Apply(Sizes);
 BENCHMARK_CAPTURE(Registry, status, Status)->Apply(Sizes);
+
+// What a look at the status costs: the copy, for whose time the registry waits, and the whole text.
+void StatusSnapshot(benchmark::State& state) {
+  FleetStatus status;
+  UsageRecords records(&status);
+  Fill(records, state.range(0));
+  for (auto _ : state) benchmark::DoNotOptimize(status.TakeSnapshot());
+}
+BENCHMARK(StatusSnapshot)->Apply(Sizes);
+
+void StatusText(benchmark::State& state) {
+  FleetStatus status;
+  UsageRecords records(&status);
+  Fill(records, state.range(0));
+  for (auto _ : state) benchmark::DoNotOptimize(WriteStatus(status.TakeSnapshot(), LookUpProcessFacts()));
+}
+BENCHMARK(StatusText)->Apply(Sizes);
 
 }  // namespace
 

@@ -21,11 +21,10 @@ KEY = ["--key", os.environ.get("UGS_PUBLIC_KEY", "keys/public.pem")]
 
 
 def await_answer():
-    ping = [*UGS, "ping", *KEY, "--timeout", "5"]
-    for _ in range(12):  # a greeting that comes just when the port opens may be lost
-        if subprocess.run(ping, check=False, capture_output=True).returncode == 0:
-            return
-    sys.exit("the server does not answer")
+    # A greeting that comes just when the port opens may be lost: then comes another.
+    ping = [*UGS, "ping", *KEY, "--timeout", "5", "--wait", "60"]
+    if subprocess.run(ping, check=False, capture_output=True).returncode != 0:
+        sys.exit("the server does not answer")
 
 
 @contextlib.contextmanager

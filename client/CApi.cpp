@@ -298,9 +298,16 @@ int ugs_reporter_sign_off(ugs_reporter* reporter) {
     const std::optional<int> code = Handle(reporter, "reporter")->reporter.SignOff();
     const std::scoped_lock lock(reporter->shared->outcomeMutex);
     const ugs::Outcome& outcome = reporter->shared->outcome;
-    if (outcome.kind != ErrorKind::None) Keep(threadError, outcome.kind, outcome.text.c_str());
+    if (outcome.kind != ErrorKind::None)
+      Keep(threadError, outcome.kind, outcome.text.c_str());
+    else if (!code)
+      Keep(threadError, ErrorKind::NoAnswer, "the sign-off was interrupted");
     return code.value_or(-1);
   });
+}
+
+void ugs_reporter_interrupt(ugs_reporter* reporter) {
+  if (reporter != nullptr) reporter->reporter.Interrupt();
 }
 
 int ugs_reporter_get_counters(const ugs_reporter* reporter, ugs_counters* counters) {

@@ -79,6 +79,10 @@ std::optional<int> Reporter::SignOff() {
   return loop_->SignOffAll();
 }
 
+void Reporter::Interrupt() {
+  loop_->Interrupt();
+}
+
 Counters Reporter::GetCounters() const {
   return loop_->GetCounters();
 }

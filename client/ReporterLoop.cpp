@@ -93,13 +93,19 @@ void ReporterLoop::JoinOrLeave() {
   }
 }
 
+void ReporterLoop::Interrupt() {
+  if (destination_.IsForeign()) return;  // the wake-up is the parent's, too
+  stop_ = true;                          // before the wake-up, whose waiter looks at it
+  wakeup_.Raise();
+}
+
 void ReporterLoop::Stop() {
-  stop_ = true;                    // before the wake-up, whose waiter looks at it
-  if (destination_.IsForeign()) {  // the wake-up is the parent's, too, and the thread is not here
+  if (destination_.IsForeign()) {  // the thread is not here
+    stop_ = true;
     const std::scoped_lock told(telling_);
     return;
   }
-  wakeup_.Raise();
+  Interrupt();
   JoinOrLeave();
 }
 

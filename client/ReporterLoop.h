@@ -38,7 +38,8 @@ class __attribute__((visibility("hidden"))) ReporterLoop : public std::enable_sh
   ~ReporterLoop();
 
   void Start();
-  void Stop();  // gives up what is in flight
+  void Interrupt();  // gives up what is in flight; does not wait for the thread
+  void Stop();       // the same, and waits for it
 
   // As those of ReporterGroup.
   void Join(const std::string& name, Reporter::Source source);

@@ -25,7 +25,7 @@ std::string Resolve(const std::string& host, std::string& error) {
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* list = nullptr;
   if (const int code = getaddrinfo(host.c_str(), nullptr, &hints, &list); code != 0) {
-    error = "host " + host + ": " + gai_strerror(code);
+    error = (code == EAI_NONAME ? "no such host " : "host ") + host + ": " + gai_strerror(code);
     return {};
   }
   const std::unique_ptr<addrinfo, AddressesDeleter> owner(list);

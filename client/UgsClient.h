@@ -193,6 +193,10 @@ class UGS_API Reporter {
   // from a source or listener.
   std::optional<int> SignOff();
 
+  // Any thread. Ends the reporting without waiting: a SignOff that waits in another thread returns nothing at
+  // once. In a process forked from the one that made it, does nothing.
+  void Interrupt();
+
   // Any thread.
   [[nodiscard]] Counters GetCounters() const;
 

@@ -146,6 +146,10 @@ UGS_C_API int ugs_reporter_update(ugs_reporter* reporter, const ugs_usage* usage
  * or -1. ugs_reporter_stop is still to be called. */
 UGS_C_API int ugs_reporter_sign_off(ugs_reporter* reporter);
 
+/* Ends the reporting without waiting: a sign-off that waits in another thread returns -1 at once. NULL is
+ * allowed. ugs_reporter_stop is still to be called. */
+UGS_C_API void ugs_reporter_interrupt(ugs_reporter* reporter);
+
 UGS_C_API int ugs_reporter_get_counters(const ugs_reporter* reporter, ugs_counters* counters); /* 0 or -1 */
 
 /* Ends the reporting and frees the reporter. Gives up a report in flight, and does not wait for the network.

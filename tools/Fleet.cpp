@@ -1,5 +1,6 @@
 #include "Fleet.h"
 
+#include <fstream>
 #include <optional>
 #include <stdexcept>
 
@@ -13,16 +14,18 @@ bool RunFleet(const FleetOptions& options) {
   }
   const double rate = options.rate > 0 ? options.rate : options.instances / options.period;
   if (rate * options.duration < 1) throw std::invalid_argument("no report is due within the duration");
+  std::ofstream csv;
+  if (!options.csv.empty()) csv = OpenCsv(options.csv);  // now: an outcome must not be lost for it
   FleetRun run(options, rate);
   // Notes where the log ends now: only what this run adds to it counts.
   const auto log = options.log.empty() ? std::nullopt : std::optional<ServerLog>(options.log);
   const FleetRecord record = run.Run();
-  if (!options.csv.empty()) WriteCsv(record, options.csv);
   const FleetOutcome outcome = Evaluate(record, options.instances, log);
   if (options.json) {
     PrintJson(outcome);
   } else {
     PrintText(outcome);
   }
+  if (!options.csv.empty()) WriteCsv(record, csv);
   return outcome.IsGood();
 }

@@ -7,10 +7,13 @@
 #include <array>
 #include <stdexcept>
 
+#include "Reachable.h"
+
 namespace {
 
 constexpr std::uint32_t kConnectBatch = 100;  // what a listener's backlog takes at once
 constexpr rlim_t kOwnDescriptors = 64;        // of this process, beside the connections
+constexpr std::chrono::seconds kReasonPatience(1);
 constexpr const char* kMonitorEndpoint = "inproc://events";
 
 std::string Name(std::uint32_t connection) {
@@ -48,19 +51,21 @@ FleetConnections::FleetConnections(const ugs::Address& address, std::uint32_t co
   for (std::uint32_t i = 0; i < count; ++i) {
     socket_.set(zmq::sockopt::connect_routing_id, Name(i));
     socket_.connect(endpoint);
-    if ((i + 1) % kConnectBatch == 0 || i + 1 == count) AwaitConnected(i + 1, endpoint, patience);
+    if ((i + 1) % kConnectBatch == 0 || i + 1 == count) AwaitConnected(i + 1, address, patience);
   }
 }
 
 // Batch by batch, or a backlog that overflows would cost seconds of retries.
-void FleetConnections::AwaitConnected(std::uint32_t count, const std::string& endpoint,
+void FleetConnections::AwaitConnected(std::uint32_t count, const ugs::Address& address,
                                       std::chrono::milliseconds patience) {
   monitor_.set(zmq::sockopt::rcvtimeo, static_cast<int>(patience.count()));
   for (; connected_ < count; ++connected_) {
     zmq::message_t event;
     zmq::message_t source;
     if (!monitor_.recv(event) || !monitor_.recv(source)) {
-      throw NoServer(fmt::format("only {} of {} connections to {} came about", connected_, count, endpoint));
+      const std::string reason = WhyUnreachable(address, kReasonPatience);
+      throw NoServer(fmt::format("only {} of {} connections to {}:{} came about{}{}", connected_, count,
+                                 address.host, address.port, reason.empty() ? "" : "; ", reason));
     }
   }
 }

@@ -35,7 +35,7 @@ class FleetConnections {
   void WaitForAnswer(Clock::time_point until);
 
  private:
-  void AwaitConnected(std::uint32_t count, const std::string& endpoint, std::chrono::milliseconds patience);
+  void AwaitConnected(std::uint32_t count, const ugs::Address& address, std::chrono::milliseconds patience);
 
   zmq::context_t context_;
   zmq::socket_t socket_;

@@ -128,13 +128,18 @@ void PrintJson(const FleetOutcome& outcome) {
   fmt::print("{}\n", buffer.GetString());
 }
 
-void WriteCsv(const FleetRecord& record, const std::string& name) {
+std::ofstream OpenCsv(const std::string& name) {
   std::ofstream file(name);
+  if (!file) throw std::runtime_error("cannot write " + name);
+  return file;
+}
+
+void WriteCsv(const FleetRecord& record, std::ofstream& file) {
   file << "report,instance,due_s,latency_ms,code\n";
   std::size_t number = 0;
   for (const FleetEntry& report : record.reports) {
     file << fmt::format("{},{},{:.6f},", number++, report.instance, report.due);
     file << (report.answer ? fmt::format("{:.3f},{}\n", report.answer->latency, report.answer->code) : ",\n");
   }
-  if (!file.flush()) throw std::runtime_error("cannot write " + name);
+  if (!file.flush()) throw std::runtime_error("cannot write the CSV file");
 }

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstddef>
+#include <fstream>
 #include <map>
 #include <optional>
 #include <string>
@@ -40,5 +41,6 @@ struct FleetOutcome {
 void PrintText(const FleetOutcome& outcome);
 void PrintJson(const FleetOutcome& outcome);
 
-// One line per report. Throws std::runtime_error if the file cannot be written.
-void WriteCsv(const FleetRecord& record, const std::string& file);
+// Both throw std::runtime_error if the file cannot be written.
+[[nodiscard]] std::ofstream OpenCsv(const std::string& name);
+void WriteCsv(const FleetRecord& record, std::ofstream& file);  // one line per report

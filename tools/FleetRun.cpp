@@ -78,7 +78,7 @@ void FleetRun::Instance::AddTo(ugs::UsageCounts& sum) const {
 FleetRun::CtrlC::CtrlC() {
   sigemptyset(&interrupt_);
   sigaddset(&interrupt_, SIGINT);
-  pthread_sigmask(SIG_BLOCK, &interrupt_, nullptr);  // before there are other threads
+  pthread_sigmask(SIG_BLOCK, &interrupt_, nullptr);  // libzmq's threads block all signals by themselves
 }
 
 bool FleetRun::CtrlC::Pressed() {

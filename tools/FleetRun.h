@@ -48,7 +48,8 @@ class FleetRun {
     Counts counted_;
   };
 
-  // SIGINT is held back from the first moment on, and looked for between two steps.
+  // SIGINT is held back from the first report on, and looked for between two steps. Before, there is nothing
+  // to print, and it ends the process.
   class CtrlC {
    public:
     CtrlC();
@@ -65,12 +66,12 @@ class FleetRun {
   void Take(const FleetConnections::Answer& answer);
   void ShowProgress(bool last);
 
-  CtrlC ctrlC_;
   const FleetOptions options_;
   const double rate_;
   const std::uint32_t connectionCount_;
   const ugs::Sealer sealer_;
   FleetConnections connections_;
+  CtrlC ctrlC_;
   std::vector<Instance> instances_;
   std::vector<std::deque<std::size_t>> inFlight_;  // by connection: indices of reports, oldest first
   std::size_t answered_ = 0;

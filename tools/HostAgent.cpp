@@ -31,6 +31,8 @@ int BlockedSignals() {
   return signalfd(-1, &ending, SFD_CLOEXEC);
 }
 
+constexpr std::size_t kEventBytes = 65536;
+
 // Nothing if there is no such file.
 std::optional<std::string> ReadFile(const std::filesystem::path& file) {
   std::ifstream stream(file, std::ios::binary);
@@ -125,7 +127,7 @@ void HostAgent::SignOff(const std::string& name) {
 
 // inotify(7)
 void HostAgent::TakeEvents() {
-  alignas(inotify_event) std::array<char, 65'536> buffer{};
+  alignas(inotify_event) std::array<char, kEventBytes> buffer{};
   const ssize_t size = read(watch_.Number(), buffer.data(), buffer.size());
   for (ssize_t at = 0; at < size;) {
     const auto* event = reinterpret_cast<const inotify_event*>(buffer.data() + at);

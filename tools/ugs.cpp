@@ -4,6 +4,7 @@
 #include <atomic>
 #include <charconv>
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdint>
 #include <exception>
@@ -14,9 +15,11 @@
 #include <iterator>
 #include <map>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "Fleet.h"
@@ -24,11 +27,14 @@
 #include "HostAgent.h"
 #include "InstanceKey.h"
 #include "Keygen.h"
+#include "Listing.h"
 #include "Nearest.h"
 #include "Page.h"
+#include "Reachable.h"
 #include "Sealer.h"
 #include "Status.h"
 #include "StatusCommands.h"
+#include "StatusListings.h"
 #include "StatusTop.h"
 #include "UGSDefs.h"
 #include "UgsClient.h"
@@ -86,6 +92,39 @@ std::string DefaultKey() {
                                                                                       : kOfCheckout;
 }
 
+// Digits only: strtoul(3) and the like would take a sign and blanks.
+bool ParseCount(std::string_view text, std::uint32_t& count) {
+  const auto [last, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+  return error == std::errc() && last == text.data() + text.size();
+}
+
+// Unlike CLI::Range, it refuses NaN.
+CLI::Validator SecondsFrom(double least, double most) {
+  std::ostringstream bounds;
+  bounds << "from " << least << " to " << most << " s";
+  const auto check = [least, most, text = bounds.str()](const std::string& typed) {
+    double seconds = 0;
+    const bool isGood = CLI::detail::lexical_cast(typed, seconds) && seconds >= least && seconds <= most;
+    return isGood ? std::string() : typed + " is not " + text;
+  };
+  return {check, "SECONDS", "range"};
+}
+
+// Without it, 010 would be 8.
+std::string WhyNoCount(const std::string& typed) {
+  std::uint32_t count = 0;
+  return ParseCount(typed, count) && (typed == "0" || !typed.starts_with('0'))
+             ? std::string()
+             : typed + " is not a count in decimal digits";
+}
+
+// CLI::PositiveNumber and CLI::NonNegativeNumber let NaN pass.
+std::string WhyNotFinite(const std::string& typed) {
+  double number = 0;
+  return CLI::detail::lexical_cast(typed, number) && std::isfinite(number) ? std::string()
+                                                                           : typed + " is not a number";
+}
+
 std::chrono::milliseconds Milliseconds(double seconds) {
   return std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(seconds));
 }
@@ -95,6 +134,7 @@ struct Target {
   std::string server = "127.0.0.1";
   std::string key = DefaultKey();
   double timeout = 5;
+  double wait = 0;
   bool verbose = false;
 
   void AddOptions(CLI::App& command) {
@@ -104,12 +144,25 @@ struct Target {
     command.add_option("--key", key, "the server's public key, a PEM file")
         ->envname("UGS_KEY")
         ->capture_default_str();
-    command.add_option("--timeout", timeout, "seconds to wait for the answer")
-        ->check(CLI::Range(0.001, 86400.0))
+    command.add_option("--timeout", timeout, "seconds to wait for a connection, and then for the answer")
+        ->check(SecondsFrom(0.001, 86400))
+        ->capture_default_str();
+    command.add_option("--wait", wait, "go on trying for so many seconds while nobody answers")
+        ->check(SecondsFrom(0, 86400))
         ->capture_default_str();
   }
 
   [[nodiscard]] std::chrono::milliseconds Timeout() const { return Milliseconds(timeout); }
+
+  [[nodiscard]] std::string WhyNot() const { return WhyUnreachable(ugs::ParseAddress(server), Timeout()); }
+
+  // Once, and again while it returns false and the wait is not over.
+  template <typename Attempt>
+  void Try(Attempt attempt) const {
+    constexpr std::chrono::milliseconds pause(100);
+    const auto end = std::chrono::steady_clock::now() + Milliseconds(wait);
+    while (!attempt() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(pause);
+  }
 
   [[nodiscard]] ugs::Client Connect() const {
     try {
@@ -123,8 +176,16 @@ struct Target {
   template <typename Question>
   [[nodiscard]] int Ask(Question question, int expected) const {
     ugs::Client client = Connect();
-    const std::optional<int> code = question(client);
-    return PrintOutcome(code, client.LastError().text, expected);
+    std::optional<int> code;
+    std::string whyNot;
+    Try([&] {
+      whyNot = WhyNot();
+      if (!whyNot.empty()) return false;
+      code = question(client);
+      whyNot = client.LastError().text;
+      return code.has_value();
+    });
+    return PrintOutcome(code, whyNot, expected);
   }
 
   [[nodiscard]] int PrintOutcome(std::optional<int> code, const std::string& whyNot, int expected) const {
@@ -154,12 +215,6 @@ void AddCameras(CLI::App& command, std::vector<std::string>& cameras) {
   command.add_option("--camera", cameras, "RTSP URL of a camera; may be repeated")
       ->allow_extra_args(false)
       ->check(isNoOption);
-}
-
-// Digits only: strtoul(3) and the like would take a sign and blanks.
-bool ParseCount(std::string_view text, std::uint32_t& count) {
-  const auto [last, error] = std::from_chars(text.data(), text.data() + text.size(), count);
-  return error == std::errc() && last == text.data() + text.size();
 }
 
 // Keys are checked later, against the layout, by WriteDocument.
@@ -202,16 +257,24 @@ Command AddKeygen(CLI::App& app) {
 Command AddFingerprint(CLI::App& app) {
   auto* command = app.add_subcommand("fingerprint", "print the SHA-256 of a public key");
   const auto key = std::make_shared<std::string>(DefaultKey());
-  command->add_option("--key", *key, "the public key, a PEM file")->capture_default_str();
+  command->add_option("--key", *key, "the public key, a PEM file")->envname("UGS_KEY")->capture_default_str();
   return [key] {
     std::cout << ugs::Sealer(*key).Fingerprint() << "\n";
     return kDone;
   };
 }
 
-// Reports until SIGINT or SIGTERM comes. Returns the exit code of the last report.
+// Reports until SIGINT or SIGTERM comes, unless there is nobody to report to at first. Returns the exit code
+// of the last report.
 int ReportEvery(double seconds, const ugs::Usage& usage, const Target& target) {
-  ugs::WriteDocument(usage);  // throws now rather than on the reporter's thread
+  ugs::WriteDocument(usage);            // throws now rather than on the reporter's thread
+  static_cast<void>(target.Connect());  // and for a key that cannot be used, before there is any waiting
+  std::string whyNot;
+  target.Try([&] {
+    whyNot = target.WhyNot();
+    return whyNot.empty();
+  });
+  if (!whyNot.empty()) return target.PrintOutcome(std::nullopt, whyNot, UGSDefs::Ok);
   sigset_t ending;
   sigemptyset(&ending);
   sigaddset(&ending, SIGINT);
@@ -251,7 +314,7 @@ Command AddReport(CLI::App& app) {
   };
   const auto options = std::make_shared<Options>();
   options->target.AddOptions(*command);
-  auto* id = command->add_option("--id", options->usage.id, "identity of the instance (KorvaneID)");
+  command->add_option("--id", options->usage.id, "identity of the instance (KorvaneID)");
   command->add_option("--docker", options->usage.container, "identity of its container (DockerID)");
   AddCameras(*command, options->usage.cameras);
   command->add_option("--use", options->uses, "NAME=COUNT, as in MaxCameras=4; may be repeated")
@@ -259,19 +322,20 @@ Command AddReport(CLI::App& app) {
   command->add_option("--layout", options->usage.layout, "layout of the document")
       ->check(CLI::IsMember(ugs::LayoutNames()))
       ->capture_default_str();
-  command
-      ->add_option("--json", options->json, "send the document in this file (- for standard input) as it is")
-      ->excludes(id);
-  command->add_option("--every", options->every, "report every SECONDS until interrupted")
-      ->check(CLI::Range(0.001, 86400.0))
-      ->excludes("--json");
-  command
-      ->add_option(
-          "--directory", options->directory,
-          "report until interrupted for every instance that a file *.json in DIR describes, and follow "
-          "what changes there; every 30 s if --every is left out")
-      ->excludes("--json")
-      ->excludes(id);
+  auto* json = command->add_option("--json", options->json,
+                                   "send the document in this file (- for standard input) as it is");
+  command->add_option("--every", options->every, "report periodically until interrupted; from 1 to 118")
+      ->check(SecondsFrom(1, 118))  // the server forgets an instance after 120 s
+      ->excludes(json);
+  auto* directory = command->add_option(
+      "--directory", options->directory,
+      "report until interrupted for every instance that a file *.json in this directory describes, and "
+      "follow what changes there; every 30 s if --every is left out");
+  directory->excludes(json)->excludes("--wait");
+  // Rather than ignored: what is to be reported comes from the file.
+  for (const char* part : {"--id", "--docker", "--camera", "--use", "--layout"}) {
+    command->get_option(part)->excludes(json)->excludes(directory);
+  }
   command->add_flag("-v,--verbose", options->target.verbose,
                     "explain a refusal by its likely causes; with --directory, print every outcome");
   command->footer(kReportExamples);
@@ -327,19 +391,27 @@ Command AddFleet(CLI::App& app) {
       ->envname("UGS_KEY")
       ->capture_default_str();
   command->add_option("--instances", options->instances, "how many instances report")
+      ->check(WhyNoCount)
       ->check(CLI::Range(1, 1'000'000))
       ->capture_default_str();
   auto* rate = command->add_option("--rate", options->rate, "reports per second of the whole fleet")
+                   ->check(WhyNotFinite)
                    ->check(CLI::PositiveNumber);
   command->add_option("--period", options->period, "seconds between two reports of one instance")
+      ->check(WhyNotFinite)
       ->check(CLI::PositiveNumber)
       ->excludes(rate);
   command->add_option("--duration", options->duration, "seconds")
+      ->check(WhyNotFinite)
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
-  command->add_option("--connections", options->connections,
-                      "share so many connections; one per instance if left out");
-  command->add_option("--seed", options->seed, "another seed is another fleet")->capture_default_str();
+  command
+      ->add_option("--connections", options->connections,
+                   "share so many connections; one per instance if left out")
+      ->check(WhyNoCount);
+  command->add_option("--seed", options->seed, "another seed is another fleet")
+      ->check(WhyNoCount)
+      ->capture_default_str();
   command->add_option("--layout", options->layout, "layout of the documents")
       ->check(CLI::IsMember(ugs::LayoutNames()))
       ->capture_default_str();
@@ -347,6 +419,7 @@ Command AddFleet(CLI::App& app) {
   command
       ->add_option("--drain,--patience", options->drain,
                    "seconds to wait for answers after the last report, and for a connection (5 at least)")
+      ->check(WhyNotFinite)
       ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
   command->add_flag("--json", options->json, "print the outcome as JSON");
@@ -398,6 +471,7 @@ Command AddInstances(CLI::App& app) {
                       "only those that use it, and the sum, as in --feature Plates");
   command->add_option("--sort", options->sort, "by age, identity, cameras or a count, as in --sort Plates")
       ->capture_default_str();
+  command->footer("Counts: " + Joined(FeatureNames(), ", "));
   return [options] {
     ShowInstances(*options);
     return kDone;

@@ -1,15 +1,13 @@
 #!/usr/bin/env python3
-"""Reports to a KorvaneUGS server: report.py tcp://HOST:9304 PUBLIC-KEY.pem IDENTITY PERIOD [TIMES]
+"""Sends one report to a KorvaneUGS server: report.py tcp://HOST:9304 PUBLIC-KEY.pem IDENTITY
 
-Needs python3-zmq and python3-cryptography.
+Needs python3-zmq and python3-cryptography. What reports over and over must also keep to the rules of timing.
 """
 
 import base64
 import json
 import os
-import random
 import sys
-import time
 
 import zmq
 from cryptography.hazmat.primitives.asymmetric import padding
@@ -47,38 +45,16 @@ def seal(plaintext, public_key):
     )
 
 
-def connect(server):
-    socket = zmq.Context.instance().socket(zmq.DEALER)
-    socket.linger = 0
-    socket.connect(server)
-    return socket
-
-
-def pause_after(failures, period):
-    """Seconds to the next try: at most 10 at first, and twice as long after each further failure, up to 100."""
-    most = min(min(10, period) * 2 ** (failures - 1), 100)
-    return random.uniform(0 if failures == 1 else most / 2, most)
-
-
-def main(server, key_file, identity, period, times="0"):
-    period = float(period)
-    if not 1 <= period <= 118:
-        sys.exit("the period must be from 1 to 118 seconds")
+def main(server, key_file, identity):
     with open(key_file, "rb") as file:
         public_key = load_pem_public_key(file.read())
-    time.sleep(random.random() * period)  # a fleet that starts together must not report together
-    socket, sent, failures = connect(server), 0, 0
-    while sent < int(times) or times == "0":
+    with zmq.Context() as context, context.socket(zmq.DEALER) as socket:
+        socket.linger = 0
+        socket.connect(server)
         socket.send(seal(json.dumps(usage(identity)).encode(), public_key))
-        sent += 1
-        if socket.poll(ANSWER_WITHIN * 1000):
-            print(socket.recv().decode(), flush=True)
-            failures = 0
-        else:  # lost on the way, or the server is away: reconnect, so that a late answer is not the next one's
-            print("no answer", file=sys.stderr)
-            socket.close()
-            socket, failures = connect(server), failures + 1
-        time.sleep(pause_after(failures, period) if failures else period)
+        if not socket.poll(ANSWER_WITHIN * 1000):
+            sys.exit("no answer")
+        print(socket.recv().decode())
 
 
 if __name__ == "__main__":

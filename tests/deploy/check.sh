@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Has our files for packages, service, monitoring and foreign clients read by the programs that they are for.
-# $1: directory of the packages; $2: Node's packages. For ./dev check-deploy.
+# $1: directory of the packages; $2: directory into which the npm package was installed. For ./dev check-deploy.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
-packages=$1 modules=$2 golden=$PWD/tests/deploy/golden monitoring=$PWD/deploy/monitoring
+packages=$1 node=$(readlink -f "$2") golden=$PWD/tests/deploy/golden monitoring=$PWD/deploy/monitoring
 scratch=$(mktemp -d)
 trap 'kill $(jobs -p) 2>/dev/null; wait; rm -rf "$scratch"' EXIT
 
@@ -40,7 +40,6 @@ while read -r expression; do
   check "$expression" await answers "$expression"
 done < <(jq -r '.panels[].targets[].expr | sub("\\$__range"; "1h")' "$monitoring/grafana.json")
 
-cp docs/clients/report.mjs "$modules/.."  # Node looks for packages beside the script
 (cd "$scratch" && exec "$OLDPWD/build/release/tests/server-with-test-key" </dev/null >console) &
 cat >"$scratch/Report.java" <<'JAVA'
 import org.zeromq.ZMQ;
@@ -59,5 +58,23 @@ JAVA
 payload=$(jq -r 'map(select(.reply == "0"))[0].payload' docs/vectors/vectors.json)
 check "JeroMQ, which speaks ZMTP 2.0" diff <(echo 0) \
   <(java -cp /usr/share/java/jeromq.jar "$scratch/Report.java" "$payload" 2>&1)
-check "Node's client" diff <(printf '0\n0\n0\n') \
-  <(node "$modules/../report.mjs" tcp://127.0.0.1:9304 docs/vectors/test-public.pem hall-9 1 3 2>&1)
+cp tests/deploy/javascript_test.mjs "$node"  # Node looks for packages beside the script
+check "the JavaScript package" env UGS_VECTORS="$PWD/docs/vectors" UGS_COMMAND="$node/node_modules/.bin/ugs-client" \
+  node --test "$node/javascript_test.mjs"
+
+# Programs that call the C library of the packages, as the page shows them.
+for package in "$packages"/*.deb; do dpkg-deb -x "$package" "$scratch/root"; done
+page() { sed -n "/^\`\`\`$1\$/,/^\`\`\`/{//!p}" docs/protocol.md; }
+mkdir "$scratch/shown"
+page java >"$scratch/shown/Report.java"
+page go >"$scratch/shown/report.go"
+cp docs/vectors/test-public.pem "$scratch/shown/public.pem"
+libraries=$(dirname "$scratch"/root/usr/lib/*/libugs-client.so)
+export LD_LIBRARY_PATH=$libraries PKG_CONFIG_PATH=$libraries/pkgconfig
+cd "$scratch/shown"
+check "Java's program" diff <(echo 0) <(java -cp /usr/share/java/jna.jar Report.java 2>&1)
+check "Go's program" diff <(echo 0) <(GOCACHE=$scratch/go go run report.go 2>&1)
+gunzip "$scratch"/root/usr/share/man/man*/*.gz
+check "the manual's pages" mandoc -T lint -W warning "$scratch"/root/usr/share/man/man*/*
+check "the manual's pages in groff" diff /dev/null \
+  <(for page in "$scratch"/root/usr/share/man/man*/*; do man --warnings -l "$page" 2>&1 >/dev/null; done)

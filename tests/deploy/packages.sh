@@ -3,6 +3,7 @@
 # made on first use. Needs root. $2: directory of the packages; $3: directory of the same with a higher version.
 set -euo pipefail
 root=$1 packages=$2 newer=$3
+readme=$root/usr/share/doc/python3-ugs-client/README.md
 
 fail() {
   echo "packages: $*" >&2
@@ -41,8 +42,10 @@ greet() {
   inside install -d -o korvaneugs -g korvaneugs -m 750 /var/log/korvaneugs
   chroot --userspec=korvaneugs:korvaneugs "$root" sh -c 'cd /var/log/korvaneugs && exec KorvaneUGS' </dev/null >/dev/null &
   local server=$! answer
-  answer=$(inside ugs ping --timeout 10) || fail "ping: $answer"
+  answer=$(inside ugs ping --wait 30) || fail "ping: $answer"
   [ "$answer" = "1 (hello)" ] || fail "ping: $answer"
+  answer=$(inside python3 -c "$(sed -n '/^```python/,/^```/{//!p}; /^This prints/q' "$readme")" 2>&1) || fail "Python: $answer"
+  [ "$answer" = 0 ] || fail "Python: $answer"
   kill "$server"
   wait "$server" || fail "the server ended with $?"
   [ -s "$root/var/log/korvaneugs/logs/KorvaneUGS.log.txt" ] || fail "no log"
@@ -51,11 +54,15 @@ greet() {
 # Boots the root with its own systemd: the sandbox of the unit can be tried in no other way.
 boot() {
   cat >"$root/root/try.sh" <<'TRY'
-ugs ping --timeout 30
+ugs ping --wait 30
+systemctl start korvaneugs  # returns once it is ready
 systemctl is-active korvaneugs
+stat -c "%A %U %G" /run/korvaneugs /run/korvaneugs/status
+systemctl show korvaneugs -p StatusText
 kill -ABRT "$(systemctl show korvaneugs -p MainPID --value)"
-ugs ping --timeout 30
+ugs ping --wait 30
 systemctl stop korvaneugs
+[ -e /run/korvaneugs ] || echo "no socket is left"
 systemctl show korvaneugs -p NRestarts -p ExecMainStatus -p Result
 systemctl poweroff 2>/dev/null
 TRY
@@ -71,7 +78,11 @@ UNIT
   diff - "$root/root/try.out" <<'EXPECTED' || fail "the service under systemd: $(tail -n 5 "$root/root/boot.out")"
 1 (hello)
 active
+drwxr-x--- korvaneugs korvaneugs
+srw-rw---- korvaneugs korvaneugs
+StatusText=no report yet
 1 (hello)
+no socket is left
 Result=success
 NRestarts=1
 ExecMainStatus=0
@@ -90,7 +101,7 @@ greet
 [ "$(inside stat -c '%a %U %G' /usr/sbin/KorvaneUGS)" = "750 root korvaneugs" ] || fail "an upgrade opened the program"
 inside apt-get remove -qq -y korvaneugs >/dev/null 2>&1
 [ -d "$root/var/log/korvaneugs" ] || fail "removing took the logs away"
-inside sh -c 'dpkg --purge korvaneugs korvaneugs-tools libugs-client-dev libugs-client1' >/dev/null
-left=$(find "$root" -xdev \( -iname '*korvaneugs*' -o -name 'ugs.*' -o -name '*ugs-client*' \) ! -path '*/tmp/packages*')
+inside sh -c 'dpkg --purge korvaneugs korvaneugs-tools python3-ugs-client libugs-client-dev libugs-client1' >/dev/null
+left=$(find "$root" -xdev \( -iname '*korvaneugs*' -o -name 'ugs.*' -o -name '*ugs[-_]client*' \) ! -path '*/tmp/packages*')
 [ -z "$left" ] || fail "left after a purge: $left"
 echo "packages: installed, answered, confined by systemd, restarted, upgraded, removed and purged"

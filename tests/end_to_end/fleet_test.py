@@ -2,7 +2,6 @@
 
 import json
 import signal
-import time
 
 from support import END_OF_STATUS, begin_fleet, fill_log, sealed_report
 
@@ -25,10 +24,10 @@ def test_without_a_server_it_says_so():
 
 
 def test_at_ctrl_c_the_outcome_so_far_is_printed(start, peer, tmp_path):
-    start()
+    server = start()
     peer.meet()
     fleet = begin_fleet("--json", "--instances", "5", "--rate", "20", "--duration", "600", "--csv", tmp_path / "csv")
-    time.sleep(1)
+    server.wait_for("DETECT NEW REQUEST", times=2)
     fleet.send_signal(signal.SIGINT)
     outcome = json.loads(fleet.communicate()[0])
     assert 0 < outcome["reports"] < 600 and "log_agrees" not in outcome

@@ -15,13 +15,18 @@ import make
 import pytest
 from cryptography.hazmat.primitives import serialization
 from cryptography.hazmat.primitives.asymmetric import ec, rsa
-from support import KEY_FILE, PORT, UGS
+from support import KEY_FILE, PORT, TIMEOUT, UGS
 
 PEM, DER = serialization.Encoding.PEM, serialization.Encoding.DER
 SPKI = serialization.PublicFormat.SubjectPublicKeyInfo
 PKCS1, PKCS8 = serialization.PrivateFormat.TraditionalOpenSSL, serialization.PrivateFormat.PKCS8
 PLAIN, SECRET = serialization.NoEncryption(), serialization.BestAvailableEncryption(b"secret")
 ONE = ("--id", "i", "--camera", "c")
+
+
+def faster(rate):
+    """The environment of a program whose clocks run faster."""
+    return {**os.environ, "LD_PRELOAD": "/usr/$LIB/faketime/libfaketimeMT.so.1", "FAKETIME": f"+0 x{rate}"}
 
 
 def run(*arguments, **options):
@@ -133,8 +138,8 @@ def test_answers_become_exit_codes(start, peer):
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
 def test_reporting_goes_on_until_it_is_interrupted(start, number):
     start()
-    command = [UGS, "report", "--key", KEY_FILE, *ONE, "--every", "0.2"]
-    with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as reporter:
+    command = [UGS, "report", "--key", KEY_FILE, *ONE, "--every", "1"]
+    with subprocess.Popen(command, stdout=subprocess.PIPE, text=True, env=faster(20)) as reporter:
         reporter.stdout.readline()
         assert [reporter.stdout.readline() for _ in range(3)] == ["0 (counted)\n"] * 3
         reporter.send_signal(number)
@@ -145,6 +150,13 @@ def test_reporting_goes_on_until_it_is_interrupted(start, number):
     "reason, arguments",
     [
         ("--camera", ["report", "--id", "i"]),
+        ("from 1 to 118 s", ["report", *ONE, "--every", "0.9"]),
+        ("from 1 to 118 s", ["report", *ONE, "--every", "118.1"]),
+        ("--use excludes", ["report", "--json", "-", "--use", "PX=1"]),
+        ("nan", ["ping", "--timeout", "nan"]),
+        ("/nowhere", ["report", *ONE, "--every", "1", "--key", "/nowhere"]),
+        ("decimal", ["fleet", "--period", "1", "--instances", "010"]),
+        ("cannot write", ["fleet", "--period", "1", "--csv", "/nowhere/csv"]),
         ("Cameras", ["report", *ONE, "--use", "Cameras=1"]),
         ("MaxCameras", ["report", *ONE, "--use", "MaxCameras"]),
         ("MaxCameras=-1", ["report", *ONE, "--use", "MaxCameras=-1"]),
@@ -165,13 +177,27 @@ def test_wrong_usage_is_explained(reason, arguments):
     assert (result.returncode, result.stdout) == (2, "") and reason in result.stderr
 
 
-def test_silence_has_its_reason():
-    for server, reason in ("127.0.0.1", "127.0.0.1:9304: Connection refused"), (
-        "no-such.invalid",
-        "host no-such.invalid",
-    ):
-        result = ask("ping", "--timeout", "2", env={**os.environ, "UGS_SERVER": server})
-        assert (result.returncode, result.stdout) == (3, "") and reason in result.stderr
+@pytest.mark.parametrize("question", [["ping"], ["report", *ONE], ["report", *ONE, "--every", "118"]])
+@pytest.mark.parametrize(
+    "server, reason",
+    [("127.0.0.1", "127.0.0.1:9304: Connection refused"), ("no-such.invalid", "host no-such.invalid")],
+)
+def test_silence_has_its_reason_long_before_the_time_out(question, server, reason):
+    result = ask(*question, "--timeout", "86400", env={**os.environ, "UGS_SERVER": server}, timeout=TIMEOUT)
+    assert (result.returncode, result.stdout) == (3, "") and reason in result.stderr
+
+
+def test_wait_outlasts_a_refusal_a_silence_and_a_late_start(start):
+    with socket.socket() as silent:
+        silent.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        silent.bind(("127.0.0.1", PORT))
+        command = [UGS, "ping", "--key", KEY_FILE, "--timeout", "0.5", "--wait", str(TIMEOUT)]
+        ping = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        silent.listen()
+        for _ in range(3):  # a probe, and connections on which nobody answers
+            silent.accept()[0].close()
+    start()
+    assert (ping.communicate(), ping.returncode) == (("1 (hello)\n", ""), 0)
 
 
 def test_key_prints_the_name_that_the_log_gives_an_instance():
@@ -239,10 +265,9 @@ class SwallowingProxy(threading.Thread):
 def test_one_lost_report_never_costs_the_instance(start, period):
     start()
     rate = 20
-    environment = {"LD_PRELOAD": "/usr/$LIB/faketime/libfaketimeMT.so.1", "FAKETIME": f"+0 x{rate}"}
     command = [UGS, "report", "--server", SwallowingProxy().address, "--key", KEY_FILE, *ONE]
     command += ["--every", str(period), "--timeout", "30"]
-    agent = subprocess.Popen(command, stdout=subprocess.PIPE, env={**os.environ, **environment})
+    agent = subprocess.Popen(command, stdout=subprocess.PIPE, env=faster(rate))
     times = (time.monotonic() * rate for line in agent.stdout if b"(counted)" in line)
     last, gaps = next(times), []
     while len(gaps) < 3 and min(gaps, default=118) >= 118:  # a busy machine may make one of them longer
