@@ -97,15 +97,21 @@ void FleetStatus::EndRequest(std::int32_t reply) {
   const std::int64_t now = Now();
   const MutexLock lock(mutex_);
   if (reply == UGSDefs::Failed) {
-    ++server_.refused;
-    Refuse(now);
+    Refuse(request_.address, CodeIn(LastError()), request_.identity, now);
   } else if (reply == UGSDefs::Hello) {
     ++server_.greetings;
   }
 }
 
-void FleetStatus::Refuse(std::int64_t now) {
-  std::string address = request_.address;
+void FleetStatus::RefuseMalformed(const std::string& address) {
+  const std::int64_t now = Now();
+  const MutexLock lock(mutex_);
+  Refuse(address, CodeIn(LastError()), {}, now);
+}
+
+void FleetStatus::Refuse(std::string address, const std::string& code, const std::string& identity,
+                         std::int64_t now) {
+  ++server_.refused;
   if (!refusedAddresses_.contains(address)) {
     if (refusedAddresses_.size() < kAddresses) {
       refusedAddresses_.emplace(address, 0);
@@ -113,10 +119,10 @@ void FleetStatus::Refuse(std::int64_t now) {
       address = "others";
     }
   }
-  Refusal& refusal = refusals_[{address, CodeIn(LastError())}];
+  Refusal& refusal = refusals_[{std::move(address), code}];
   if (refusal.count++ == 0) refusal.first = now;
   refusal.last = now;
-  if (!request_.identity.empty()) refusal.identity = request_.identity;
+  if (!identity.empty()) refusal.identity = identity;
 }
 
 void FleetStatus::Stored(const std::string& key, const UGSRequest::RequestData& request) {

@@ -127,6 +127,9 @@ class FleetStatus {
   void EndRequest(std::int32_t reply) UGS_EXCLUDES(mutex_);
   void EndTurn(const Turn& turn) UGS_EXCLUDES(mutex_);
 
+  // The transport's thread: `address` sent what is no request.
+  void RefuseMalformed(const std::string& address) UGS_EXCLUDES(mutex_);
+
   // Main thread: the registry begins anew, and whoever it knew has to come back.
   void Rebuilt() UGS_EXCLUDES(mutex_);
 
@@ -143,7 +146,8 @@ class FleetStatus {
   using Rows = std::map<std::string, InstancePointer, std::less<>>;
   using Totals = std::array<std::uint64_t, ugs::CountSlots().size()>;
 
-  void Refuse(std::int64_t now) UGS_REQUIRES(mutex_);
+  void Refuse(std::string address, const std::string& code, const std::string& identity, std::int64_t now)
+      UGS_REQUIRES(mutex_);
   void Lose(Rows::iterator row, LossReason reason, std::int64_t now) UGS_REQUIRES(mutex_);
   void LoseThoseNotBack(std::int64_t now) UGS_REQUIRES(mutex_);
   void ChangeUse(const ugs::UsageCounts* before, const ugs::UsageCounts* after, std::int64_t now)

@@ -54,6 +54,10 @@ void KorvaneControllerServer::Start() {
   StopLoop();
   if (communicator_ != nullptr) {
     communicator_->SetPort(port_);
+    if (status_ != nullptr) {
+      communicator_->SetMalformedCallback(
+          [status = status_](const std::string& address) { status->RefuseMalformed(address); });
+    }
     communicator_->Start();
     // After the start: a request that comes in between is dropped, and its instance reports again.
     communicator_->SetRequestCallback(

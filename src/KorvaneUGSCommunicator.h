@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "Mutex.h"
 
@@ -42,6 +43,12 @@ class KorvaneUGSCommunicator {
   // connections, where a flood costs its sender alone. Replies go out all the same.
   void HoldRequests(bool hold) { held_ = hold; }
 
+  // Owner's thread, before Start. `callback` is called on the transport's thread with the address of each
+  // peer that sends what is no request, and must return quickly.
+  void SetMalformedCallback(std::function<void(const std::string& address)> callback) {
+    malformedCallback_ = std::move(callback);
+  }
+
   // In a call of the callback, on its thread: the address of the peer that sent the request ("192.0.2.7").
   // Empty if the transport knows none.
   [[nodiscard]] virtual std::string RequestAddress() const { return {}; }
@@ -63,9 +70,13 @@ class KorvaneUGSCommunicator {
     return requestCallback;
   }
   void SetServing(bool serving) { serving_ = serving; }
+  [[nodiscard]] const std::function<void(const std::string& address)>& MalformedCallback() const {
+    return malformedCallback_;
+  }
   void CountLostReply() { ++repliesLost_; }
 
  private:
+  std::function<void(const std::string& address)> malformedCallback_;
   std::atomic<bool> held_ = false;
   std::atomic<bool> serving_ = false;
   std::atomic<std::uint64_t> repliesLost_ = 0;

@@ -68,6 +68,15 @@ std::optional<zmq::message_t> TryReceive(zmq::socket_t& socket) {
   return frame;
 }
 
+// Of the peer that sent `frame`: zmq_msg_gets(3).
+std::string PeerAddress(zmq::message_t& frame) {
+  try {
+    return frame.gets("Peer-Address");
+  } catch (const zmq::error_t&) {
+    return {};
+  }
+}
+
 }  // namespace
 
 struct KorvaneUGSZMQ::Request {
@@ -198,6 +207,7 @@ void KorvaneUGSZMQ::TakeRequest(zmq::socket_t& router, FramePairs& pairs) {
   if (!request) return;
   if (request->identity.empty() || request->payload.empty()) {
     log.Error("0x0084 Invalid incoming data");
+    if (MalformedCallback()) MalformedCallback()(PeerAddress(request->payload));
     return;
   }
   if (const RequestCallback callback = CopyRequestCallback()) {
@@ -207,17 +217,12 @@ void KorvaneUGSZMQ::TakeRequest(zmq::socket_t& router, FramePairs& pairs) {
   }
 }
 
-// zmq_msg_gets(3). A pipe that closed meanwhile has no address any more.
 std::string KorvaneUGSZMQ::RequestAddress() const {
-  try {
-    return request_ != nullptr ? request_->gets("Peer-Address") : "";
-  } catch (const zmq::error_t&) {
-    return {};
-  }
+  return request_ != nullptr ? PeerAddress(*request_) : std::string();
 }
 
 // Takes a whole message; none of it is waited for, since the ROUTER shows a message only when all of it is
-// there. One of another length than two frames becomes a request without a payload.
+// there. One of another length than two frames becomes a request that lacks one of them.
 std::optional<KorvaneUGSZMQ::Request> KorvaneUGSZMQ::TakeMessage(zmq::socket_t& router) {
   auto identity = TryReceive(router);
   if (!identity) return std::nullopt;
@@ -227,7 +232,7 @@ std::optional<KorvaneUGSZMQ::Request> KorvaneUGSZMQ::TakeMessage(zmq::socket_t& 
   if (!more) return Request{std::move(*identity), std::move(frame)};
   // A peer may send a million frames. Others wait meanwhile, so the loop does nothing else.
   while (more) more = router.recv(frame, zmq::recv_flags::dontwait) && frame.more();
-  return Request{};
+  return Request{zmq::message_t(), std::move(frame)};
 }
 
 void KorvaneUGSZMQ::ForwardReply(zmq::socket_t& router, zmq::socket_t& forwarding) {
