@@ -67,13 +67,6 @@ std::shared_ptr<const FleetStatus::Who> MakeWho(const std::string& key,
   return who;
 }
 
-// The last code in `text`: "Error 0x00AE06: ..." gives "0x00AE06".
-std::string CodeIn(std::string_view text) {
-  const std::size_t begin = text.rfind("0x");
-  if (begin == std::string_view::npos) return "none";
-  return std::string(text.substr(begin, text.find_first_not_of("0123456789ABCDEFabcdef", begin + 2) - begin));
-}
-
 }  // namespace
 
 FleetStatus::FleetStatus() {
@@ -97,7 +90,7 @@ void FleetStatus::EndRequest(std::int32_t reply) {
   const std::int64_t now = Now();
   const MutexLock lock(mutex_);
   if (reply == UGSDefs::Failed) {
-    Refuse(request_.address, CodeIn(LastError()), request_.identity, now);
+    Refuse(request_.address, ErrorCodeIn(LastError()), request_.identity, now);
   } else if (reply == UGSDefs::Hello) {
     ++server_.greetings;
   }
@@ -106,7 +99,7 @@ void FleetStatus::EndRequest(std::int32_t reply) {
 void FleetStatus::RefuseMalformed(const std::string& address) {
   const std::int64_t now = Now();
   const MutexLock lock(mutex_);
-  Refuse(address, CodeIn(LastError()), {}, now);
+  Refuse(address, ErrorCodeIn(LastError()), {}, now);
 }
 
 void FleetStatus::Refuse(std::string address, const std::string& code, const std::string& identity,
@@ -158,7 +151,7 @@ void FleetStatus::Stored(const std::string& key, const UGSRequest::RequestData& 
   totals_ += next->counts;
   row = std::move(next);
   ++server_.reports;
-  lastReport_ = now;
+  server_.lastReport = now;
   Second& second = seconds_[static_cast<std::size_t>(now) % seconds_.size()];
   if (second.second != now) second = {.second = now};
   ++second.reports;
@@ -178,6 +171,7 @@ void FleetStatus::Lose(Rows::iterator row, LossReason reason, std::int64_t now) 
     --notBack_;
   }
   ChangeUse(&row->second->counts, nullptr, now);
+  ++(reason == LossReason::Silent ? server_.silent : server_.neverBack);
   losses_.push_front({.instance = std::move(row->second), .lost = now, .reason = reason});
   if (losses_.size() > kLosses) losses_.pop_back();
   rows_.erase(row);
@@ -283,5 +277,6 @@ FleetStatus::Snapshot FleetStatus::TakeSnapshot() const {
 FleetStatus::Summary FleetStatus::TakeSummary() const {
   const MutexLock lock(mutex_);
   // maxCameras is the first of the counts.
-  return {.instances = rows_.size(), .cameras = inUse_.front(), .lastReport = lastReport_, .time = Now()};
+  return {
+      .instances = rows_.size(), .cameras = inUse_.front(), .lastReport = server_.lastReport, .time = Now()};
 }

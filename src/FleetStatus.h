@@ -85,9 +85,12 @@ class FleetStatus {
   struct Server {
     std::int64_t started = 0;
     std::int64_t rebuilt = 0;
+    std::int64_t lastReport = 0;
     std::uint64_t reports = 0;
     std::uint64_t greetings = 0;
     std::uint64_t refused = 0;
+    std::uint64_t silent = 0;  // losses, by reason
+    std::uint64_t neverBack = 0;
     double reportsPerSecond = 0;
     std::size_t queuePeak = 0;
     std::uint64_t repliesLostBefore = 0;  // before the last rebuild
@@ -168,7 +171,6 @@ class FleetStatus {
 
   Totals inUse_ UGS_GUARDED_BY(mutex_){};  // of all rows
   std::deque<Hour> hours_ UGS_GUARDED_BY(mutex_);
-  std::int64_t lastReport_ UGS_GUARDED_BY(mutex_) = 0;
   std::int64_t advancedTo_ UGS_GUARDED_BY(mutex_) = 0;
   struct Second {
     std::int64_t second = 0;

@@ -10,6 +10,7 @@
 #include "Console.h"
 #include "LogFile.h"
 #include "LogTexts.h"
+#include "Mutex.h"
 
 namespace {
 
@@ -18,6 +19,28 @@ constexpr std::size_t kMaxFileSize = 10'485'760;  // 10 MiB
 thread_local std::string lastError;
 
 std::shared_ptr<LogFile> logFile;  // set before there are threads
+
+// Codes come from this program's texts, so they are few.
+class ErrorCounts {
+ public:
+  void Count(const std::string& code) {
+    const MutexLock lock(mutex_);
+    ++counts_[code];
+  }
+  [[nodiscard]] std::map<std::string, std::uint64_t> Get() const {
+    const MutexLock lock(mutex_);
+    return counts_;
+  }
+
+ private:
+  mutable Mutex mutex_;  // a leaf
+  std::map<std::string, std::uint64_t> counts_ UGS_GUARDED_BY(mutex_);
+};
+
+ErrorCounts& Errors() {
+  static ErrorCounts errors;
+  return errors;
+}
 
 class ConsoleSink final : public spdlog::sinks::base_sink<std::mutex> {
  private:
@@ -70,6 +93,17 @@ void ForgetLastError() {
   lastError.clear();
 }
 
+std::string ErrorCodeIn(std::string_view text) {
+  const std::size_t begin = text.rfind("0x");
+  if (begin == std::string_view::npos) return "none";
+  return std::string(text.substr(begin, text.find_first_not_of("0123456789ABCDEFabcdef", begin + 2) - begin));
+}
+
+std::map<std::string, std::uint64_t> CurrentErrorCounts() {
+  return Errors().Get();
+}
+
 void FunctionLog::NoteLastError(std::string text) {
+  Errors().Count(ErrorCodeIn(text));
   lastError = std::move(text);
 }

@@ -5,7 +5,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -31,6 +33,12 @@ void PrintToConsole(const char* text);
 // let it through: of a request that was refused, the reason. Empty after ForgetLastError.
 [[nodiscard]] const std::string& LastError();
 void ForgetLastError();
+
+// The last code in an error's text: "Error 0x00AE06: ..." gives "0x00AE06". "none" without one.
+[[nodiscard]] std::string ErrorCodeIn(std::string_view text);
+
+// How often FunctionLog::Error was called since the process began, by code. Any thread.
+[[nodiscard]] std::map<std::string, std::uint64_t> CurrentErrorCounts();
 
 // A log text with its arguments checked, and the place that logs it. The constructor runs at compile time
 // only, so a text that came from a peer cannot become a format. It is implicit: callers write the bare text.

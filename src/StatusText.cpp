@@ -161,10 +161,17 @@ void AddServer(Lines& lines, const FleetStatus::Snapshot& snapshot, const Proces
     lines.Member("time", snapshot.time);
     lines.Member("started", server.started);
     lines.Member("rebuilt", server.rebuilt);
+    lines.Member("rebuilds", snapshot.generation);
     lines.Member("serving", server.turn.serving);
     lines.Member("reports", server.reports);
     lines.Member("greetings", server.greetings);
     lines.Member("refused", server.refused);
+    lines.Member("last_report", server.lastReport);
+    lines.Member("expired", server.silent);
+    lines.Member("never_back", server.neverBack);
+    lines.Object("errors", [&] {
+      for (const auto& [code, count] : process.errors) lines.Member(code.c_str(), count);
+    });
     lines.Member("reports_per_second", server.reportsPerSecond);
     lines.Member("reports_per_second_limit", kReportsPerSecondLimit);
     lines.Member("queue", server.turn.queue);
@@ -300,6 +307,7 @@ ProcessFacts LookUpProcessFacts() {
   const LogState log = CurrentLogState();
   facts.logWritten = log.written;
   facts.logFailures = log.failures;
+  facts.errors = CurrentErrorCounts();
   return facts;
 }
 

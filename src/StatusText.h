@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <map>
 #include <string>
 
 #include "FleetStatus.h"
@@ -12,6 +14,7 @@ struct ProcessFacts {
   std::size_t openFilesLimit = 0;
   std::int64_t logWritten = 0;  // seconds since 1970-01-01 UTC; 0 is never
   std::uint64_t logFailures = 0;
+  std::map<std::string, std::uint64_t> errors;  // by code
 };
 
 // Looked up now, from /proc (proc(5)) and the log.

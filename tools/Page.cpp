@@ -1,5 +1,6 @@
 #include "Page.h"
 
+#include <fmt/format.h>
 #include <microhttpd.h>
 #include <netdb.h>
 #include <poll.h>
@@ -40,7 +41,8 @@ using Clock = std::chrono::steady_clock;
 // What is known of the server at one time.
 struct View {
   std::optional<StatusSnapshot> snapshot;
-  std::string trouble;  // why there is none
+  std::string trouble;      // why there is none
+  std::int64_t starts = 0;  // of the server, that were seen
 };
 using SharedView = std::shared_ptr<const View>;
 
@@ -60,7 +62,7 @@ class Newest {
 
  private:
   mutable std::mutex mutex_;
-  SharedView view_ = std::make_shared<const View>(View{std::nullopt, "the server was not asked yet"});
+  SharedView view_ = std::make_shared<const View>(View{std::nullopt, "the server was not asked yet", 0});
 };
 
 // Asks the server for its status once a second, on the thread that waits for the end.
@@ -79,7 +81,7 @@ class Watcher {
         Look(items[1].revents != 0);
       } catch (const std::exception& error) {
         connection_.reset();
-        newest_.Set({std::nullopt, error.what()});
+        newest_.Set({std::nullopt, error.what(), starts_});
       }
     }
   }
@@ -110,13 +112,17 @@ class Watcher {
     std::optional<StatusSnapshot> snapshot = connection_->Receive();
     if (!snapshot) return;
     connection_.reset();
-    newest_.Set({std::move(snapshot), {}});
+    if (snapshot->server.started != started_) ++starts_;
+    started_ = snapshot->server.started;
+    newest_.Set({std::move(snapshot), {}, starts_});
   }
 
   const std::string socket_;
   Newest& newest_;
   std::unique_ptr<StatusConnection> connection_;
   Clock::time_point asked_ = Clock::now() - kPeriod;
+  std::int64_t started_ = 0;  // of the server that answered last
+  std::int64_t starts_ = 0;
 };
 
 using Response = std::unique_ptr<MHD_Response, decltype(&MHD_destroy_response)>;
@@ -128,7 +134,6 @@ struct Answer {
 
 constexpr const char* kTextType = "text/plain; charset=utf-8";
 constexpr const char* kJsonType = "application/json";
-constexpr const char* kMetricsType = "application/openmetrics-text; version=1.0.0; charset=utf-8";
 
 void AddHeader(const Answer& answer, const char* name, const char* value) {
   if (MHD_add_response_header(answer.response.get(), name, value) != MHD_YES) throw std::bad_alloc();
@@ -158,9 +163,24 @@ Answer MakeJson(const View& view, std::string (*write)(const StatusSnapshot&)) {
   return MakeAnswer(MHD_HTTP_SERVICE_UNAVAILABLE, kJsonType, json.Text());
 }
 
-Answer MakeMetrics(const View& view, bool perInstance) {
+Answer MakeMetrics(const View& view, MetricsOptions options) {
+  options.starts = view.starts;
   const StatusSnapshot* snapshot = view.snapshot ? &*view.snapshot : nullptr;
-  return MakeAnswer(MHD_HTTP_OK, kMetricsType, MetricsOf(snapshot, perInstance));
+  return MakeAnswer(MHD_HTTP_OK, ContentTypeOf(options.form), MetricsOf(snapshot, options));
+}
+
+// What the client asks for, among what may stand after /metrics.
+MetricsOptions MetricsAsked(MHD_Connection* connection) {
+  const auto valueOf = [&](MHD_ValueKind kind, const char* name) {
+    const char* value = MHD_lookup_connection_value(connection, kind, name);
+    return std::string_view(value != nullptr ? value : "");
+  };
+  MetricsOptions options;
+  options.form = FormAccepted(valueOf(MHD_HEADER_KIND, MHD_HTTP_HEADER_ACCEPT));
+  const std::string_view instances = valueOf(MHD_GET_ARGUMENT_KIND, "instances");
+  if (instances == "1") options.instances = MetricsOptions::Instances::All;
+  if (instances == "silent") options.instances = MetricsOptions::Instances::Silent;
+  return options;
 }
 
 std::string InLowerCase(std::string_view text) {
@@ -198,8 +218,7 @@ class Site {
       return foreign_;
     const auto page = files_.find(path);
     if (page != files_.end()) return page->second;
-    const char* perInstance = MHD_lookup_connection_value(connection, MHD_GET_ARGUMENT_KIND, "instances");
-    return OfView(path, perInstance != nullptr && std::string_view(perInstance) == "1");
+    return OfView(path, MetricsAsked(connection));
   }
 
   [[nodiscard]] const Answer& NotAllowed() const { return notAllowed_; }
@@ -214,15 +233,16 @@ class Site {
   }
 
   // What depends on the view is made once for each, however many ask.
-  const Answer& OfView(std::string_view path, bool perInstance) {
+  const Answer& OfView(std::string_view path, const MetricsOptions& metrics) {
     SharedView newest = newest_.Get();
     if (newest != view_) made_.clear();
     view_ = std::move(newest);
     if (path == "/status") return Made("/status", [&] { return MakeJson(*view_, JsonOf); });
     if (path == "/instances") return Made("/instances", [&] { return MakeJson(*view_, InstancesJsonOf); });
     if (path == "/metrics") {
-      return Made(perInstance ? "/metrics?instances=1" : "/metrics",
-                  [&] { return MakeMetrics(*view_, perInstance); });
+      const std::string name =
+          fmt::format("/metrics {} {}", static_cast<int>(metrics.form), static_cast<int>(metrics.instances));
+      return Made(name, [&] { return MakeMetrics(*view_, metrics); });
     }
     return notFound_;
   }

@@ -72,10 +72,15 @@ StatusServer ServerOf(const Object& line) {
   Read(line, "time", server.time);
   Read(line, "started", server.started);
   Read(line, "rebuilt", server.rebuilt);
+  Read(line, "rebuilds", server.rebuilds);
   Read(line, "serving", server.serving);
   Read(line, "reports", server.reports);
   Read(line, "greetings", server.greetings);
   Read(line, "refused", server.refused);
+  Read(line, "last_report", server.lastReport);
+  Read(line, "expired", server.expired);
+  Read(line, "never_back", server.neverBack);
+  Read(line, "errors", server.errors);
   Read(line, "reports_per_second", server.reportsPerSecond);
   Read(line, "reports_per_second_limit", server.reportsPerSecondLimit);
   Read(line, "queue", server.queue);

@@ -23,10 +23,15 @@ struct StatusServer {
   std::int64_t time = 0;
   std::int64_t started = 0;
   std::int64_t rebuilt = 0;
+  std::int64_t rebuilds = 0;
   bool serving = false;
   std::int64_t reports = 0;
   std::int64_t greetings = 0;
   std::int64_t refused = 0;
+  std::int64_t lastReport = 0;
+  std::int64_t expired = 0;
+  std::int64_t neverBack = 0;
+  StatusCounts errors;  // by code
   double reportsPerSecond = 0;
   double reportsPerSecondLimit = 0;
   std::int64_t queue = 0;

@@ -80,10 +80,15 @@ void PutServer(JsonOutput& json, const StatusServer& server) {
   json.Put("time", server.time);
   json.Put("started", server.started);
   json.Put("rebuilt", server.rebuilt);
+  json.Put("rebuilds", server.rebuilds);
   json.Put("serving", server.serving);
   json.Put("reports", server.reports);
   json.Put("greetings", server.greetings);
   json.Put("refused", server.refused);
+  json.Put("last_report", server.lastReport);
+  json.Put("expired", server.expired);
+  json.Put("never_back", server.neverBack);
+  json.Put("errors", server.errors);
   json.Put("reports_per_second", server.reportsPerSecond);
   json.Put("reports_per_second_limit", server.reportsPerSecondLimit);
   json.Put("queue", server.queue);

@@ -71,7 +71,8 @@ constexpr const char* kReportExamples = R"(Examples:
 constexpr const char* kPagePaths = R"(It serves, to whoever can reach the address:
   /                     the page
   /status, /instances   the same figures as JSON
-  /metrics              for Prometheus, in OpenMetrics format; ?instances=1 adds those of each instance
+  /metrics              for Prometheus; ?instances=silent adds those of the instances that are silent,
+                        ?instances=1 those of all
 Exit codes: 0 ended by SIGINT or SIGTERM, 2 usage error, or the address is not to be had.)";
 
 constexpr const char* kWhyRefused = R"(A refusal has one of these causes. The server's log names it:

@@ -94,6 +94,8 @@ def test_instances_and_refusals_are_shown_and_the_totals_are_those_of_the_log(se
         "0xE220": ("127.0.0.1", 1, "gate-9"),
         "0x0084": ("127.0.0.1", 1, ""),
     }
+    assert state["errors"] == {"0x0084": 1, "0x316": 2, "0xE220": 1}
+    assert state["last_report"] == max(line["last"] for line in shown["instance"])
     hour = shown["hour"][0]
     assert hour["features"]["MaxCameras"][0] == 8
     server.end()
@@ -120,8 +122,10 @@ def test_who_does_not_come_back_after_a_rebuild_is_lost_by_name(serve, peer, pat
     assert snapshot(path)["loss"][0]["returned"] > 0
     server.shift_clock(2100)
     server.wait_for("Deleting korvane ", 2)
-    newest = snapshot(path)["loss"][0]
+    shown = snapshot(path)
+    newest, (state,) = shown["loss"][0], shown["server"]
     assert newest["reason"] == "silent" and newest["lost"] - newest["last"] > 120
+    assert (state["rebuilds"], state["never_back"], state["expired"]) == (1, 1, 2)
 
 
 def test_readers_cost_nothing(serve, peer, path):
