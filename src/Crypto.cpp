@@ -11,6 +11,8 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
+#include <utility>
 
 #include "Base64.h"
 #include "Logging.h"
@@ -41,6 +43,26 @@ RsaPtr ReadRsaPrivateKey(BIO* bio) {
   OPENSSL_secure_free(header);
   OPENSSL_secure_clear_free(der, static_cast<std::size_t>(length));
   return key;
+}
+
+// Opens `block` with `key` and takes its PKCS #1 v1.5 padding off; nothing if the padding is wrong. OpenSSL
+// up to 3.1 does so in one call. From 3.2 on that call answers wrong padding with random bytes (implicit
+// rejection), and a report for another server's key would look like a damaged one. These two calls mean the
+// same in every version, whichever the program was built with. The second takes constant time.
+std::optional<Bytes> OpenBlock(RSA* key, const std::string& block) {
+  const int size = RSA_size(key);
+  Bytes padded(static_cast<std::size_t>(size));
+  const ugs::WipeOnExit wipe(padded);
+  if (RSA_private_decrypt(static_cast<int>(block.size()),
+                          reinterpret_cast<const unsigned char*>(block.data()), padded.data(), key,
+                          RSA_NO_PADDING) != size) {
+    return std::nullopt;
+  }
+  Bytes opened(padded.size());
+  const int length = RSA_padding_check_PKCS1_type_2(opened.data(), size, padded.data(), size, size);
+  if (length < 0) return std::nullopt;
+  opened.resize(static_cast<std::size_t>(length));
+  return opened;
 }
 
 // The cipher for a key of `length` bytes, or null. Looking one up costs more than a report's decryption, so
@@ -84,18 +106,14 @@ std::int32_t RsaPrivateDecrypt(const std::string& pemKey, const std::string& tex
   }
   // The key is read anew for each envelope, so that no copy of it stays in memory between two.
   UseKeptBlinding(key.get());
-  Bytes opened(static_cast<std::size_t>(RSA_size(key.get())));
-  const std::string block = ugs::Base64Decode(std::string_view(text).substr(0, length));
-  const int openedLength = RSA_private_decrypt(static_cast<int>(block.size()),
-                                               reinterpret_cast<const unsigned char*>(block.data()),
-                                               opened.data(), key.get(), RSA_PKCS1_PADDING);
-  if (openedLength < 0) {
+  std::optional<Bytes> opened =
+      OpenBlock(key.get(), ugs::Base64Decode(std::string_view(text).substr(0, length)));
+  if (!opened) {
     PrintToConsole("Envelope Error 0x00AE09: Failed to decrypt the file info\n");
     return -1;
   }
-  opened.resize(static_cast<std::size_t>(openedLength));
-  out = std::move(opened);
-  return openedLength;
+  out = std::move(*opened);
+  return static_cast<std::int32_t>(out.size());
 }
 
 Bytes AesCbcDecrypt(const Bytes& key, std::string_view iv, std::string_view ciphertext) {

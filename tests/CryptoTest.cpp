@@ -95,6 +95,16 @@ TEST_F(RsaPrivateDecryptTest, KeptBlindingOpensBlocksForAnyKeyInAnyOrderOnAnyThr
   EXPECT_EQ(blindingSetUps, 2 * (3 + 30));  // one for each change of the key
 }
 
+// 1 opens to 1, whatever the key. OpenSSL from 3.2 on would give random bytes for it, if asked in one step.
+TEST_F(RsaPrivateDecryptTest, ABlockWithWrongPaddingIsRefused) {
+  const KeyPair pair(1024);
+  const std::string one = std::string(127, '\0') + '\1';
+  for (const std::string& block : {one, one.substr(100), one + one, std::string()}) {
+    EXPECT_EQ(Open(pair.pem, ugs::Base64Encode(block)), "refused");
+    console += "Envelope Error 0x00AE09: Failed to decrypt the file info\n";
+  }
+}
+
 TEST_F(RsaPrivateDecryptTest, WithoutBlindingNothingIsOpened) {
   const KeyPair pair(1024);
   blindingFails = true;
