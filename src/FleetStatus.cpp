@@ -132,12 +132,14 @@ void FleetStatus::Stored(const std::string& key, const UGSRequest::RequestData& 
   if (row == nullptr) {
     next->who = MakeWho(key, request);
     ChangeUse(nullptr, &next->counts, now);
+    next->seenBefore = seen_;
     const auto loss = std::ranges::find(losses_, key, [](const Loss& one) { return one.instance->who->key; });
     if (loss != losses_.end() && loss->returned == 0) loss->returned = now;
   } else {
     // The key is a digest of identity and cameras; only the container may have changed.
     next->who = row->who->container == Cut(request.dockerId) ? row->who : MakeWho(key, request);
     next->first = row->first;
+    next->seenBefore = row->seenBefore;
     next->reports = row->reports + 1;
     const auto pause = static_cast<double>(now - row->last);
     next->period = row->reports == 1 ? pause : row->period + (pause - row->period) / 4;
@@ -172,7 +174,7 @@ void FleetStatus::Lose(Rows::iterator row, LossReason reason, std::int64_t now) 
   }
   ChangeUse(&row->second->counts, nullptr, now);
   ++(reason == LossReason::Silent ? server_.silent : server_.neverBack);
-  losses_.push_front({.instance = std::move(row->second), .lost = now, .reason = reason});
+  losses_.push_front({.instance = std::move(row->second), .lost = now, .seen = seen_, .reason = reason});
   if (losses_.size() > kLosses) losses_.pop_back();
   rows_.erase(row);
 }
@@ -229,6 +231,7 @@ void FleetStatus::AdvanceTo(std::int64_t now) {
   const bool seen = now > advancedTo_ && now - advancedTo_ <= kLongestStep;
   std::int64_t from = seen ? advancedTo_ : now;
   advancedTo_ = now;
+  seen_ += static_cast<std::uint64_t>(now - from);
   for (;;) {
     const std::int64_t hour = from - from % kSecondsPerHour;
     if (hours_.empty() || hours_.front().start != hour) {
@@ -263,6 +266,7 @@ FleetStatus::Snapshot FleetStatus::TakeSnapshot() const {
   const MutexLock lock(mutex_);
   snapshot.time = Now();
   snapshot.generation = generation_;
+  snapshot.seen = seen_;
   snapshot.server = server_;
   snapshot.server.reportsPerSecond = ReportsPerSecond(snapshot.time);
   snapshot.totals = totals_;

@@ -42,6 +42,7 @@ class FleetStatus {
     ugs::UsageCounts counts;
     std::int64_t first = 0;
     std::int64_t last = 0;
+    std::uint64_t seenBefore = 0;  // seconds that were seen before its first report
     std::uint64_t reports = 0;
     double period = 0;             // seconds between reports, a running mean; 0 before the second report
     std::uint32_t generation = 0;  // of the registry that counted it
@@ -52,6 +53,7 @@ class FleetStatus {
   struct Loss {
     InstancePointer instance;
     std::int64_t lost = 0;
+    std::uint64_t seen = 0;  // seconds that were seen until then
     LossReason reason = LossReason::Silent;
     std::int64_t returned = 0;
   };
@@ -102,6 +104,7 @@ class FleetStatus {
   struct Snapshot {
     std::int64_t time = 0;
     std::uint32_t generation = 0;  // instances of an older one are not back yet
+    std::uint64_t seen = 0;        // seconds that were seen since the start: the sum of the hours'
     Server server;
     ugs::UsageCounts totals;  // of the instances that are back
     std::vector<InstancePointer> instances;
@@ -172,6 +175,7 @@ class FleetStatus {
   Totals inUse_ UGS_GUARDED_BY(mutex_){};  // of all rows
   std::deque<Hour> hours_ UGS_GUARDED_BY(mutex_);
   std::int64_t advancedTo_ UGS_GUARDED_BY(mutex_) = 0;
+  std::uint64_t seen_ UGS_GUARDED_BY(mutex_) = 0;
   struct Second {
     std::int64_t second = 0;
     std::uint32_t reports = 0;

@@ -124,12 +124,16 @@ class Lines {
       }
     });
   }
-  void Instance(const FleetStatus::Instance& instance) {
+  // `seen`: the seconds that were seen until now, or until the instance was lost.
+  void Instance(const FleetStatus::Instance& instance, std::uint64_t seen) {
     Member("key", instance.who->key);
     Member("identity", instance.who->identity);
     Member("container", instance.who->container);
     Member("address", instance.address);
     Counts(instance.counts);
+    Member("cameras_count", instance.who->allCameras);
+    Member("camera_seconds", instance.who->allCameras * (seen - instance.seenBefore));
+    Member("first", instance.first);
     Member("last", instance.last);
   }
 
@@ -206,13 +210,11 @@ void AddInstances(Lines& lines, const FleetStatus::Snapshot& snapshot) {
         std::pair("huge_count", HasHugeCount(instance->counts)),
     };
     lines.Add("instance", [&] {
-      lines.Instance(*instance);
+      lines.Instance(*instance, snapshot.seen);
       lines.Member("layout", instance->layout);
       lines.Array("cameras", [&] {
         for (const std::string& camera : who.cameras) lines.Write(camera);
       });
-      lines.Member("cameras_count", who.allCameras);
-      lines.Member("first", instance->first);
       lines.Member("reports", instance->reports);
       lines.Member("period", instance->period);
       lines.Member("state", StateOf(*instance, snapshot));
@@ -228,7 +230,7 @@ void AddInstances(Lines& lines, const FleetStatus::Snapshot& snapshot) {
 void AddLosses(Lines& lines, const FleetStatus::Snapshot& snapshot) {
   for (const FleetStatus::Loss& loss : snapshot.losses) {
     lines.Add("loss", [&] {
-      lines.Instance(*loss.instance);
+      lines.Instance(*loss.instance, loss.seen);
       lines.Member("lost", loss.lost);
       lines.Member("reason", loss.reason == FleetStatus::LossReason::Silent ? "silent" : "not_back");
       lines.Member("returned", loss.returned);

@@ -25,7 +25,10 @@ class JsonOutput {
   void Put(double number) { writer_.Double(number); }
   void Put(bool flag) { writer_.Bool(flag); }
   void Put(Time time) { Put(time.seconds); }
+  void Put(UtcTime time) { Put(time.seconds); }
   void Put(Age age) { Put(age.seconds); }
+  void Put(Hours hours) { Put(static_cast<double>(hours.seconds) / 3600); }
+  void Put(Share share) { Put(share.Value()); }
   void Put(const StatusCounts& counts);
   void Put(const std::vector<std::string>& texts);
   // An array of objects.

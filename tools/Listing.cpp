@@ -1,13 +1,29 @@
 #include "Listing.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
-#include <ctime>
 #include <type_traits>
 
 #include "Shown.h"
+#include "UtcTime.h"
 
 namespace {
+
+double ValueOf(Hours hours) {
+  return static_cast<double>(hours.seconds) / kSecondsPerHour;
+}
+
+double Floored(double number, int digits) {
+  const double power = std::pow(10, digits);
+  return std::floor(number * power) / power;
+}
+
+std::string CsvTime(std::int64_t seconds) {
+  return seconds == 0 ? "" : UtcText(seconds);
+}
 
 std::string CellText(const Cell& cell, std::int64_t now, std::size_t widest) {
   return std::visit(
@@ -16,25 +32,22 @@ std::string CellText(const Cell& cell, std::int64_t now, std::size_t widest) {
         if constexpr (std::is_same_v<Value, std::string>) return Shown(value, widest);
         if constexpr (std::is_same_v<Value, std::int64_t>) return std::to_string(value);
         if constexpr (std::is_same_v<Value, Time>) return ShownTime(value.seconds, now);
+        if constexpr (std::is_same_v<Value, UtcTime>) return CsvTime(value.seconds);
         if constexpr (std::is_same_v<Value, Age>) return ShownAge(value.seconds);
+        if constexpr (std::is_same_v<Value, Hours>) return fmt::format("{:.2f}", ValueOf(value));
+        if constexpr (std::is_same_v<Value, Share>)
+          return fmt::format("{:.2f} %", Floored(100 * value.Value(), 2));
         if constexpr (std::is_same_v<Value, StatusCounts>) return Shown(ShownCounts(value));
         if constexpr (std::is_same_v<Value, std::vector<std::string>>) return Shown(Joined(value, " "));
       },
       cell);
 }
 
-std::string CsvTime(std::int64_t seconds) {
-  if (seconds == 0) return {};
-  const auto time = static_cast<std::time_t>(seconds);
-  std::tm utc{};
-  char text[32];
-  if (gmtime_r(&time, &utc) == nullptr) return {};
-  return {text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc)};
-}
-
 std::string CsvCell(const Cell& cell) {
   if (const auto* time = std::get_if<Time>(&cell)) return CsvTime(time->seconds);
   if (const auto* age = std::get_if<Age>(&cell)) return std::to_string(age->seconds);
+  if (const auto* hours = std::get_if<Hours>(&cell)) return fmt::format("{:.4f}", ValueOf(*hours));
+  if (const auto* share = std::get_if<Share>(&cell)) return fmt::format("{:.6f}", Floored(share->Value(), 6));
   std::string text = CellText(cell, 0, kAnyWidth);
   if (!text.empty() && std::string_view("=+-@").find(text.front()) != std::string_view::npos)
     text.insert(0, "'");
@@ -45,10 +58,15 @@ std::string CsvCell(const Cell& cell) {
 }
 
 bool IsNumber(const Cell& cell) {
-  return std::holds_alternative<std::int64_t>(cell) || std::holds_alternative<Age>(cell);
+  return std::holds_alternative<std::int64_t>(cell) || std::holds_alternative<Age>(cell) ||
+         std::holds_alternative<Hours>(cell) || std::holds_alternative<Share>(cell);
 }
 
 }  // namespace
+
+double Share::Value() const {
+  return whole <= 0 ? 0 : std::min(1.0, static_cast<double>(part) / static_cast<double>(whole));
+}
 
 std::string Joined(const std::vector<std::string>& texts, std::string_view separator) {
   std::string joined;
@@ -71,7 +89,8 @@ std::vector<std::string> TableOf(const Listing& listing, std::int64_t now, std::
     std::vector<std::size_t> widths;
     for (const std::string& text : texts) widths.push_back(WidthOf(text));
     const std::size_t width = *std::max_element(widths.begin(), widths.end());
-    const bool isNumber = !listing.rows.empty() && IsNumber(listing.rows.front()[column]);
+    const bool isNumber = std::any_of(listing.rows.begin(), listing.rows.end(),
+                                      [&](const auto& row) { return IsNumber(row[column]); });
     for (std::size_t line = 0; line < lines.size(); ++line) {
       const std::string fill(width - widths[line], ' ');
       lines[line] += isNumber ? fill + texts[line] : texts[line] + fill;

@@ -13,10 +13,25 @@
 struct Time {
   std::int64_t seconds;  // since 1970; 0 is never
 };
+// As Time, and UTC in tables, too.
+struct UtcTime {
+  std::int64_t seconds;
+};
 struct Age {
   std::int64_t seconds;
 };
-using Cell = std::variant<std::string, std::int64_t, Time, Age, StatusCounts, std::vector<std::string>>;
+struct Hours {
+  std::int64_t seconds;
+};
+// What of `whole` there is; never rounded up, so that 1 is all of it.
+struct Share {
+  std::int64_t part;
+  std::int64_t whole;
+
+  [[nodiscard]] double Value() const;
+};
+using Cell = std::variant<std::string, std::int64_t, Time, UtcTime, Age, Hours, Share, StatusCounts,
+                          std::vector<std::string>>;
 
 struct Column {
   std::string name;   // in CSV and JSON

@@ -14,6 +14,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstddef>
+#include <ctime>
 #include <functional>
 #include <iostream>
 #include <map>
@@ -28,6 +29,8 @@
 #include <vector>
 
 #include "FileDescriptor.h"
+#include "HistoryPages.h"
+#include "HistoryRecorder.h"
 #include "JsonOutput.h"
 #include "Metrics.h"
 #include "PageFiles.h"
@@ -58,6 +61,13 @@ class Newest {
   [[nodiscard]] SharedView Get() const {
     const std::lock_guard lock(mutex_);
     return view_;
+  }
+
+  // Null while there is none.
+  [[nodiscard]] std::shared_ptr<const StatusSnapshot> Snapshot() const {
+    SharedView view = Get();
+    const StatusSnapshot* snapshot = view->snapshot ? &*view->snapshot : nullptr;
+    return {std::move(view), snapshot};
   }
 
  private:
@@ -205,11 +215,20 @@ Endpoint FindEndpoint(const PageOptions& options) {
   return {found, &freeaddrinfo};
 }
 
+// Answers from the history; empty if none is kept.
+using History = std::function<HistoryAnswer(const HistoryQuestion&)>;
+
+std::optional<std::string> ParameterOf(MHD_Connection* connection, const char* name) {
+  const char* value = MHD_lookup_connection_value(connection, MHD_GET_ARGUMENT_KIND, name);
+  return value == nullptr ? std::nullopt : std::optional<std::string>(value);
+}
+
 // Answers requests. Thread: the library's alone, once that runs.
 class Site {
  public:
-  Site(const Newest& newest, const std::string& host, std::uint16_t port)
+  Site(const Newest& newest, const std::string& host, std::uint16_t port, History history)
       : newest_(newest),
+        history_(std::move(history)),
         hosts_{"localhost", "127.0.0.1", "[::1]", InLowerCase(host)},
         port_(":" + std::to_string(port)) {}
 
@@ -218,6 +237,9 @@ class Site {
       return foreign_;
     const auto page = files_.find(path);
     if (page != files_.end()) return page->second;
+    if (history_ && IsOfHistory(path)) {
+      return OfHistory({std::string(path), ParameterOf(connection, "month"), ParameterOf(connection, "key")});
+    }
     return OfView(path, MetricsAsked(connection));
   }
 
@@ -234,9 +256,7 @@ class Site {
 
   // What depends on the view is made once for each, however many ask.
   const Answer& OfView(std::string_view path, const MetricsOptions& metrics) {
-    SharedView newest = newest_.Get();
-    if (newest != view_) made_.clear();
-    view_ = std::move(newest);
+    Refresh();
     if (path == "/status") return Made("/status", [&] { return MakeJson(*view_, JsonOf); });
     if (path == "/instances") return Made("/instances", [&] { return MakeJson(*view_, InstancesJsonOf); });
     if (path == "/metrics") {
@@ -245,6 +265,21 @@ class Site {
       return Made(name, [&] { return MakeMetrics(*view_, metrics); });
     }
     return notFound_;
+  }
+
+  const Answer& OfHistory(const HistoryQuestion& question) {
+    Refresh();
+    return Made(question.path + "?" + question.month.value_or("none") + "&" + question.key.value_or("none"),
+                [&] {
+                  const HistoryAnswer answer = history_(question);
+                  return MakeAnswer(answer.status, answer.type, answer.body);
+                });
+  }
+
+  void Refresh() {
+    SharedView newest = newest_.Get();
+    if (newest != view_) made_.clear();
+    view_ = std::move(newest);
   }
 
   const Answer& Made(const std::string& name, const std::function<Answer()>& make) {
@@ -267,6 +302,7 @@ class Site {
   }
 
   const Newest& newest_;
+  const History history_;
   const std::vector<std::string> hosts_;
   const std::string port_;
   const std::map<std::string, Answer, std::less<>> files_ = MakeFiles();
@@ -339,7 +375,15 @@ void ServePage(const PageOptions& options) {
   const FileDescriptor signals(BlockedSignals(), "signalfd");
   const std::string url = "http://" + host + ":" + std::to_string(options.port) + "/";
   Newest newest;
-  Site site(newest, host, options.port);
+  std::optional<HistoryRecorder> recorder;
+  History history;
+  if (!options.history.empty()) {
+    recorder.emplace(options.history, [&] { return newest.Snapshot(); });
+    history = [&](const HistoryQuestion& question) {
+      return AnswerFromHistory(options.history, question, std::time(nullptr), recorder->Trouble());
+    };
+  }
+  Site site(newest, host, options.port, history);
   const Daemon daemon = StartDaemon(*endpoint, site, url);
   std::cout << "The page: " << url << " (Ctrl-C ends it)" << std::endl;
   Watcher(options.socket, newest).RunUntil(signals);

@@ -9,6 +9,7 @@ struct PageOptions {
   std::string socket;
   std::string address = "127.0.0.1";  // a numeric one of this machine
   std::uint16_t port = 9305;
+  std::string history;  // the file to keep it in; none if empty
 };
 
 // Serves until SIGINT or SIGTERM comes, with or without a server to show; says on standard output where.

@@ -101,6 +101,9 @@ void ReadPeer(const Object& line, StatusPeer& peer) {
   Read(line, "container", peer.container);
   Read(line, "address", peer.address);
   Read(line, "counts", peer.counts);
+  Read(line, "cameras_count", peer.camerasCount);
+  Read(line, "camera_seconds", peer.cameraSeconds);
+  Read(line, "first", peer.first);
   Read(line, "last", peer.last);
 }
 
@@ -109,8 +112,6 @@ StatusInstance InstanceOf(const Object& line) {
   ReadPeer(line, instance);
   Read(line, "layout", instance.layout);
   Read(line, "cameras", instance.cameras);
-  Read(line, "cameras_count", instance.camerasCount);
-  Read(line, "first", instance.first);
   Read(line, "reports", instance.reports);
   Read(line, "period", instance.period);
   Read(line, "state", instance.state);

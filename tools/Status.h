@@ -52,14 +52,15 @@ struct StatusPeer {
   std::string container;
   std::string address;
   StatusCounts counts;
+  std::int64_t camerasCount = 0;
+  std::int64_t cameraSeconds = 0;
+  std::int64_t first = 0;
   std::int64_t last = 0;
 };
 
 struct StatusInstance : StatusPeer {
   std::string layout;
   std::vector<std::string> cameras;
-  std::int64_t camerasCount = 0;
-  std::int64_t first = 0;
   std::int64_t reports = 0;
   double period = 0;
   std::string state;

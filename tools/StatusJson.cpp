@@ -12,6 +12,9 @@ void PutPeer(JsonOutput& json, const StatusPeer& peer) {
   json.Put("container", peer.container);
   json.Put("address", peer.address);
   json.Put("counts", peer.counts);
+  json.Put("cameras_count", peer.camerasCount);
+  json.Put("camera_seconds", peer.cameraSeconds);
+  json.Put("first", peer.first);
   json.Put("last", peer.last);
 }
 
@@ -19,8 +22,6 @@ void PutMembers(JsonOutput& json, const StatusInstance& instance) {
   PutPeer(json, instance);
   json.Put("layout", instance.layout);
   json.Put("cameras", instance.cameras);
-  json.Put("cameras_count", instance.camerasCount);
-  json.Put("first", instance.first);
   json.Put("reports", instance.reports);
   json.Put("period", instance.period);
   json.Put("state", instance.state);

@@ -24,6 +24,8 @@
 
 #include "Fleet.h"
 #include "FleetConnections.h"
+#include "HistoryCommand.h"
+#include "HistoryStore.h"
 #include "HostAgent.h"
 #include "InstanceKey.h"
 #include "Keygen.h"
@@ -73,6 +75,8 @@ constexpr const char* kPagePaths = R"(It serves, to whoever can reach the addres
   /status, /instances   the same figures as JSON
   /metrics              for Prometheus; ?instances=silent adds those of the instances that are silent,
                         ?instances=1 those of all
+  /history, /day        with --history: what was used in ?month=2026-11 (/history.csv: as CSV), and by the
+                        instance ?key=KEY in the last 24 hours
 Exit codes: 0 ended by SIGINT or SIGTERM, 2 usage error, or the address is not to be had.)";
 
 constexpr const char* kWhyRefused = R"(A refusal has one of these causes. The server's log names it:
@@ -497,6 +501,30 @@ Command AddRefusals(CLI::App& app) {
   };
 }
 
+Command AddHistory(CLI::App& app) {
+  auto* command = app.add_subcommand("history", "what was used in a month, each day, and when most? (UTC)");
+  const auto options = std::make_shared<HistoryOptions>();
+  options->file = DefaultHistory();
+  command->add_option("--file", options->file, "the history that ugs page keeps (environment: UGS_HISTORY)")
+      ->capture_default_str();
+  command->add_option("--month", options->month, "as in 2026-11; the current one if left out");
+  auto* json = command->add_flag("--json", options->json, "print JSON; times are seconds since 1970");
+  command->add_flag("--csv", options->csv, "print CSV, for a spreadsheet; times are UTC")->excludes(json);
+  auto* instances =
+      command->add_flag("--instances", options->instances, "list the instances and their camera-hours");
+  command->add_flag("--losses", options->losses, "list the instances that fell silent")->excludes(instances);
+  command
+      ->add_option("--forget-before", options->forgetBefore,
+                   "delete what was before this month; show nothing")
+      ->excludes("--month");
+  command->footer(
+      "Exit codes: 0 done, 2 usage error, 3 there is no history, or it cannot be read or written.");
+  return [options] {
+    ShowHistory(*options);
+    return kDone;
+  };
+}
+
 Command AddTop(CLI::App& app) {
   auto* command = app.add_subcommand("top", "watch the instances on this terminal");
   const auto options = AddStatusOptions(*command);
@@ -516,6 +544,10 @@ Command AddPage(CLI::App& app) {
   command->add_option("--port", options->port, "the TCP port")
       ->check(CLI::Range(1, 65535))
       ->capture_default_str();
+  command
+      ->add_option("--history", options->history,
+                   "keep what is used in this SQLite file, for `ugs history`; none is kept if left out")
+      ->envname("UGS_HISTORY");
   command->footer(kPagePaths);
   return [options] {
     ServePage(*options);
@@ -531,12 +563,13 @@ int main(int argc, char** argv) {
   app.set_version_flag("--version", "ugs " + std::string(UGSDefs::kVersion));
   app.footer("Exit codes: 0 done, 1 the server refused, 2 usage error, 3 no answer.");
   const std::map<std::string, Command> commands{
-      {"keygen", AddKeygen(app)}, {"fingerprint", AddFingerprint(app)},
-      {"report", AddReport(app)}, {"ping", AddPing(app)},
-      {"fleet", AddFleet(app)},   {"key", AddKey(app)},
-      {"status", AddStatus(app)}, {"instances", AddInstances(app)},
-      {"losses", AddLosses(app)}, {"refusals", AddRefusals(app)},
-      {"top", AddTop(app)},       {"page", AddPage(app)},
+      {"keygen", AddKeygen(app)},   {"fingerprint", AddFingerprint(app)},
+      {"report", AddReport(app)},   {"ping", AddPing(app)},
+      {"fleet", AddFleet(app)},     {"key", AddKey(app)},
+      {"status", AddStatus(app)},   {"instances", AddInstances(app)},
+      {"losses", AddLosses(app)},   {"refusals", AddRefusals(app)},
+      {"top", AddTop(app)},         {"page", AddPage(app)},
+      {"history", AddHistory(app)},
   };
   if (argc > 1 && argv[1][0] != '-' && !commands.contains(argv[1])) {
     std::vector<std::string> names;
@@ -551,6 +584,9 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kDone : kUsageError;
   } catch (const NoServer& error) {
+    std::cerr << "ugs: " << error.what() << "\n";
+    return kNoAnswer;
+  } catch (const DatabaseError& error) {
     std::cerr << "ugs: " << error.what() << "\n";
     return kNoAnswer;
   } catch (const NoStatus& error) {

@@ -41,7 +41,8 @@ def peer(context):
     return Peer(context)
 
 
-# Stands in for a server: shows `text` to whoever connects to the status socket whose path it returns.
+# Stands in for a server: shows `text`, or what that returns, to whoever connects to the status socket whose path it
+# returns.
 @pytest.fixture
 def serve(tmp_path):
     listeners = []
@@ -60,7 +61,7 @@ def serve(tmp_path):
                     return
                 with connection:
                     try:
-                        connection.sendall(text)
+                        connection.sendall(text() if callable(text) else text)
                     except OSError:
                         pass
 
