@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <ctime>
 #include <utility>
 
 namespace {
@@ -18,12 +19,11 @@ LogFile::LogFile(std::string path, std::size_t maxSize, std::size_t olderFiles, 
 
 void LogFile::log(const spdlog::details::log_msg& message) {
   const MutexLock lock(mutex_);
-  ++failures_;  // until it is written
-  UseFile([&]() UGS_REQUIRES(mutex_) {
+  const bool isOpen = UseFile([&]() UGS_REQUIRES(mutex_) {
     file_->log(message);
-    --failures_;
     written_ = std::chrono::system_clock::to_time_t(message.time);
   });
+  if (!isOpen) NoteFailure();
 }
 
 void LogFile::flush() {
@@ -35,17 +35,24 @@ void LogFile::flush() {
 // Opens the file first if the last use failed. Lines that come before the next try are dropped: waiting for a
 // disk would hold up whoever logs.
 template <typename Action>
-void LogFile::UseFile(Action action) {
-  if (file_ == nullptr && Clock::now() < nextTry_) return;
+bool LogFile::UseFile(Action action) {
+  if (file_ == nullptr && Clock::now() < nextTry_) return false;
   try {
     if (file_ == nullptr) Open();
     action();
+    return true;
   } catch (...) {
+    NoteFailure();
     // The logger reports it; a sink that failed once may hold a null FILE and is not used again.
     file_.reset();
     nextTry_ = Clock::now() + kRetryPeriod;
     throw;
   }
+}
+
+void LogFile::NoteFailure() {
+  ++failures_;
+  failed_ = std::time(nullptr);
 }
 
 // Opening a FIFO without a reader would never end. Refused in the words of the library for any other file

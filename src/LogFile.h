@@ -29,7 +29,7 @@ class LogFile final : public spdlog::sinks::sink {
   void log(const spdlog::details::log_msg& message) override;
   void flush() override;
 
-  [[nodiscard]] LogState State() const { return {written_, failures_}; }
+  [[nodiscard]] LogState State() const { return {written_, failed_, failures_}; }
 
   // The pattern is the constructor's; these have no effect.
   void set_pattern(const std::string& /*pattern*/) override {}
@@ -39,8 +39,10 @@ class LogFile final : public spdlog::sinks::sink {
   using Clock = std::chrono::steady_clock;
 
   void Open() UGS_REQUIRES(mutex_);
+  // False if it is closed, and not to be opened yet.
   template <typename Action>
-  void UseFile(Action action) UGS_REQUIRES(mutex_);
+  bool UseFile(Action action) UGS_REQUIRES(mutex_);
+  void NoteFailure();
   [[nodiscard]] bool IsStillAtPath() const UGS_REQUIRES(mutex_);
 
   const std::string path_;
@@ -49,6 +51,7 @@ class LogFile final : public spdlog::sinks::sink {
   const std::string pattern_;
 
   std::atomic<std::int64_t> written_ = 0;
+  std::atomic<std::int64_t> failed_ = 0;
   std::atomic<std::uint64_t> failures_ = 0;
 
   Mutex mutex_;

@@ -19,9 +19,10 @@ void SetUpLogging(const std::string& name, int argc, char** argv, const std::str
 
 // How the log file fares.
 struct LogState {
-  std::int64_t written =
-      0;  // when a line was last written to it, in seconds since 1970-01-01 UTC; 0 is never
-  std::uint64_t failures = 0;  // lines that it does not have
+  // Times are seconds since 1970-01-01 UTC; 0 is never.
+  std::int64_t written = 0;    // when a line was last written to it
+  std::int64_t failed = 0;     // when that last failed
+  std::uint64_t failures = 0;  // how often; a full disk takes the lines that were held back along
 };
 // Any thread, after SetUpLogging.
 [[nodiscard]] LogState CurrentLogState();

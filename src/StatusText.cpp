@@ -186,6 +186,7 @@ void AddServer(Lines& lines, const FleetStatus::Snapshot& snapshot, const Proces
     lines.Member("open_files_limit", process.openFilesLimit);
     lines.Member("replies_lost", server.repliesLostBefore + server.turn.repliesLost);
     lines.Member("log_written", process.logWritten);
+    lines.Member("log_failed", process.logFailed);
     lines.Member("log_failures", process.logFailures);
   });
 }
@@ -308,6 +309,7 @@ ProcessFacts LookUpProcessFacts() {
   facts.connections = ConnectionsTo(UGSDefs::kPort);
   const LogState log = CurrentLogState();
   facts.logWritten = log.written;
+  facts.logFailed = log.failed;
   facts.logFailures = log.failures;
   facts.errors = CurrentErrorCounts();
   return facts;

@@ -12,7 +12,8 @@ struct ProcessFacts {
   std::size_t connections = 0;  // of peers to the port
   std::size_t openFiles = 0;
   std::size_t openFilesLimit = 0;
-  std::int64_t logWritten = 0;  // seconds since 1970-01-01 UTC; 0 is never
+  std::int64_t logWritten = 0;  // LogState says what these are
+  std::int64_t logFailed = 0;
   std::uint64_t logFailures = 0;
   std::map<std::string, std::uint64_t> errors;  // by code
 };

@@ -154,5 +154,8 @@ std::string MakeKeyPair(const fs::path& directory, const std::optional<fs::path>
     fs::remove(privateFile);  // half a pair would only stop the next try
     throw;
   }
+  if (!fs::exists(fs::symlink_status(directory / ".gitignore"))) {
+    CreateFile(directory / ".gitignore", 0644, "/private.scrambled\n");
+  }
   return ugs::Sealer(publicPem).Fingerprint();
 }

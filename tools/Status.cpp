@@ -91,6 +91,7 @@ StatusServer ServerOf(const Object& line) {
   Read(line, "open_files_limit", server.openFilesLimit);
   Read(line, "replies_lost", server.repliesLost);
   Read(line, "log_written", server.logWritten);
+  Read(line, "log_failed", server.logFailed);
   Read(line, "log_failures", server.logFailures);
   return server;
 }

@@ -42,6 +42,7 @@ struct StatusServer {
   std::int64_t openFilesLimit = 0;
   std::int64_t repliesLost = 0;
   std::int64_t logWritten = 0;
+  std::int64_t logFailed = 0;
   std::int64_t logFailures = 0;
 };
 

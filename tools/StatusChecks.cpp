@@ -116,9 +116,12 @@ void AddServer(std::vector<StatusProblem>& problems, const StatusServer& server)
       "requests wait: " + OfLimit(server.queue, server.queueLimit) + " in the queue");
   add(IsNear(static_cast<double>(server.openFiles), static_cast<double>(server.openFilesLimit)), "open_files",
       "few descriptors are left: " + OfLimit(server.openFiles, server.openFilesLimit) + " are open");
-  add(server.logFailures > 0, "log_failures",
-      Plural(static_cast<std::size_t>(server.logFailures), "line") +
-          " could not be written to the log since the start");
+  // Once it is written again, this is news for an hour, as a loss or a refusal is.
+  add(server.logFailed > 0 && (server.time - server.logFailed < kHour || server.logFailed > server.logWritten),
+      "log_failures",
+      "lines are missing in the log: it could not be written, " +
+          Plural(static_cast<std::size_t>(server.logFailures), "time") + " since the start, last " +
+          ShownTime(server.logFailed, server.time) + " (a full disk?)");
   add(server.reportsPerSecond > 0 && logSilence > kLogSilence, "log_silent",
       "reports come, but the log was not written for " + ShownAge(logSilence) +
           " (with SPDLOG_LEVEL=warn it is not)");

@@ -100,6 +100,7 @@ void PutServer(JsonOutput& json, const StatusServer& server) {
   json.Put("open_files_limit", server.openFilesLimit);
   json.Put("replies_lost", server.repliesLost);
   json.Put("log_written", server.logWritten);
+  json.Put("log_failed", server.logFailed);
   json.Put("log_failures", server.logFailures);
 }
 

@@ -69,7 +69,8 @@ def test_nothing_that_peers_send_steers_a_terminal(serve, arguments):
         (1, ["queue"], [{"queue": 30}]),
         (1, ["open_files"], [{"open_files": 1000}]),
         (1, ["near_capacity"], [{"reports_per_second": 90}]),
-        (1, ["log_failures"], [{"log_failures": 1}]),
+        (1, ["log_failures"], [{"log_failures": 1, "log_failed": NOW - 3599}]),
+        (1, ["log_failures"], [{"log_failures": 1, "log_failed": NOW - 4000, "log_written": NOW - 4001}]),
         (1, ["log_silent"], [{"log_written": NOW - 100}]),
         (1, ["late"], [instance("a", state="late")]),
         (1, ["not_back"], [instance("a", state="not_back", last=NOW - 66)]),
@@ -77,7 +78,7 @@ def test_nothing_that_peers_send_steers_a_terminal(serve, arguments):
             instance("a", flags=["new", "huge_count", "same_identity", "same_camera"])]),
         (1, ["lost"], [{"type": "loss", "lost": NOW - 3599}]),
         (1, ["refused"], [{"type": "refusal", "code": "0xE248", "last": NOW - 3599}]),
-        (0, [], [{"type": "loss", "lost": NOW - 3600}, {"type": "refusal", "last": NOW - 3600}, {"type": "new"}]),
+        (0, [], [{"log_failures": 1, "log_failed": NOW - 3600}, {"type": "loss", "lost": NOW - 3600}, {"type": "refusal", "last": NOW - 3600}, {"type": "new"}]),
     ],
 )  # fmt: skip
 def test_status_says_what_is_wrong(serve, code, kinds, objects):

@@ -72,6 +72,7 @@ def test_a_new_pair_has_its_exact_sizes_and_modes(tmp_path, umask):
     scrambled, public = out / "private.scrambled", out / "public.pem"
     assert (scrambled.stat().st_size, len(unscramble(scrambled.read_bytes()))) == (2232, 1674)
     assert [stat.S_IMODE(file.stat().st_mode) for file in (scrambled, public)] == [0o600, 0o644]
+    assert (out / ".gitignore").read_text() == "/private.scrambled\n"
 
 
 @pytest.mark.parametrize("name", ["private.scrambled", "public.pem"])
