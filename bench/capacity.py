@@ -1,7 +1,7 @@
 """What one server carries: prints each figure beside the one it must reach. `./dev bench --capacity` runs it.
 
 The server and the fleet run on this machine over loopback, the console goes to /dev/null, and nothing else should
-be running. `--quick` leaves out the run of ten minutes.
+be running. `--quick` leaves out the long runs; `--watched SECONDS` measures only what it costs to be watched.
 """
 
 import contextlib
@@ -28,12 +28,13 @@ def await_answer():
 
 
 @contextlib.contextmanager
-def running(program, *arguments):
+def running(program, *arguments, **environment):
     """Yields the process id and log file of a server that answers."""
     with tempfile.TemporaryDirectory() as directory:
         process = subprocess.Popen(
             [os.path.join(BUILD, program), *arguments],
             cwd=directory,
+            env={**os.environ, **environment},
             stdin=subprocess.DEVNULL,
             stdout=subprocess.DEVNULL,
         )
@@ -248,7 +249,42 @@ def a_large_fleet():
     row(what + "p99 latency", outcome["p99_ms"], None, "ms")
 
 
+@contextlib.contextmanager
+def watched(path):
+    """`ugs top` on a terminal, and three pages, each of which asks once a second."""
+    top = ["script", "--quiet", "--command", f"{UGS[0]} top --socket {path}", "/dev/null"]
+    pages = [[*UGS, "page", "--socket", path, "--port", str(port)] for port in (19305, 19306, 19307)]
+    quiet = {"stdin": subprocess.PIPE, "stdout": subprocess.DEVNULL, "env": {**os.environ, "TERM": "xterm"}}
+    watchers = [subprocess.Popen(command, **quiet) for command in (top, *pages)]
+    try:
+        yield
+        assert all(watcher.poll() is None for watcher in watchers), "a watcher has ended"
+    finally:
+        for watcher in watchers:
+            watcher.terminate()
+            watcher.wait()
+
+
+def a_watched_server(seconds):
+    medians = bench_medians("Status(Snapshot|Text)/12000$")
+    row("a snapshot of 12,000 instances", medians["StatusText/12000"] / 1000, 50, "ms")
+    row("the registry's lock held for it", medians["StatusSnapshot/12000"] / 1000, 2, "ms")
+    p99 = {}
+    for name, watchers in (("nobody", contextlib.nullcontext), ("ugs top and three pages", watched)):
+        with tempfile.TemporaryDirectory() as directory:
+            path = os.path.join(directory, "status")
+            with running("KorvaneUGS", UGS_STATUS=path), watchers(*[path] if watchers is watched else []):
+                outcome = fleet(10000, "--rate", 85, "--duration", seconds)
+        what = f"10,000 instances at 85/s for {seconds} s, watched by {name}: "
+        p99[name] = outcome["p99_ms"]
+        row(what + "replies per second", outcome["per_second"], 84, "/s", at_least=True)
+        row(what + "p99 latency", outcome["p99_ms"], None if name == "nobody" else p99["nobody"] + 1, "ms")
+
+
 print("| what | reached | must be | reached it |\n|---|---|---|---|")
+if "--watched" in sys.argv:
+    a_watched_server(int(sys.argv[sys.argv.index("--watched") + 1]))
+    sys.exit()
 cost_of_a_report()
 saturated_rate(0, 90)
 saturated_rate(1000, 90)
@@ -264,3 +300,4 @@ memory()
 a_host_agent()
 if "--quick" not in sys.argv:
     a_large_fleet()
+    a_watched_server(360)

@@ -65,6 +65,10 @@ std::string Padded(std::string_view text, std::size_t width) {
   return shown.append(width - WidthOf(shown), ' ');
 }
 
+std::string Counted(std::int64_t number, std::string_view noun) {
+  return std::to_string(number).append(" ").append(noun).append(number == 1 ? "" : "s");
+}
+
 std::string ShownAge(std::int64_t seconds) {
   constexpr std::int64_t minute = 60;
   constexpr std::int64_t hour = 60 * minute;

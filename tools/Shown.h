@@ -19,6 +19,9 @@ std::size_t WidthOf(std::string_view shown);
 // Shown, cut and filled up with blanks to exactly `width` columns.
 std::string Padded(std::string_view text, std::size_t width);
 
+// "1 report", "2 reports"
+std::string Counted(std::int64_t number, std::string_view noun);
+
 // "12 s", "3 min", "5 h", "3 d"; negative ones, as of a clock that was set back, are "0 s".
 std::string ShownAge(std::int64_t seconds);
 

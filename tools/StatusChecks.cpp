@@ -15,10 +15,6 @@ constexpr std::size_t kNameWidth = 40;
 constexpr double kNear = 0.8;             // of a limit
 constexpr std::int64_t kLogSilence = 60;  // seconds; the server flushes its log every 5 s
 
-std::string Plural(std::size_t number, const std::string& noun) {
-  return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
-}
-
 std::string Name(const StatusPeer& peer) {
   return Shown(peer.identity, kNameWidth) + " (" + Shown(peer.address, kNameWidth) + ")";
 }
@@ -38,7 +34,8 @@ void AddGroup(std::vector<StatusProblem>& problems, const char* kind, const std:
     if (++number <= kNamed) names.push_back(describe(row));
   }
   if (number == 0) return;
-  std::string text = Plural(number, noun) + " " + what + ": " + Joined(names, ", ");
+  std::string text =
+      Counted(static_cast<std::int64_t>(number), noun) + " " + what + ": " + Joined(names, ", ");
   if (number > kNamed) text += " and " + std::to_string(number - kNamed) + " more";
   problems.push_back({kind, text});
 }
@@ -85,8 +82,8 @@ void AddRefusals(std::vector<StatusProblem>& problems, const StatusSnapshot& sna
     problems.push_back(
         {"refused", Shown(refusal.address, kNameWidth) + who + " is refused with " +
                         Shown(refusal.code, kNameWidth) + " (" + MeaningOfRefusal(refusal.code) + "), " +
-                        Plural(static_cast<std::size_t>(refusal.count), "time") + " since " +
-                        ShownTime(refusal.first, now) + ", last " + ShownTime(refusal.last, now)});
+                        Counted(refusal.count, "time") + " since " + ShownTime(refusal.first, now) +
+                        ", last " + ShownTime(refusal.last, now)});
   }
 }
 
@@ -117,11 +114,11 @@ void AddServer(std::vector<StatusProblem>& problems, const StatusServer& server)
   add(IsNear(static_cast<double>(server.openFiles), static_cast<double>(server.openFilesLimit)), "open_files",
       "few descriptors are left: " + OfLimit(server.openFiles, server.openFilesLimit) + " are open");
   // Once it is written again, this is news for an hour, as a loss or a refusal is.
-  add(server.logFailed > 0 && (server.time - server.logFailed < kHour || server.logFailed > server.logWritten),
+  add(server.logFailed > 0 &&
+          (server.time - server.logFailed < kHour || server.logFailed > server.logWritten),
       "log_failures",
-      "lines are missing in the log: it could not be written, " +
-          Plural(static_cast<std::size_t>(server.logFailures), "time") + " since the start, last " +
-          ShownTime(server.logFailed, server.time) + " (a full disk?)");
+      "lines are missing in the log: it could not be written, " + Counted(server.logFailures, "time") +
+          " since the start, last " + ShownTime(server.logFailed, server.time) + " (a full disk?)");
   add(server.reportsPerSecond > 0 && logSilence > kLogSilence, "log_silent",
       "reports come, but the log was not written for " + ShownAge(logSilence) +
           " (with SPDLOG_LEVEL=warn it is not)");

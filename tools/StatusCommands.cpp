@@ -35,22 +35,24 @@ std::int64_t CamerasOf(const StatusSnapshot& snapshot) {
 std::string InstancesLine(const StatusSnapshot& snapshot) {
   const std::int64_t fresh =
       NumberOf(snapshot, [](const StatusInstance& instance) { return instance.Has("new"); });
-  return fmt::format("{} instances ({} alive, {} late, {} not back; {} new), {} cameras",
-                     snapshot.instances.size(), NumberIn(snapshot, "alive"), NumberIn(snapshot, "late"),
-                     NumberIn(snapshot, "not_back"), fresh, CamerasOf(snapshot));
+  return fmt::format("{} ({} alive, {} late, {} not back; {} new), {}",
+                     Counted(std::ssize(snapshot.instances), "instance"), NumberIn(snapshot, "alive"),
+                     NumberIn(snapshot, "late"), NumberIn(snapshot, "not_back"), fresh,
+                     Counted(CamerasOf(snapshot), "camera"));
 }
 
 std::string LoadLine(const StatusServer& server) {
-  return fmt::format(
-      "{:.1f} of {:.0f} reports/s; queue {} (peak {}) of {}; {} connections; {} of {} open files",
-      server.reportsPerSecond, server.reportsPerSecondLimit, server.queue, server.queuePeak,
-      server.queueLimit, server.connections, server.openFiles, server.openFilesLimit);
+  return fmt::format("{:.1f} of {:.0f} reports/s; queue {} (peak {}) of {}; {}; {} of {} open files",
+                     server.reportsPerSecond, server.reportsPerSecondLimit, server.queue, server.queuePeak,
+                     server.queueLimit, Counted(server.connections, "connection"), server.openFiles,
+                     server.openFilesLimit);
 }
 
 std::string CountersLine(const StatusServer& server) {
-  return fmt::format("{} reports, {} refused, {} greetings, {} replies lost; rebuilt {}, log written {}",
-                     server.reports, server.refused, server.greetings, server.repliesLost,
-                     ShownTime(server.rebuilt, server.time), ShownTime(server.logWritten, server.time));
+  return fmt::format("{}, {} refused, {}, {} replies lost; rebuilt {}, log written {}",
+                     Counted(server.reports, "report"), server.refused, Counted(server.greetings, "greeting"),
+                     server.repliesLost, ShownTime(server.rebuilt, server.time),
+                     ShownTime(server.logWritten, server.time));
 }
 
 void PrintProblems(const std::vector<StatusProblem>& problems) {
@@ -173,7 +175,8 @@ void ShowInstances(const StatusOptions& options) {
                  if (!feature.empty()) json.Put("sum", sum);
                });
   if (!feature.empty() && !options.json && !options.csv) {
-    std::cout << fmt::format("{} in use: {}, by {} instances\n", feature, sum, instances.size());
+    std::cout << fmt::format("{} in use: {}, by {}\n", feature, sum,
+                             Counted(std::ssize(instances), "instance"));
   }
 }
 

@@ -50,6 +50,10 @@ Listing ListInstances(const std::vector<StatusInstance>& instances, std::int64_t
        [](const Row& row) {
          return row.state;
        }},
+      {{"flags", "flags"},
+       [](const Row& row) {
+         return row.flags;
+       }},
       {{"cameras_count", "cameras"},
        [](const Row& row) {
          return row.camerasCount;
@@ -61,10 +65,6 @@ Listing ListInstances(const std::vector<StatusInstance>& instances, std::int64_t
       {{"container", "container"},
        [](const Row& row) {
          return row.container;
-       }},
-      {{"flags", "flags"},
-       [](const Row& row) {
-         return row.flags;
        }},
       {{"counts", "in use"},
        [](const Row& row) {

@@ -1,0 +1,217 @@
+#include "FleetStatus.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+#include <random>
+
+#include "FileDescriptor.h"
+#include "KorvaneControllerServer.h"
+#include "Logging.h"
+#include "ServiceManager.h"
+#include "StatusReport.h"
+#include "StatusText.h"
+#include "TestSupport.h"
+#include "UsageRecords.h"
+
+namespace {
+
+UGSRequest::RequestData RequestOf(int id, const ugs::UsageCounts& counts) {
+  return {.camRtspUrls = {"c"}, .korvaneId = std::to_string(id), .counts = counts};
+}
+
+class FleetStatusTest : public testing::Test {
+ protected:
+  void Report(int id, const ugs::UsageCounts& counts) {
+    auto request = RequestOf(id, counts);
+    records->ApplyRequest(request);
+  }
+  void EndTurn() {
+    records->CheckTimeStamp();
+    status.EndTurn({});
+  }
+  void Rebuild() {
+    records = std::make_unique<UsageRecords>(&status);
+    status.Rebuilt();
+  }
+  // How often `text` stands in what the socket would show now.
+  [[nodiscard]] std::size_t Shown(const std::string& text) const {
+    const std::string shown = WriteStatus(status.TakeSnapshot(), {});
+    std::size_t number = 0;
+    for (auto at = shown.find(text); at != std::string::npos; at = shown.find(text, at + 1)) ++number;
+    return number;
+  }
+
+  CapturedLog log;
+  FakeClock clock{1'790'000'000};
+  FleetStatus status;
+  std::unique_ptr<UsageRecords> records = std::make_unique<UsageRecords>(&status);
+};
+
+template <typename Print>
+std::vector<std::string> Printed(Print print) {
+  const CapturedLog log;
+  print();
+  return log.Lines();
+}
+
+TEST_F(FleetStatusTest, ItsTotalsAreThoseOfTheLogAtAnyMoment) {
+  constexpr int moments = 1000;
+  std::mt19937 random(1);
+  const auto below = [&](std::uint32_t limit) {
+    return static_cast<std::uint32_t>(random() % limit);
+  };
+  for (int moment = 0; moment < moments; ++moment) {
+    clock.now += static_cast<std::int32_t>(below(60) == 0 ? below(100) : below(5));
+    if (below(150) == 0) Rebuild();
+    const std::uint32_t huge = below(20) == 0 ? 0x8000'0000U : 0;
+    // Seldom the later ones, so that they expire.
+    const auto id = static_cast<int>(below(below(40) + 1));
+    if (below(10) != 0) Report(id, {.maxCameras = below(9) + huge, .numPX = below(3)});
+    EndTurn();
+    const FleetStatus::Snapshot shown = status.TakeSnapshot();
+    EXPECT_EQ(Printed([&] { LogStatus(clock.now, shown.totals); }), Printed([&] { records->PrintStatus(); }));
+    EXPECT_EQ(std::ranges::count(shown.instances, shown.generation,
+                                 [](const auto& one) { return one->generation; }),
+              std::ssize(records->Snapshot()));
+  }
+  EXPECT_GT(Shown("\"reason\":\"silent\""), 10U);
+  EXPECT_GT(Shown("\"reason\":\"not_back\""), 5U);
+}
+
+TEST_F(FleetStatusTest, AnInstanceTurnsLateAfterTwoPeriodsAndIsLostAfterTwoMinutes) {
+  for (int report = 0; report < 3; ++report) {
+    Report(7, {.maxCameras = 1});
+    clock.now += 30;
+  }
+  const std::int32_t last = clock.now - 30;
+  const auto stateAfter = [&](std::int32_t silence) {
+    clock.now = last + silence;
+    EndTurn();
+    for (const char* state : {"alive", "late"}) {
+      if (Shown("\"state\":\"" + std::string(state)) == 1) return state;
+    }
+    return Shown("\"lost\":" + std::to_string(clock.now)) == 1 ? "lost" : "?";
+  };
+  EXPECT_STREQ(stateAfter(65), "alive");
+  EXPECT_STREQ(stateAfter(66), "late");
+  EXPECT_STREQ(stateAfter(120), "late");
+  EXPECT_STREQ(stateAfter(121), "lost");
+}
+
+TEST_F(FleetStatusTest, TenThousandAddressesThatAreRefusedTakeNoMoreRoomThan256) {
+  constexpr FunctionLog source("test");
+  const std::string megabyte(1 << 20, 'x');
+  for (int number = 0; number < 10'000; ++number) {
+    status.BeginRequest("10.0." + std::to_string(number / 256) + "." + std::to_string(number % 256));
+    if (number % 100 == 0) status.ReadDocument("v6", megabyte);
+    source.Error("Error 0x00AE06: Decryption fail");
+    status.EndRequest(UGSDefs::Failed);
+  }
+  const auto refusals = status.TakeSnapshot().refusals;
+  EXPECT_EQ(refusals.size(), 257U);
+  EXPECT_EQ(refusals.at({"others", "0x00AE06"}).count, 10'000U - 256U);
+  for (const auto& [key, refusal] : refusals) EXPECT_LT(refusal.identity.size(), 600U);
+}
+
+// Its intake hangs in the reply to a request, until it is let go.
+class StuckTransport : public KorvaneUGSCommunicator {
+ public:
+  bool Start() override {
+    SetServing(true);
+    return true;
+  }
+  bool SetPort(std::uint32_t /*port*/) override { return true; }
+  void Reply(std::string /*identity*/, std::string /*reply*/) override {
+    isStuck = true;
+    isStuck.wait(true);
+  }
+  void Request() { CopyRequestCallback()("i", "x"); }
+  void LetGo() {
+    isStuck = false;
+    isStuck.notify_all();
+  }
+
+  std::atomic<bool> isStuck = false;
+};
+
+// A service manager: a datagram socket in the abstract namespace.
+class Manager {
+ public:
+  Manager() : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0), "socket") {
+    const std::string name = "ugs-test-" + std::to_string(getpid());
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    name.copy(address.sun_path + 1, name.size());
+    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+    EXPECT_EQ(bind(socket_.Number(), reinterpret_cast<const sockaddr*>(&address), size), 0);
+    setenv("NOTIFY_SOCKET", ("@" + name).c_str(), 1);
+  }
+  ~Manager() { unsetenv("NOTIFY_SOCKET"); }
+  Manager(const Manager&) = delete;
+  Manager& operator=(const Manager&) = delete;
+
+  // What it was told since the last call.
+  std::vector<std::string> Told() {
+    std::vector<std::string> told;
+    std::array<char, 1000> text{};
+    for (ssize_t size = 0; (size = recv(socket_.Number(), text.data(), text.size(), 0)) > 0;) {
+      told.emplace_back(text.data(), static_cast<std::size_t>(size));
+    }
+    return told;
+  }
+
+ private:
+  FileDescriptor socket_;
+};
+
+TEST(ServiceManagerTest, TheWatchdogIsFedWhileTheIntakeTurnsAndThroughARebuild) {
+  EXPECT_FALSE(ServiceManager().IsThere());
+  const CapturedLog log;
+  Manager listener;
+  ServiceManager manager;
+  ASSERT_TRUE(manager.IsThere());
+  const auto makeServer = [](StuckTransport*& transport) {
+    auto owned = std::make_unique<StuckTransport>();
+    transport = owned.get();
+    return std::make_unique<KorvaneControllerServer>(false, 0, "", std::move(owned));
+  };
+  const std::vector<std::string> fed{"WATCHDOG=1"};
+  StuckTransport* transport = nullptr;
+  auto server = makeServer(transport);
+  const auto feeds = [&] {
+    manager.Tell(*server, std::nullopt);
+    return listener.Told() == fed;
+  };
+  manager.Tell(*server, std::nullopt);
+  EXPECT_TRUE(listener.Told().empty());  // the port is not open, and nothing turns
+  server->Start();
+  manager.Tell(*server, std::nullopt);
+  EXPECT_EQ(listener.Told().front(), "READY=1");
+  EXPECT_TRUE(Await(feeds));
+
+  transport->Request();
+  ASSERT_TRUE(Await([&] { return transport->isStuck.load(); }));
+  feeds();  // for the turns until then
+  EXPECT_FALSE(feeds());
+  EXPECT_FALSE(feeds());
+  transport->LetGo();
+  EXPECT_TRUE(Await(feeds));
+
+  server = makeServer(transport);
+  server->Start();
+  EXPECT_TRUE(feeds());
+  FleetStatus::Summary summary{.instances = 2, .cameras = 9, .lastReport = 95, .time = 100};
+  manager.Tell(*server, summary);
+  EXPECT_EQ(listener.Told().back(), "STATUS=2 instances, 9 cameras, last report 5 s ago");
+}
+
+}  // namespace
