@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Has our files for packages, service, monitoring and foreign clients read by the programs that they are for.
+# Has our files for packages, services, monitoring and foreign clients read by the programs that they are for.
 # $1: directory of the packages; $2: directory into which the npm package was installed. For ./dev check-deploy.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
-packages=$1 node=$(readlink -f "$2") golden=$PWD/tests/deploy/golden monitoring=$PWD/deploy/monitoring
+packages=$1 node=$(readlink -f "$2") monitoring=$PWD/deploy/monitoring
 scratch=$(mktemp -d)
 trap 'kill $(jobs -p) 2>/dev/null; wait; rm -rf "$scratch"' EXIT
 
@@ -15,32 +15,25 @@ check() {
 await() { for _ in {1..120}; do "$@" >/dev/null 2>&1 && return; sleep 1; done; "$@"; }
 
 check packages lintian --fail-on error "$packages"/*.deb
-check "the unit's sandbox" systemd-analyze security --offline=true --threshold=15 deploy/korvaneugs.service
+for unit in deploy/*.service; do
+  check "the sandbox of $unit" systemd-analyze security --offline=true --threshold=15 "$unit"
+done
 cd "$monitoring"
 check "Prometheus' configuration" promtool check config prometheus.yml
 check "its alerts" promtool test rules rules_test.yml
 check "an agent's configuration" promtool check config --agent ../many-sites/site.yml
 cd - >/dev/null
-check "a log's metrics" diff "$golden.metrics" <(mtail --progs "$monitoring/ugs.mtail" --emit_prog_label=false --one_shot \
-  --one_shot_format prometheus --logs "$golden.log" --log_dir "$scratch" 2>/dev/null | grep '^ugs_' | sort)
-cp "$golden.log" "$scratch/KorvaneUGS.log.txt"
-check "lnav's format" env HOME="$scratch" lnav -i deploy/lnav/korvaneugs.json
-errors() { HOME=$scratch lnav -n -c ";SELECT count(*) AS errors FROM korvaneugs WHERE log_level='error'" "$1"; }
-check "a log in lnav" grep -E '^ *5 *$|errors +5' <(errors "$scratch/KorvaneUGS.log.txt")
 
-: >"$scratch/log"
-./dev monitor "$scratch/log" >/dev/null &
-prometheus=http://127.0.0.1:19090
-await curl -fs -o "$scratch/page" $prometheus/consoles/ugs.html
-sed -n '/<script>/,/<\/script>/{//!p}' "$scratch/page" >"$scratch/page.js"
-check "the page's script" node --check "$scratch/page.js"
-cat "$golden.log" >>"$scratch/log"
-answers() { curl -fsG --data-urlencode "query=$1" $prometheus/api/v1/query | grep '"result":\[{'; }
-while read -r expression; do
-  check "$expression" await answers "$expression"
-done < <(jq -r '.panels[].targets[].expr | sub("\\$__range"; "1h")' "$monitoring/grafana.json")
+# A server, its page, and Prometheus.
+(cd "$scratch" && UGS_STATUS=status exec "$OLDPWD/build/release/tests/server-with-test-key" </dev/null >console) &
+build/release/ugs page --socket "$scratch/status" >"$scratch/page.out" &
+metrics=http://127.0.0.1:9305/metrics log=$scratch/logs/KorvaneUGS.log.txt prometheus=127.0.0.1:19090
+sed "s/15s/1s/; s|- rules.yml|- $monitoring/rules.yml|" "$monitoring/prometheus.yml" >"$scratch/prometheus.yml"
+prometheus --config.file "$scratch/prometheus.yml" --storage.tsdb.path "$scratch/data" --web.listen-address $prometheus \
+  2>"$scratch/prometheus.err" &
+answers() { curl -fsG --data-urlencode "query=$1" http://$prometheus/api/v1/query | grep '"result":\[{'; }
+check "Prometheus at the page" await answers 'ugs_up == 1'
 
-(cd "$scratch" && exec "$OLDPWD/build/release/tests/server-with-test-key" </dev/null >console) &
 cat >"$scratch/Report.java" <<'JAVA'
 import org.zeromq.ZMQ;
 
@@ -61,6 +54,26 @@ check "JeroMQ, which speaks ZMTP 2.0" diff <(echo 0) \
 cp tests/deploy/javascript_test.mjs "$node"  # Node looks for packages beside the script
 check "the JavaScript package" env UGS_VECTORS="$PWD/docs/vectors" UGS_COMMAND="$node/node_modules/.bin/ugs-client" \
   node --test "$node/javascript_test.mjs"
+
+check "metrics" promtool check metrics < <(curl -fs "$metrics")
+check "metrics of each instance" promtool check metrics < <(curl -fs "$metrics?instances=1")
+# Reports and errors by code, from the log and from the page.
+logged() {
+  echo "reports $(grep -c 'DETECT NEW REQUEST' "$log")"
+  sed -n 's/^\[[^]]*\]\[E\].*\(0x[0-9A-F]*\).*/\1/p' "$log" | sort | uniq -c | awk '{print $2, $1}'
+}
+shown() {
+  curl -fs "$metrics" | sed -n 's/^ugs_reports_total/reports/p'
+  curl -fs "$metrics" | sed -n 's/^ugs_errors_total{code="\(.*\)"} \([1-9].*\)/\1 \2/p' | sort
+}
+agree() { diff <(logged) <(shown); }
+check "metrics as in the log" await agree
+while read -r expression; do
+  check "$expression" await answers "$expression"
+done < <(jq -r '.panels[].targets[].expr | sub("\\$__range"; "1h")' "$monitoring/grafana.json")
+check "lnav's format" env HOME="$scratch" lnav -i deploy/lnav/korvaneugs.json
+errors() { HOME=$scratch lnav -n -c ";SELECT count(*) AS errors FROM korvaneugs WHERE log_level='error'" "$log"; }
+check "a log in lnav" grep -wF -- "$(grep -c '\]\[E\] ' "$log")" <(errors)
 
 # Programs that call the C library of the packages, as the page shows them.
 for package in "$packages"/*.deb; do dpkg-deb -x "$package" "$scratch/root"; done
