@@ -51,40 +51,117 @@ greet() {
   [ -s "$root/var/log/korvaneugs/logs/KorvaneUGS.log.txt" ] || fail "no log"
 }
 
-# Boots the root with its own systemd: the sandbox of the unit can be tried in no other way.
+# Boots the root with its own systemd: the sandboxes of the units can be tried in no other way. On the way it upgrades.
 boot() {
+  rm -rf "$root/root/newer"
+  cp -r "$newer" "$root/root/newer"
   cat >"$root/root/try.sh" <<'TRY'
-ugs ping --wait 30
+exec 2>&1
+rm /usr/sbin/policy-rc.d  # packages may start and stop services from here on
+pid() { systemctl show "$1" -p MainPID --value; }
+ask() { /usr/bin/python3 -c 'import sys, urllib.request as r; print(r.urlopen("http://127.0.0.1:9305" + sys.argv[1]).read().decode())' "$1"; }
+until_shown() { for _ in $(seq 200); do ask /metrics 2>/dev/null | grep -x "$1" && return; sleep 0.2; done; }
+may_read() {
+  if runuser -u "$1" -- head -c 1 "$2" >/dev/null 2>&1; then echo "$1 reads $2"; else echo "$1 does not read $2"; fi
+  if runuser -u "$1" -- test -x "$2"; then echo "$1 runs $2"; fi
+}
+useradd joe
+usermod -aG korvaneugs joe
+echo "# the server"
+ugs ping --wait 60
 systemctl start korvaneugs  # returns once it is ready
 systemctl is-active korvaneugs
 stat -c "%A %U %G" /run/korvaneugs /run/korvaneugs/status
 systemctl show korvaneugs -p StatusText
-kill -ABRT "$(systemctl show korvaneugs -p MainPID --value)"
-ugs ping --wait 30
+kill -ABRT "$(pid korvaneugs)"
+ugs ping --wait 60
+echo "# the page"
+systemctl is-enabled korvaneugs-page
+systemctl is-active korvaneugs-page
+systemctl enable --now korvaneugs-page 2>/dev/null
+until_shown "ugs_up 1"
+ask / | grep -c "<html"
+stat -c "%A %U %G" /var/lib/korvaneugs
+kill -KILL "$(pid korvaneugs-page)"
+until_shown "ugs_up 1"
+systemctl show korvaneugs-page -p NRestarts -p RestartUSec
+systemctl stop korvaneugs
+until_shown "ugs_up 0"
+systemctl start korvaneugs
+until_shown "ugs_up 1"
+until_shown "ugs_starts_total 2"
+echo "# who reads what"
+runuser -u joe -- ugs status >/dev/null
+echo "joe sees the status: $?"
+may_read joe /var/log/korvaneugs/logs/KorvaneUGS.log.txt
+may_read joe /usr/sbin/KorvaneUGS
+may_read korvaneugs-page /usr/sbin/KorvaneUGS
+# As the page's process does: with its groups and in its namespace, whose root may not help.
+nsenter --target "$(pid korvaneugs-page)" --mount --setuid "$(id -u korvaneugs-page)" --setgid "$(id -g korvaneugs)" \
+  head -c 1 /usr/sbin/KorvaneUGS /var/log/korvaneugs/logs/KorvaneUGS.log.txt 2>/dev/null | wc -c
+echo "# an upgrade"
+before="$(pid korvaneugs) $(pid korvaneugs-page)"
+dpkg -i /root/newer/*.deb >/root/upgrade.out 2>&1
+ugs ping --wait 60
+until_shown "ugs_up 1"
+for after in $(pid korvaneugs) $(pid korvaneugs-page); do case " $before " in *" $after "*) echo "not restarted" ;; esac; done
+systemctl disable --now korvaneugs-page 2>/dev/null
+dpkg -i /root/newer/korvaneugs-page*.deb >>/root/upgrade.out 2>&1
+systemctl is-enabled korvaneugs-page
+systemctl is-active korvaneugs-page
+systemctl enable --now korvaneugs-page 2>/dev/null
+apt-get remove -qq -y korvaneugs-page >>/root/upgrade.out 2>&1
+systemctl is-active korvaneugs-page
+ls -d /var/lib/korvaneugs
 systemctl stop korvaneugs
 [ -e /run/korvaneugs ] || echo "no socket is left"
-systemctl show korvaneugs -p NRestarts -p ExecMainStatus -p Result
-systemctl poweroff 2>/dev/null
+systemctl show korvaneugs -p ExecMainStatus -p Result
 TRY
   cat >"$root/etc/systemd/system/try.service" <<'UNIT'
 [Service]
 ExecStart=/bin/sh /root/try.sh
+ExecStopPost=sh -c "systemctl poweroff >/dev/null 2>&1"
 StandardOutput=file:/root/try.out
-StandardError=inherit
 UNIT
   ln -s ../try.service "$root/etc/systemd/system/multi-user.target.wants/"
-  timeout 120 systemd-nspawn --quiet --register=no --keep-unit --boot --directory "$root" </dev/null >"$root/root/boot.out" 2>&1 || true
+  timeout --kill-after=10 600 systemd-nspawn --quiet --register=no --keep-unit --private-network --boot --directory "$root" </dev/null \
+    >"$root/root/boot.out" 2>&1 || true
   rm "$root/etc/systemd/system/multi-user.target.wants/try.service"
-  diff - "$root/root/try.out" <<'EXPECTED' || fail "the service under systemd: $(tail -n 5 "$root/root/boot.out")"
+  diff - "$root/root/try.out" <<'EXPECTED' || fail "the services under systemd: $(tail -n 5 "$root/root/boot.out")"
+# the server
 1 (hello)
 active
 drwxr-x--- korvaneugs korvaneugs
 srw-rw---- korvaneugs korvaneugs
 StatusText=no report yet
 1 (hello)
+# the page
+disabled
+inactive
+ugs_up 1
+1
+drwxr-x--- korvaneugs-page korvaneugs
+ugs_up 1
+RestartUSec=200ms
+NRestarts=1
+ugs_up 0
+ugs_up 1
+ugs_starts_total 2
+# who reads what
+joe sees the status: 0
+joe reads /var/log/korvaneugs/logs/KorvaneUGS.log.txt
+joe does not read /usr/sbin/KorvaneUGS
+korvaneugs-page does not read /usr/sbin/KorvaneUGS
+0
+# an upgrade
+1 (hello)
+ugs_up 1
+disabled
+inactive
+inactive
+/var/lib/korvaneugs
 no socket is left
 Result=success
-NRestarts=1
 ExecMainStatus=0
 EXPECTED
 }
@@ -92,16 +169,16 @@ EXPECTED
 make_root
 install_from "$packages"
 greet
-boot
-[ "$(inside stat -c "%a %U %G" /usr/sbin/KorvaneUGS)" = "750 root korvaneugs" ] || fail "the program is open to all"
-inside systemd-analyze verify --man=no /lib/systemd/system/korvaneugs.service || fail "systemd-analyze verify"
+[ "$(inside stat -c "%a %U %G" /usr/sbin/KorvaneUGS)" = "750 root korvaneugs-key" ] || fail "the program is open to all"
+inside sh -c 'systemd-analyze verify --man=no /lib/systemd/system/korvaneugs*.service' || fail "systemd-analyze verify"
 [ -L "$root/etc/systemd/system/multi-user.target.wants/korvaneugs.service" ] || fail "the service is not enabled"
+boot
 install_from "$newer"
 greet
-[ "$(inside stat -c '%a %U %G' /usr/sbin/KorvaneUGS)" = "750 root korvaneugs" ] || fail "an upgrade opened the program"
+[ "$(inside stat -c '%a %U %G' /usr/sbin/KorvaneUGS)" = "750 root korvaneugs-key" ] || fail "an upgrade opened the program"
 inside apt-get remove -qq -y korvaneugs >/dev/null 2>&1
 [ -d "$root/var/log/korvaneugs" ] || fail "removing took the logs away"
-inside sh -c 'dpkg --purge korvaneugs korvaneugs-tools python3-ugs-client libugs-client-dev libugs-client1' >/dev/null
-left=$(find "$root" -xdev \( -iname '*korvaneugs*' -o -name 'ugs.*' -o -name '*ugs[-_]client*' \) ! -path '*/tmp/packages*')
+inside sh -c 'dpkg --purge korvaneugs korvaneugs-page korvaneugs-tools python3-ugs-client libugs-client-dev libugs-client1' >/dev/null
+left=$(find "$root" -xdev \( -iname '*korvaneugs*' -o -name 'ugs.*' -o -name '*ugs[-_]client*' \) ! -path '*/tmp/packages*' ! -path '*/root/newer*')
 [ -z "$left" ] || fail "left after a purge: $left"
 echo "packages: installed, answered, confined by systemd, restarted, upgraded, removed and purged"
