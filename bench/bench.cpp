@@ -147,7 +147,7 @@ void StatusSnapshot(benchmark::State& state) {
   Fill(records, state.range(0));
   for (auto _ : state) benchmark::DoNotOptimize(status.TakeSnapshot());
 }
-BENCHMARK(StatusSnapshot)->Apply(Sizes);
+BENCHMARK(StatusSnapshot)->Arg(0)->Arg(10000)->Unit(benchmark::kMicrosecond);
 
 void StatusText(benchmark::State& state) {
   FleetStatus status;
@@ -155,7 +155,7 @@ void StatusText(benchmark::State& state) {
   Fill(records, state.range(0));
   for (auto _ : state) benchmark::DoNotOptimize(WriteStatus(status.TakeSnapshot(), LookUpProcessFacts()));
 }
-BENCHMARK(StatusText)->Apply(Sizes);
+BENCHMARK(StatusText)->Arg(0)->Arg(10000)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

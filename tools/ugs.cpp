@@ -343,7 +343,7 @@ Command AddReport(CLI::App& app) {
   }
   command->add_flag("-v,--verbose", options->target.verbose,
                     "explain a refusal by its likely causes; with --directory, print every outcome");
-  command->footer(kReportExamples);
+  command->footer(kReportExamples + ("\nCounts: " + Joined(FeatureNames(), ", ")));
   return [options] {
     if (!options->directory.empty())
       return ReportDirectory(options->directory, options->every, options->target);
@@ -571,7 +571,11 @@ int main(int argc, char** argv) {
       {"top", AddTop(app)},         {"page", AddPage(app)},
       {"history", AddHistory(app)},
   };
-  if (argc > 1 && argv[1][0] != '-' && !commands.contains(argv[1])) {
+  if (argc == 1) {
+    std::cerr << app.help();
+    return kUsageError;
+  }
+  if (argv[1][0] != '-' && !commands.contains(argv[1])) {
     std::vector<std::string> names;
     for (const auto& [name, command] : commands) names.push_back(name);
     std::cerr << "ugs: there is no command \"" << argv[1] << "\"; did you mean "

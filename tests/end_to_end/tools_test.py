@@ -169,13 +169,14 @@ def test_reporting_goes_on_until_it_is_interrupted(start, number):
         ("host:port", ["ping", "--server", "host:port"]),
         ("--rate", ["fleet"]),
         ("did you mean ping", ["pong"]),
+        ("instances                   list the instances", []),
         ("no camera URL", ["report", "--id", "i", "--camera", "--use", "MaxCameras=1"]),
         ("twice", ["report", *ONE, "--use", "PX=1", "--use", "PX=2"]),
         ("did you mean PX?", ["report", *ONE, "--use", "Px=1"]),
     ],
 )
 def test_wrong_usage_is_explained(reason, arguments):
-    result = run(*arguments, *([] if "--key" in arguments else ["--key", KEY_FILE]))
+    result = run(*arguments, *(["--key", KEY_FILE] if arguments and "--key" not in arguments else []))
     assert (result.returncode, result.stdout) == (2, "") and reason in result.stderr
 
 
