@@ -46,6 +46,10 @@ constexpr auto kKeys = [] {
 class Duplicates {
  public:
   explicit Duplicates(const std::vector<FleetStatus::InstancePointer>& instances) {
+    std::size_t cameras = 0;
+    for (const auto& instance : instances) cameras += instance->who->cameras.size();
+    keysOfIdentity_.reserve(instances.size());
+    identityOfCamera_.reserve(cameras);
     for (const auto& instance : instances) {
       const FleetStatus::Who& who = *instance->who;
       ++keysOfIdentity_[who.identity];
