@@ -272,7 +272,7 @@ class Top {
 
   void Run() {
     while (isRunning_) {
-      TopScreen::Draw(view_.LinesFor(TopScreen::CurrentSize()));
+      screen_->Draw(view_.LinesFor(TopScreen::CurrentSize()));
       std::array<pollfd, 3> items{{{STDIN_FILENO, POLLIN, 0},
                                    {signals_.Number(), POLLIN, 0},
                                    {connection_ ? connection_->Descriptor() : -1, POLLIN, 0}}};

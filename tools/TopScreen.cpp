@@ -1,5 +1,7 @@
 #include "TopScreen.h"
 
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -17,12 +19,14 @@ constexpr std::string_view kEnter = "\x1b[?1049h\x1b[?25l";
 constexpr std::string_view kLeave = "\x1b[?25h\x1b[?1049l";
 constexpr std::string_view kClearToEnd = "\x1b[J";
 
-void Write(std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = write(STDOUT_FILENO, text.data(), text.size());
-    if (written == -1 && errno != EINTR) return;  // a terminal that is gone also ends the input
-    if (written > 0) text.remove_prefix(static_cast<std::size_t>(written));
-  }
+constexpr int kPatience = 500;  // ms for which a terminal that takes nothing is waited for
+
+// The terminal once more, for writes that do not wait: with output stopped (Ctrl-S), or with nobody behind
+// it, a write that waits would wait through every signal. O_NONBLOCK on standard output itself would be the
+// shell's, too.
+int OpenTerminal() {
+  const char* const name = ttyname(STDOUT_FILENO);
+  return open(name == nullptr ? "/dev/tty" : name, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
 }
 
 // The line is cleared first: at the last column, clearing what follows would take that character along.
@@ -34,7 +38,7 @@ std::string Placed(std::size_t row, const TopScreen::Line& line, std::size_t col
 
 }  // namespace
 
-TopScreen::TopScreen() {
+TopScreen::TopScreen() : terminal_(OpenTerminal(), "the terminal") {
   if (tcgetattr(STDIN_FILENO, &before_) == -1) {
     throw std::system_error(errno, std::generic_category(), "the terminal");
   }
@@ -43,13 +47,25 @@ TopScreen::TopScreen() {
   keys.c_cc[VMIN] = 1;
   keys.c_cc[VTIME] = 0;
   // In the background this stops the process until it is in the foreground again.
-  while (tcsetattr(STDIN_FILENO, TCSADRAIN, &keys) == -1 && errno == EINTR) continue;
+  while (tcsetattr(STDIN_FILENO, TCSANOW, &keys) == -1 && errno == EINTR) continue;
   Write(kEnter);
 }
 
 TopScreen::~TopScreen() {
   Write(kLeave);
-  while (tcsetattr(STDIN_FILENO, TCSADRAIN, &before_) == -1 && errno == EINTR) continue;
+  while (tcsetattr(STDIN_FILENO, TCSANOW, &before_) == -1 && errno == EINTR) continue;
+}
+
+// What the terminal does not take in time is lost, and drawn anew the next time.
+void TopScreen::Write(std::string_view text) const {
+  pollfd room{terminal_.Number(), POLLOUT, 0};
+  while (!text.empty()) {
+    const ssize_t written = write(terminal_.Number(), text.data(), text.size());
+    if (written > 0) text.remove_prefix(static_cast<std::size_t>(written));
+    if (written == -1 && errno != EINTR && errno != EAGAIN)
+      return;  // a terminal that is gone also ends the input
+    if (written == -1 && errno == EAGAIN && poll(&room, 1, kPatience) == 0) return;
+  }
 }
 
 TopScreen::Size TopScreen::CurrentSize() {
@@ -58,7 +74,7 @@ TopScreen::Size TopScreen::CurrentSize() {
   return {size.ws_row, size.ws_col};
 }
 
-void TopScreen::Draw(const std::vector<Line>& lines) {
+void TopScreen::Draw(const std::vector<Line>& lines) const {
   const Size size = CurrentSize();
   std::string text;
   const std::size_t rows = std::min(lines.size(), size.rows);

@@ -4,7 +4,10 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "FileDescriptor.h"
 
 // The terminal's alternate screen, with keys that come one by one and are not shown. The terminal is as it
 // was before when this is destroyed. One at a time, on one thread. Throws std::system_error if standard input
@@ -28,8 +31,11 @@ class TopScreen {
   [[nodiscard]] static Size CurrentSize();
 
   // What does not fit is cut off.
-  static void Draw(const std::vector<Line>& lines);
+  void Draw(const std::vector<Line>& lines) const;
 
  private:
+  void Write(std::string_view text) const;
+
+  const FileDescriptor terminal_;
   termios before_{};
 };

@@ -5,18 +5,22 @@ import contextlib
 import itertools
 import json
 import os
+import pty
 import re
+import select
 import signal
 import socket
 import subprocess
 import sys
+import threading
 import time
+import urllib.request
 from pathlib import Path
 
 import psutil
 import pytest
 import zmq
-from support import BUILD, HALF_HOUR, PORT, ROOT, SERVER, VECTOR_GREETING, VECTOR_SERVER, VECTORS
+from support import BUILD, HALF_HOUR, PORT, ROOT, SERVER, UGS, VECTOR_GREETING, VECTOR_SERVER, VECTORS
 from support import Peer, begin_fleet, raw_peer, seal, sealed_report, wait_until
 
 pytestmark = pytest.mark.slow
@@ -45,6 +49,40 @@ def seconds_to_answer(peer):
     began = time.monotonic()
     assert peer.ask(sealed_report()) == b"0"
     return time.monotonic() - began
+
+
+def read_for_ever(page, descriptor):
+    """As two browsers and a Prometheus do, and whoever looks at the terminal."""
+    with contextlib.suppress(OSError):
+        while True:
+            for path in ("status", "metrics"):
+                with urllib.request.urlopen(f"http://127.0.0.1:{page}/{path}") as answer:
+                    answer.read()
+            while select.select([descriptor], [], [], 1)[0]:
+                os.read(descriptor, 65536)
+
+
+@contextlib.contextmanager
+def watched(directory):
+    """Two pages with their histories and `ugs top` look at the server all the time. Their processes."""
+    shown = ["--socket", directory / "status"]
+    with contextlib.ExitStack() as stack:
+        watchers = []
+        for page in (9305, 9306):
+            command = [UGS, "page", "--port", str(page), "--history", directory / f"{page}.db", *shown]
+            watchers.append(stack.enter_context(subprocess.Popen(command, stdout=subprocess.DEVNULL)))
+            terminal, inside = pty.openpty()
+            top = subprocess.Popen(
+                [UGS, "top", *shown], stdin=inside, stdout=inside, env={**os.environ, "TERM": "xterm"}
+            )
+            os.close(inside)
+            watchers.append(stack.enter_context(top))
+            wait_until(lambda: not socket.socket().connect_ex(("127.0.0.1", page)))
+            threading.Thread(target=read_for_ever, args=(page, terminal), daemon=True).start()
+        yield [psutil.Process(watcher.pid) for watcher in watchers]
+        for watcher in watchers:
+            assert watcher.poll() is None
+            watcher.terminate()
 
 
 def assert_all_counted(fleet):
@@ -177,31 +215,33 @@ def test_reply_storm():
     assert found.returncode == 0, found.stdout + found.stderr
 
 
-def test_soak(start, peer):
+def test_soak(start, peer, tmp_path):
     """Rounds of a minute: a rebuild, then a fleet, and beside it every vector that is refused, over and over."""
-    server = start(command=(VECTOR_SERVER,), clock="")
-    process, hostile, figures = psutil.Process(server.pid), [v for v in VECTORS if v["reply"] != "0"], []
-    for number in range(1, ROUNDS + 1):
-        os.truncate(server.directory / "console", 0)
-        server.shift_clock(HALF_HOUR * number)
-        server.wait_for("Refreshing UGS server...\n")
-        peer.meet(VECTOR_GREETING)
-        fleet = begin_fleet(*FLEET, "60", key=ROOT / "docs/vectors/test-public.pem")
-        for refused, vector in enumerate(itertools.cycle(hostile)):
-            if fleet.poll() is not None:
-                break
-            assert peer.ask(vector["payload"].encode()).decode() == vector["reply"], vector["name"]
-        outcome = assert_all_counted(fleet)
-        assert not peer.socket.poll(0), "an answer too many"
-        peer.socket.close()
-        wait_until(lambda: "ESTABLISHED" not in [c.status for c in process.connections()])
-        figures.append((process.num_fds(), process.num_threads(), server.memory()))
-        print(
-            f"round {number}: {outcome['reports']} counted in {outcome['max_ms']:.0f} ms at most, {refused} refused;",
-            end=" ",
-        )
-        print("{} descriptors, {} threads, {} bytes".format(*figures[-1]), flush=True)
-    assert figures[-1][:2] == figures[0][:2] and figures[-1][2] < figures[0][2] + 4e6, figures
+    server = start(command=(VECTOR_SERVER,), clock="", env={"UGS_STATUS": str(tmp_path / "status")})
+    hostile, figures = [v for v in VECTORS if v["reply"] != "0"], []
+    with watched(tmp_path) as watchers:
+        processes = [psutil.Process(server.pid), *watchers]
+        for number in range(1, ROUNDS + 1):
+            os.truncate(server.directory / "console", 0)
+            server.shift_clock(HALF_HOUR * number)
+            server.wait_for("Refreshing UGS server...\n")
+            peer.meet(VECTOR_GREETING)
+            fleet = begin_fleet(*FLEET, "60", key=ROOT / "docs/vectors/test-public.pem")
+            for refused, vector in enumerate(itertools.cycle(hostile)):
+                if fleet.poll() is not None:
+                    break
+                assert peer.ask(vector["payload"].encode()).decode() == vector["reply"], vector["name"]
+            outcome = assert_all_counted(fleet)
+            assert not peer.socket.poll(0), "an answer too many"
+            peer.socket.close()
+            wait_until(lambda: PORT not in [c.laddr.port for c in processes[0].connections() if c.raddr])
+            figures.append([(p.num_threads(), p.num_fds(), p.memory_info().rss) for p in processes])
+            print(
+                f"round {number}: {outcome['reports']} counted, {outcome['max_ms']:.0f} ms at most; {refused} refused;"
+            )
+            print("  threads, descriptors, bytes of server, pages and tops:", *figures[-1], flush=True)
+    for before, after in zip(figures[min(5, ROUNDS // 2)], figures[-1]):
+        assert after[0] == before[0] and after[1] < before[1] + 10 and after[2] < before[2] + 4e6, figures
 
 
 def test_console_stuck(start, peer):

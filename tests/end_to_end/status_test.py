@@ -4,14 +4,16 @@ import csv
 import io
 import json
 import os
+import pty
 import re
+import select
 import signal
 import socket
 import subprocess
 import termios
 
 import pytest
-from support import SANITIZER, UGS
+from support import SANITIZER, TIMEOUT, UGS, wait_until
 
 pytestmark = pytest.mark.skipif(SANITIZER == "thread", reason="these commands have one thread")
 
@@ -160,3 +162,14 @@ def test_top_fits_its_terminal_and_leaves_it_as_it_was(serve, open_terminal, row
     terminal.expect_exact("\x1b[?25h\x1b[?1049l")
     terminal.expect_exact("left")
     assert termios.tcgetattr(terminal.child_fd) == before
+
+
+def test_top_ends_though_its_terminal_takes_nothing(serve):
+    path = serve(lines(SERVER, *(instance(f"hall-{n}") for n in range(500)), END))
+    terminal, inside = pty.openpty()
+    termios.tcsetwinsize(inside, (500, 400))  # more than a terminal holds for its reader
+    with subprocess.Popen([UGS, "top", "--socket", path], stdin=inside, stdout=inside, env={"TERM": "xterm"}) as top:
+        os.read(terminal, 10)
+        wait_until(lambda: not select.select([], [inside], [], 0)[1])
+        top.terminate()
+        assert top.wait(TIMEOUT) == 0
