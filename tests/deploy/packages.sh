@@ -93,6 +93,9 @@ until_shown "ugs_starts_total 2"
 echo "# who reads what"
 runuser -u joe -- ugs status >/dev/null
 echo "joe sees the status: $?"
+runuser -u joe -- ugs history >/dev/null
+echo "joe sees the history: $?"
+stat -c "%A %U %G" /var/lib/korvaneugs/history.db
 may_read joe /var/log/korvaneugs/logs/KorvaneUGS.log.txt
 may_read joe /usr/sbin/KorvaneUGS
 may_read korvaneugs-page /usr/sbin/KorvaneUGS
@@ -149,6 +152,8 @@ ugs_up 1
 ugs_starts_total 2
 # who reads what
 joe sees the status: 0
+joe sees the history: 0
+-rw-r----- korvaneugs-page korvaneugs
 joe reads /var/log/korvaneugs/logs/KorvaneUGS.log.txt
 joe does not read /usr/sbin/KorvaneUGS
 korvaneugs-page does not read /usr/sbin/KorvaneUGS
