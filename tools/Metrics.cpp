@@ -93,7 +93,7 @@ void AddServer(MetricsText& text, const StatusServer& server, std::int64_t start
   text.Gauge("ugs_queue_length", "Requests that wait.", server.queue);
   text.Gauge("ugs_connections", "TCP connections to the server's port.", server.connections);
   text.Counter("ugs_replies_lost", "Replies that could not be handed to the transport.", server.repliesLost);
-  text.Counter("ugs_log_failures", "Lines that could not be written to the log.", server.logFailures);
+  text.Counter("ugs_log_failures", "How often the log could not be written.", server.logFailures);
   text.Gauge("ugs_log_written_timestamp_seconds",
              "When the log file was last written to, in seconds since 1970; 0 is never.", server.logWritten);
 }
