@@ -7,8 +7,8 @@ function(add_key_library target key_dir)
   set(source ${CMAKE_CURRENT_BINARY_DIR}/${target}.cpp)
   add_custom_command(
     OUTPUT ${source}
-    COMMAND ${CMAKE_COMMAND} -DKEYGEN=$<TARGET_FILE:ugs> -DKEY_DIR=${key_dir} -DPEM=${pem} -DOUTPUT=${source}
-            -DDEPFILE=${source}.d -P ${PROJECT_SOURCE_DIR}/cmake/EmbedKey.cmake
+    COMMAND ${CMAKE_COMMAND} -DEMULATOR=${CMAKE_CROSSCOMPILING_EMULATOR} -DKEYGEN=$<TARGET_FILE:ugs>
+            -DKEY_DIR=${key_dir} -DPEM=${pem} -DOUTPUT=${source} -DDEPFILE=${source}.d -P ${PROJECT_SOURCE_DIR}/cmake/EmbedKey.cmake
     DEPENDS ugs ${pem} ${PROJECT_SOURCE_DIR}/cmake/EmbedKey.cmake
     DEPFILE ${source}.d
     COMMENT "Embedding the key pair of ${key_dir}"

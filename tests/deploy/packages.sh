@@ -1,8 +1,12 @@
 #!/usr/bin/env bash
-# Installs, greets, upgrades, removes and purges the packages in a minimal Debian 12 in the directory $1, which is
-# made on first use. Needs root. $2: directory of the packages; $3: directory of the same with a higher version.
+# Installs, greets, boots, upgrades, removes and purges the packages of directory $2 in a minimal root of the Debian
+# release $1. $3: directory of the same with a higher version. With a release $4, those are for it, and the root is
+# upgraded to it first. Needs root.
 set -euo pipefail
-root=$1 packages=$2 newer=$3
+cd "$(dirname "$0")/../.."
+. deploy/roots.sh
+release=$1 packages=$2 newer=$3 next=${4-}
+root=$PWD/build/roots/$release.packages
 readme=$root/usr/share/doc/python3-ugs-client/README.md
 
 fail() {
@@ -12,22 +16,10 @@ fail() {
 
 inside() { chroot "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive "$@"; }
 
-# A root as debootstrap leaves it, with this machine's package sources.
-make_root() {
-  local base=$root.base part=$root.part mirror
-  if [ ! -e "$base" ]; then
-    rm -rf --one-file-system "$part"
-    mirror=$(apt-get indextargets --format '$(SITE) $(RELEASE)' | awk '$2 == "bookworm" {print $1; exit}')
-    debootstrap --variant=minbase --include=systemd-sysv bookworm "$part" "$mirror" >/dev/null
-    rm -f "$part/etc/apt/sources.list"
-    cp -r /etc/apt/sources.list* /etc/apt/apt.conf.d "$part/etc/apt/" 2>/dev/null || true
-    chroot "$part" apt-get update -qq
-    mv "$part" "$base"  # whole, or not at all
-  fi
-  rm -rf "$root"
-  cp -a "$base" "$root"
-  printf '#!/bin/sh\nexit 101\n' >"$root/usr/sbin/policy-rc.d"
-  chmod +x "$root/usr/sbin/policy-rc.d"
+upgrade_release() {
+  find "$root"/etc/apt/sources.list* -type f -exec sed -i "s/\b$release\b/$next/g" {} +
+  in_root "$root" sh -c 'apt-get update -qq && apt-get dist-upgrade -qq -y -o Dpkg::Options::=--force-confold' \
+    >"$root/root/upgrade.out" 2>&1 || fail "upgrading to $next failed: $(tail -n 3 "$root/root/upgrade.out")"
 }
 
 install_from() {
@@ -46,9 +38,13 @@ greet() {
   [ "$answer" = "1 (hello)" ] || fail "ping: $answer"
   answer=$(inside python3 -c "$(sed -n '/^```python/,/^```/{//!p}; /^This prints/q' "$readme")" 2>&1) || fail "Python: $answer"
   [ "$answer" = 0 ] || fail "Python: $answer"
+  # A report for another server's key: told as such, whatever OpenSSL makes of its padding.
+  inside sh -c '[ -e /tmp/other ] || ugs keygen --out /tmp/other >/dev/null'
+  if inside ugs report --key /tmp/other/public.pem --id other >/dev/null 2>&1; then fail "a report for another key"; fi
   kill "$server"
   wait "$server" || fail "the server ended with $?"
   [ -s "$root/var/log/korvaneugs/logs/KorvaneUGS.log.txt" ] || fail "no log"
+  grep -q "Error 0x00AE06" "$root/var/log/korvaneugs/logs/KorvaneUGS.log.txt" || fail "another key is not told"
 }
 
 # Boots the root with its own systemd: the sandboxes of the units can be tried in no other way. On the way it upgrades.
@@ -171,19 +167,28 @@ ExecMainStatus=0
 EXPECTED
 }
 
-make_root
+export root readme
+export -f fail inside greet
+bare_root "$release"
+rm -rf --one-file-system "$root"
+cp -a "build/roots/$release.base" "$root"
 install_from "$packages"
-greet
+without_network greet
+if [ -n "$next" ]; then
+  upgrade_release
+  without_network greet
+  install_from "$newer"
+fi
 [ "$(inside stat -c "%a %U %G" /usr/sbin/KorvaneUGS)" = "750 root korvaneugs-key" ] || fail "the program is open to all"
 inside sh -c 'systemd-analyze verify --man=no /lib/systemd/system/korvaneugs*.service' || fail "systemd-analyze verify"
 [ -L "$root/etc/systemd/system/multi-user.target.wants/korvaneugs.service" ] || fail "the service is not enabled"
 boot
 install_from "$newer"
-greet
+without_network greet
 [ "$(inside stat -c '%a %U %G' /usr/sbin/KorvaneUGS)" = "750 root korvaneugs-key" ] || fail "an upgrade opened the program"
 inside apt-get remove -qq -y korvaneugs >/dev/null 2>&1
 [ -d "$root/var/log/korvaneugs" ] || fail "removing took the logs away"
 inside sh -c 'dpkg --purge korvaneugs korvaneugs-page korvaneugs-tools python3-ugs-client libugs-client-dev libugs-client1' >/dev/null
 left=$(find "$root" -xdev \( -iname '*korvaneugs*' -o -name 'ugs.*' -o -name '*ugs[-_]client*' \) ! -path '*/tmp/packages*' ! -path '*/root/newer*')
 [ -z "$left" ] || fail "left after a purge: $left"
-echo "packages: installed, answered, confined by systemd, restarted, upgraded, removed and purged"
+echo "packages for $release${next:+ and $next}: installed, answered, confined by systemd, restarted, upgraded, removed and purged"

@@ -32,7 +32,8 @@ pytestmark = pytest.mark.skipif(SANITIZER != "", reason="the interpreter is buil
 def run(*arguments, status=0, **environment):
     environment = {"UGS_CLIENT_LIBRARY": LIBRARY, "PYTHONPATH": ROOT / "client/python", **environment}
     found = subprocess.run(
-        [sys.executable, "-u", *arguments],
+        # Python 3.12 and later warn of a fork beside threads, which is what one of these programs is about.
+        [sys.executable, "-u", "-W", "ignore:This process", *arguments],
         capture_output=True,
         text=True,
         timeout=TIMEOUT,
