@@ -80,6 +80,10 @@ std::string ShownCounts(const StatusCounts& counts) {
   return Joined(texts, ", ");
 }
 
+std::string ShownCell(const Cell& cell, std::int64_t now) {
+  return CellText(cell, now, kAnyWidth);
+}
+
 std::vector<std::string> TableOf(const Listing& listing, std::int64_t now, std::size_t widest) {
   std::vector<std::string> lines(listing.rows.size() + 1);
   for (std::size_t column = 0; column < listing.columns.size(); ++column) {

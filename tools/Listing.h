@@ -64,6 +64,9 @@ Listing MakeListing(const std::vector<ColumnOf<Row>>& columns, const std::vector
 std::string ShownCounts(const StatusCounts& counts);
 std::string Joined(const std::vector<std::string>& texts, std::string_view separator);
 
+// `now` tells which times are today's.
+std::string ShownCell(const Cell& cell, std::int64_t now);
+
 // Its lines, the titles first, no longer than their last cell needs. Cells of text are cut to `widest`
 // columns. `now` tells which times are today's.
 std::vector<std::string> TableOf(const Listing& listing, std::int64_t now, std::size_t widest = 40);

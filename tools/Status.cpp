@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -171,18 +173,40 @@ void CheckSchema(const Object& line) {
   }
 }
 
+// A line without the number in it that grows with the clock. No string can hold the name as it is sought:
+// there a quote has a backslash before it.
+struct StableLine {
+  StableLine() = default;
+  explicit StableLine(std::string_view line) : text(line) {
+    constexpr std::string_view kName = "\"camera_seconds\":";
+    const std::size_t name = line.find(kName);
+    if (name == std::string_view::npos) return;
+    const std::size_t number = std::min(line.find_first_not_of(' ', name + kName.size()), line.size());
+    const char* const begin = line.data() + number;
+    const char* const end = std::from_chars(begin, line.data() + line.size(), cameraSeconds).ptr;
+    text.erase(number, static_cast<std::size_t>(end - begin));
+  }
+
+  std::string text;
+  std::int64_t cameraSeconds = 0;
+};
+
 // Gathers the lines of one snapshot.
 class SnapshotParser {
  public:
+  explicit SnapshotParser(StatusMemory* memory) : memory_(memory) {
+    if (memory_ != nullptr) memory_->BeginSnapshot();
+  }
+
   void Take(std::string_view line) {
-    rapidjson::Document document;
-    const std::string text = ValidUtf8(line);
-    document.Parse<rapidjson::kParseIterativeFlag>(text.data(), text.size());
-    if (document.HasParseError() || !document.IsObject()) throw NoStatus("what the server says is no status");
-    std::string type;
-    Read(document, "type", type);
-    if (!hasServer_) CheckSchema(document);
-    Store(type, document);
+    const StableLine stable = memory_ != nullptr ? StableLine(line) : StableLine();
+    const StatusInstance* known = hasServer_ && memory_ != nullptr ? memory_->Find(stable.text) : nullptr;
+    if (known != nullptr) {
+      snapshot_.instances.push_back(*known);
+      snapshot_.instances.back().cameraSeconds = stable.cameraSeconds;
+    } else if (ParseLine(line) == "instance" && memory_ != nullptr) {
+      memory_->Add(stable.text, snapshot_.instances.back());
+    }
   }
 
   [[nodiscard]] StatusSnapshot Finish() {
@@ -191,6 +215,19 @@ class SnapshotParser {
   }
 
  private:
+  // Returns its type.
+  std::string ParseLine(std::string_view line) {
+    rapidjson::Document document;
+    const std::string text = ValidUtf8(line);
+    document.Parse<rapidjson::kParseIterativeFlag>(text.data(), text.size());
+    if (document.HasParseError() || !document.IsObject()) throw NoStatus("what the server says is no status");
+    std::string type;
+    Read(document, "type", type);
+    if (!hasServer_) CheckSchema(document);
+    Store(type, document);
+    return type;
+  }
+
   void Store(const std::string& type, const Object& line) {
     if (type == "server") {
       snapshot_.server = ServerOf(line);
@@ -211,13 +248,14 @@ class SnapshotParser {
     }
   }
 
+  StatusMemory* const memory_;
   StatusSnapshot snapshot_;
   bool hasServer_ = false;
   bool hasEnd_ = false;
 };
 
-StatusSnapshot Parse(std::string_view text) {
-  SnapshotParser parser;
+StatusSnapshot Parse(std::string_view text, StatusMemory* memory) {
+  SnapshotParser parser(memory);
   while (!text.empty()) {
     const std::size_t end = std::min(text.find('\n'), text.size());
     if (end > 0) parser.Take(text.substr(0, end));
@@ -283,8 +321,25 @@ std::string DefaultStatusSocket() {
   return !hasService && std::filesystem::exists(kOfCheckout, error) ? kOfCheckout : kOfService;
 }
 
-StatusConnection::StatusConnection(const std::string& path)
-    : path_(path), socket_(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0), "socket") {
+void StatusMemory::BeginSnapshot() {
+  before_.swap(now_);
+  now_.clear();
+}
+
+const StatusInstance* StatusMemory::Find(const std::string& line) {
+  const auto known = before_.find(line);
+  if (known == before_.end()) return nullptr;
+  return &now_.insert(before_.extract(known)).position->second;
+}
+
+void StatusMemory::Add(std::string line, const StatusInstance& instance) {
+  now_.emplace(std::move(line), instance);
+}
+
+StatusConnection::StatusConnection(const std::string& path, StatusMemory* memory)
+    : path_(path),
+      socket_(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0), "socket"),
+      memory_(memory) {
   Connect(socket_.Number(), path);
 }
 
@@ -292,7 +347,7 @@ std::optional<StatusSnapshot> StatusConnection::Receive() {
   std::array<char, 65536> chunk;
   while (true) {
     const ssize_t length = recv(socket_.Number(), chunk.data(), chunk.size(), 0);
-    if (length == 0) return Parse(text_);
+    if (length == 0) return Parse(text_, memory_);
     if (length > 0) {
       text_.append(chunk.data(), static_cast<std::size_t>(length));
     } else if (errno == EAGAIN) {

@@ -6,6 +6,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -57,6 +58,8 @@ struct StatusPeer {
   std::int64_t cameraSeconds = 0;
   std::int64_t first = 0;
   std::int64_t last = 0;
+
+  bool operator==(const StatusPeer&) const = default;
 };
 
 struct StatusInstance : StatusPeer {
@@ -74,6 +77,8 @@ struct StatusLoss : StatusPeer {
   std::int64_t lost = 0;
   std::string reason;
   std::int64_t returned = 0;
+
+  bool operator==(const StatusLoss&) const = default;
 };
 
 struct StatusRefusal {
@@ -83,6 +88,8 @@ struct StatusRefusal {
   std::int64_t first = 0;
   std::int64_t last = 0;
   std::string identity;
+
+  bool operator==(const StatusRefusal&) const = default;
 };
 
 // The use of one count in an hour.
@@ -91,12 +98,16 @@ struct StatusUse {
   std::int64_t peak = 0;
   std::int64_t peakTime = 0;
   std::int64_t unitSeconds = 0;
+
+  bool operator==(const StatusUse&) const = default;
 };
 
 struct StatusHour {
   std::int64_t hour = 0;
   std::int64_t seen = 0;
   std::vector<StatusUse> uses;
+
+  bool operator==(const StatusHour&) const = default;
 };
 
 // All strings are UTF-8, and as peers sent them otherwise: see Shown.
@@ -120,11 +131,29 @@ class NoStatus : public std::runtime_error {
 // no service here.
 std::string DefaultStatusSocket();
 
+// The instances of the last snapshot by their lines. From one second to the next most lines stay the same,
+// byte for byte but for the camera-seconds, and parsing thousands costs more than all else.
+class StatusMemory {
+ public:
+  // Forgets what is not asked for until the next call.
+  void BeginSnapshot();
+
+  // The instance of this line, without its camera-seconds; null if the line is new.
+  const StatusInstance* Find(const std::string& line);
+  void Add(std::string line, const StatusInstance& instance);
+
+ private:
+  using Lines = std::unordered_map<std::string, StatusInstance>;
+
+  Lines before_;
+  Lines now_;
+};
+
 // One snapshot on its way. Never waits; one thread.
 class StatusConnection {
  public:
-  // Throws NoStatus if nobody accepts at `path`, or not for this user.
-  explicit StatusConnection(const std::string& path);
+  // Throws NoStatus if nobody accepts at `path`, or not for this user. `memory` outlives this.
+  explicit StatusConnection(const std::string& path, StatusMemory* memory = nullptr);
 
   // To be waited for (POLLIN).
   [[nodiscard]] int Descriptor() const { return socket_.Number(); }
@@ -135,6 +164,7 @@ class StatusConnection {
  private:
   const std::string path_;
   const FileDescriptor socket_;
+  StatusMemory* const memory_;
   std::string text_;
 };
 

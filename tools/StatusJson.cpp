@@ -1,5 +1,9 @@
 #include "StatusJson.h"
 
+#include <algorithm>
+#include <string_view>
+#include <tuple>
+#include <unordered_map>
 #include <vector>
 
 #include "StatusChecks.h"
@@ -73,6 +77,65 @@ void PutRows(JsonOutput& json, const char* name, const std::vector<Row>& rows) {
   json->EndArray();
 }
 
+void PutServerAndTotals(JsonOutput& json, const StatusSnapshot& snapshot) {
+  json->Key("server");
+  json->StartObject();
+  PutServer(json, snapshot.server);
+  json->EndObject();
+  json->Key("totals");
+  json->StartObject();
+  json.Put("counts", snapshot.totals);
+  json.Put("instances", snapshot.totalInstances);
+  json->EndObject();
+}
+
+template <typename Row>
+void PutRowsIfChanged(JsonOutput& json, const char* name, const std::vector<Row>& before,
+                      const std::vector<Row>& now) {
+  if (before != now) PutRows(json, name, now);
+}
+
+std::vector<StatusHour> ChangedHours(const std::vector<StatusHour>& before,
+                                     const std::vector<StatusHour>& now) {
+  std::vector<StatusHour> changed;
+  for (const StatusHour& hour : now) {
+    if (std::find(before.begin(), before.end(), hour) == before.end()) changed.push_back(hour);
+  }
+  return changed;
+}
+
+// The camera-seconds apart, which grow with the clock.
+bool IsSame(const StatusInstance& left, const StatusInstance& right) {
+  const auto members = [](const StatusInstance& instance) {
+    return std::tie(instance.key, instance.last, instance.reports, instance.state, instance.flags,
+                    instance.period, instance.first, instance.camerasCount, instance.counts, instance.address,
+                    instance.identity, instance.container, instance.layout, instance.cameras);
+  };
+  return members(left) == members(right);
+}
+
+void PutChangedInstances(JsonOutput& json, const std::vector<StatusInstance>& before,
+                         const std::vector<StatusInstance>& now) {
+  std::unordered_map<std::string_view, const StatusInstance*> old;
+  for (const StatusInstance& instance : before) old.emplace(instance.key, &instance);
+  json->Key("changed");
+  json->StartArray();
+  for (const StatusInstance& instance : now) {
+    const auto known = old.find(instance.key);
+    const bool isSame = known != old.end() && IsSame(*known->second, instance);
+    if (known != old.end()) old.erase(known);
+    if (isSame) continue;
+    json->StartObject();
+    PutMembers(json, instance);
+    json->EndObject();
+  }
+  json->EndArray();
+  json->Key("gone");
+  json->StartArray();
+  for (const auto& [key, instance] : old) json.Put(instance->key);
+  json->EndArray();
+}
+
 }  // namespace
 
 void PutServer(JsonOutput& json, const StatusServer& server) {
@@ -107,15 +170,7 @@ void PutServer(JsonOutput& json, const StatusServer& server) {
 std::string JsonOf(const StatusSnapshot& snapshot) {
   JsonOutput json;
   json->StartObject();
-  json->Key("server");
-  json->StartObject();
-  PutServer(json, snapshot.server);
-  json->EndObject();
-  json->Key("totals");
-  json->StartObject();
-  json.Put("counts", snapshot.totals);
-  json.Put("instances", snapshot.totalInstances);
-  json->EndObject();
+  PutServerAndTotals(json, snapshot);
   PutRows(json, "instances", snapshot.instances);
   PutRows(json, "losses", snapshot.losses);
   PutRows(json, "refusals", snapshot.refusals);
@@ -129,6 +184,18 @@ std::string InstancesJsonOf(const StatusSnapshot& snapshot) {
   json->StartObject();
   json.Put("time", snapshot.server.time);
   PutRows(json, "instances", snapshot.instances);
+  json->EndObject();
+  return json.Text();
+}
+
+std::string ChangesJsonOf(const StatusSnapshot& before, const StatusSnapshot& now) {
+  JsonOutput json;
+  json->StartObject();
+  PutServerAndTotals(json, now);
+  PutChangedInstances(json, before.instances, now.instances);
+  PutRowsIfChanged(json, "losses", before.losses, now.losses);
+  PutRowsIfChanged(json, "refusals", before.refusals, now.refusals);
+  PutRows(json, "hours", ChangedHours(before.hours, now.hours));
   json->EndObject();
   return json.Text();
 }

@@ -14,3 +14,7 @@ std::string JsonOf(const StatusSnapshot& snapshot);
 
 // One object: time and instances.
 std::string InstancesJsonOf(const StatusSnapshot& snapshot);
+
+// One object of what is different in `now`: server and totals always; `changed` instances, and the keys of
+// those that are `gone`; the hours that changed; losses and refusals whole, each only if not what it was.
+std::string ChangesJsonOf(const StatusSnapshot& before, const StatusSnapshot& now);

@@ -57,6 +57,9 @@ check "the JavaScript package" env UGS_VECTORS="$PWD/docs/vectors" UGS_COMMAND="
 
 check "metrics" promtool check metrics < <(curl -fs "$metrics")
 check "metrics of each instance" promtool check metrics < <(curl -fs "$metrics?instances=1")
+check "the page in a browser" env PYTHONPATH=tests/end_to_end \
+  tests/end_to_end/run.sh -n 0 tests/deploy/browser_test.py
+
 # Reports and errors by code, from the log and from the page.
 logged() {
   echo "reports $(grep -c 'DETECT NEW REQUEST' "$log")"

@@ -55,7 +55,7 @@ def test_only_reading_and_only_under_its_own_name(tmp_path, page):
 
 def test_without_a_server_the_page_says_so(tmp_path, page):
     page(tmp_path / "nothing")
-    assert "<noscript>" in ask("/")[1] and "textContent" in ask("/page.js")[1]
+    assert "<noscript>" in ask("/")[1] and "EventSource" in ask("/page-stream.js")[1]
     wait_until(lambda: "no server shows its status" in ask("/status")[1])
     assert ask("/instances")[0] == 503
     text = ask("/metrics")[1].splitlines()
@@ -96,3 +96,72 @@ def test_clients_that_never_finish_their_request_hold_nobody_up(tmp_path, page):
         client.settimeout(0)
         with client, pytest.raises(BlockingIOError):  # still open: the answer did not wait for their end
             client.recv(1)
+
+
+def read_events(stream, number):
+    """The next events, each a pair of its type and its data."""
+    events = []
+    while len(events) < number:
+        lines = list(iter(stream.readline, b"\n"))
+        fields = dict(line.decode().rstrip("\n").split(": ", 1) for line in lines)
+        if "data" in fields:
+            events.append((fields["event"], json.loads(fields["data"])))
+    return events
+
+
+def follow():
+    connection = http.client.HTTPConnection("127.0.0.1", PORT, timeout=TIMEOUT)
+    connection.request("GET", "/events")
+    answer = connection.getresponse()
+    assert (answer.status, answer.getheader("Content-Type")) == (200, "text/event-stream")
+    return answer
+
+
+def fleet(second, number=50):
+    def row(n):
+        return instance(f"i{n}", container="x" * 1000, camera_seconds=second, last=NOW + second * (n == 7))
+
+    return lines(SERVER | {"time": NOW + second}, *(row(n) for n in range(number - (second > 2))), END)
+
+
+def test_a_stream_brings_all_at_first_and_then_what_changed(serve, page):
+    moments = iter(range(10**6))
+    page(serve(lambda: fleet(next(moments))))
+    wait_until(lambda: ask("/status")[0] == 200)
+    events = read_events(follow(), 5)
+    status, news = events[0][1], [data for _, data in events[1:]]
+    assert [kind for kind, _ in events] == ["whole"] + ["change"] * 4
+    keys = {row["key"] for row in status["instances"]}
+    for data in news:
+        keys -= set(data["gone"])
+        assert [row["key"] for row in data["changed"]] == ["i7"]
+    assert keys == {f"i{n}" for n in range(49)} and not any("losses" in data for data in news)
+
+
+def test_readers_that_stop_reading_hold_nobody_up_and_are_dropped(serve, page):
+    page(serve(fleet(0, 10_000)))
+    wait_until(lambda: ask("/status", "HEAD")[0] == 200)
+    other = follow()
+    assert read_events(other, 1)[0][0] == "whole"
+    stopped = []
+    for _ in range(100):  # more than there may be streams
+        stopped.append(socket.create_connection(("127.0.0.1", PORT)))
+        stopped[-1].sendall(f"GET /events HTTP/1.1\r\nHost: localhost:{PORT}\r\n\r\n".encode())
+    wait_until(lambda: ask("/events", "HEAD")[0] == 503)
+    assert [kind for kind, _ in read_events(other, 3)] == ["change"] * 3
+    wait_until(lambda: ask("/events", "HEAD")[0] == 200)
+
+
+def test_the_plain_page_needs_no_script_and_escapes_what_peers_send(serve, page):
+    evil = "<script>alert('1')</script>\"&"
+    rows = [
+        instance(evil, container=evil, address=evil, layout=evil, state=evil, flags=[evil], counts={evil: 1}),
+        {"type": "loss", "identity": evil, "address": evil, "lost": NOW, "reason": evil, "counts": {evil: 1}},
+        {"type": "refusal", "identity": evil, "address": evil, "code": evil, "last": NOW},
+        {"type": "totals", "counts": {evil: 1}},
+    ]
+    page(serve(lines(SERVER | {"host": evil, "version": evil}, *rows, END)))
+    wait_until(lambda: ask("/status")[0] == 200)
+    text = ask("/plain")[1]
+    assert "<script" not in text and text.count("&lt;script&gt;alert(&#39;1&#39;)&lt;/script&gt;&quot;&amp;") > 12
+    assert "plain" in ask("/")[1]
