@@ -58,12 +58,17 @@ void HistoryReader::ReadUses(HistoryMonth& month, std::int64_t end) {
 }
 
 void HistoryReader::ReadCameras(HistoryMonth& month, std::int64_t end) {
-  Statement cameras(
-      database_, "SELECT day, sum(camera_seconds) FROM instance_use WHERE day >= ? AND day < ? GROUP BY day");
-  cameras.With(month.whole.begin, end);
-  while (cameras.Step()) {
-    DayOfMonth(month, cameras.Number(0)).cameraSeconds += cameras.Number(1);
-    month.whole.cameraSeconds += cameras.Number(1);
+  // Not from the view of both: in the order of their keys there is nothing to be sorted.
+  for (const char* query : {
+           "SELECT day, sum(camera_seconds) FROM instance_day WHERE day >= ? AND day < ? GROUP BY day",
+           "SELECT hour, sum(camera_seconds) FROM instance_hour WHERE hour >= ? AND hour < ? GROUP BY hour",
+       }) {
+    Statement cameras(database_, query);
+    cameras.With(month.whole.begin, end);
+    while (cameras.Step()) {
+      DayOfMonth(month, cameras.Number(0)).cameraSeconds += cameras.Number(1);
+      month.whole.cameraSeconds += cameras.Number(1);
+    }
   }
 }
 
