@@ -3,11 +3,15 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
+#include <cstring>
 
 namespace {
 
-constexpr int kPatience = 5000;  // milliseconds to wait for another process that reads or writes
+// Milliseconds to wait for another process that writes, or reads. Readers may have somebody waiting for them.
+constexpr int kReaderPatience = 2000;
+constexpr int kWriterPatience = 5000;
 
 // SQLite would make it readable by all, and gives its journal the mode of the file.
 void MakeFile(const std::string& path) {
@@ -23,8 +27,15 @@ Database::Database(const std::string& path, Mode mode) : path_(path) {
   const int flags = mode == Mode::Write ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY;
   const int result = sqlite3_open_v2(path.c_str(), &handle, flags, nullptr);
   handle_.reset(handle);
-  if (result != SQLITE_OK) Fail();
-  sqlite3_busy_timeout(handle, kPatience);
+  if (result != SQLITE_OK) FailToOpen(mode);
+  sqlite3_busy_timeout(handle, mode == Mode::Write ? kWriterPatience : kReaderPatience);
+}
+
+void Database::FailToOpen(Mode mode) const {
+  const int error = handle_ == nullptr ? 0 : sqlite3_system_errno(Handle());
+  if (error == 0) Fail();
+  if (error == ENOENT && mode == Mode::Read) Fail("there is none; ugs page --history FILE makes it");
+  Fail(std::strerror(error));
 }
 
 void Database::Run(const std::string& statements) {

@@ -32,6 +32,8 @@ class Database {
   [[noreturn]] void Fail(const std::string& why) const;
 
  private:
+  [[noreturn]] void FailToOpen(Mode mode) const;
+
   const std::string path_;
   std::unique_ptr<sqlite3, decltype(&sqlite3_close)> handle_{nullptr, &sqlite3_close};
 };

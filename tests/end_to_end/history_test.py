@@ -279,7 +279,11 @@ PRAGMA application_id = {0x75677368};
 
 @pytest.mark.parametrize(
     "tables, is_ours",
-    [(V1 + "PRAGMA user_version = 1;", True), ("CREATE TABLE t (a);", False), (V1 + "PRAGMA user_version = 99;", False)],
+    [
+        (V1 + "PRAGMA user_version = 1;", True),
+        ("CREATE TABLE t (a);", False),
+        (V1 + "PRAGMA user_version = 99;", False),
+    ],
 )
 def test_an_older_history_is_brought_up_to_date_and_others_are_left_alone(tell, keep, file, tmp_path, tables, is_ours):
     with sqlite3.connect(file) as database:
@@ -314,7 +318,13 @@ def test_whatever_peers_send_steers_no_terminal(tell, keep, file):
 
 @pytest.mark.parametrize(
     "code, arguments",
-    [(2, ("--month", "2026-00")), (2, ("--month", "26-1")), (2, ("--forget-before", "x")), (2, ("--csv", "--json")), (3, ())],
+    [
+        (2, ("--month", "2026-00")),
+        (2, ("--month", "26-1")),
+        (2, ("--forget-before", "x")),
+        (2, ("--csv", "--json")),
+        (3, ()),
+    ],
 )
 def test_what_cannot_be_shown_is_said(file, code, arguments):
     result = history(file, *arguments)
