@@ -27,7 +27,8 @@ constexpr const char* kHead = R"(<!DOCTYPE html>
 <link rel="stylesheet" href="page.css">
 <link rel="icon" href="icon.svg" type="image/svg+xml">
 </head>
-<body class="plain">
+<body>
+<main>
 )";
 
 // For the text of an element, or the quoted value of an attribute.
@@ -124,5 +125,6 @@ std::string Body(const StatusSnapshot& snapshot) {
 std::string PlainPageOf(const View& view) {
   const std::string body =
       view.snapshot ? Body(*view.snapshot) : Element("h1", "No status") + Paragraph(view.trouble);
-  return kHead + body + "<p><a href=\"/\">The live page</a> needs JavaScript.</p>\n</body>\n</html>\n";
+  return kHead + body +
+         "<p><a href=\"/\">The live page</a> needs JavaScript.</p>\n</main>\n</body>\n</html>\n";
 }

@@ -223,7 +223,7 @@ const LOSS_COLUMNS = [
   ["Identity", (loss) => foreign(loss.identity), "identity"],
   ["Address", (loss) => foreign(loss.address), "address"],
   ["Last report", (loss) => moment(loss.last, now()), "time"],
-  ["Why", (loss) => (loss.reason === "not_back" ? "not back after a rebuild" : loss.reason)],
+  ["Why", (loss) => (loss.reason === "not_back" ? "not back after a rebuild" : loss.reason), "words"],
   [
     "Returned",
     (loss) => (loss.returned ? moment(loss.returned, now()) : make("span", { class: "bad" }, "✕ no")),
@@ -237,7 +237,7 @@ const REFUSAL_COLUMNS = [
   ["Address", (refusal) => foreign(refusal.address), "address"],
   ["Identity", (refusal) => refusal.identity && foreign(refusal.identity), "identity"],
   ["Code", (refusal) => refusal.code, "time"],
-  ["Meaning", (refusal) => refusal.meaning],
+  ["Meaning", (refusal) => refusal.meaning, "words"],
   ["Times", (refusal) => refusal.count, "number"],
 ];
 const FEATURE_COLUMNS = [
