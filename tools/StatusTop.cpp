@@ -9,6 +9,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <optional>
@@ -35,6 +36,13 @@ constexpr std::string_view kDown = "\x1b[B";
 constexpr std::string_view kPageUp = "\x1b[5~";
 constexpr std::string_view kPageDown = "\x1b[6~";
 constexpr std::string_view kEscape = "\x1b";
+// As xterm, the Linux console and rxvt send them.
+constexpr std::array<std::string_view, 3> kHome = {"\x1b[H", "\x1b[1~", "\x1b[7~"};
+constexpr std::array<std::string_view, 3> kEnd = {"\x1b[F", "\x1b[4~", "\x1b[8~"};
+
+bool IsOneOf(std::string_view key, const std::array<std::string_view, 3>& keys) {
+  return std::find(keys.begin(), keys.end(), key) != keys.end();
+}
 
 std::string InLowerCase(std::string text) {
   for (char& character : text) {
@@ -97,8 +105,8 @@ class TopView {
 
   [[nodiscard]] Lines LinesFor(TopScreen::Size size) {
     page_ = size.rows > kAround ? size.rows - kAround : 1;
-    Lines lines = Head();
     Lines body = inDetail_ && Selected() != nullptr ? Detail() : List(size.columns);
+    Lines lines = Head();  // says which rows the list shows
     lines.insert(lines.end(), body.begin(), body.end());
     lines.resize(std::max(size.rows, std::size_t{2}) - 1);
     lines.push_back({Foot()});
@@ -109,6 +117,7 @@ class TopView {
   static constexpr std::size_t kAround = 4;  // two lines above, the titles, one below
 
   void Type(std::string_view key) {
+    const std::string before = filter_;
     if (key == "\r" || key == "\n" || key == kEscape) {
       isTyping_ = false;
       if (key == kEscape) filter_.clear();
@@ -119,28 +128,49 @@ class TopView {
     } else if (key.size() == 1 && static_cast<unsigned char>(key.front()) >= ' ') {
       filter_ += key;
     }
+    if (filter_ != before) ToTop();
   }
 
   void PressInDetail(std::string_view key) {
     if (key == kUp && scrolled_ > 0) --scrolled_;
     if (key == kDown) ++scrolled_;
+    if (IsOneOf(key, kHome)) scrolled_ = 0;
+    if (IsOneOf(key, kEnd)) scrolled_ = SIZE_MAX;  // as far as there is something
     if (key == kEscape || key == "\r" || key == "\n") inDetail_ = false;
   }
 
   void PressInList(std::string_view key) {
-    if (key == "a") order_ = "age";
-    if (key == "c") order_ = "cameras";
-    if (key == "f") order_ = NextFeature();
+    if (key == "a") SortBy("age");
+    if (key == "c") SortBy("cameras");
+    if (key == "f") SortBy(NextFeature());
     if (key == "/") isTyping_ = true;
-    if (key == kEscape) filter_.clear();
+    if (key == kEscape && !filter_.empty()) {
+      filter_.clear();
+      ToTop();
+    }
+    if (IsOneOf(key, kHome)) ToTop();
+    if (IsOneOf(key, kEnd)) Move(std::ssize(shown_));
     if (key == kUp) Move(-1);
     if (key == kDown) Move(1);
     if (key == kPageUp) Move(-static_cast<std::ptrdiff_t>(page_));
     if (key == kPageDown) Move(static_cast<std::ptrdiff_t>(page_));
     if (key == "\r" || key == "\n") {
+      Move(0);
       inDetail_ = Selected() != nullptr;
       scrolled_ = 0;
     }
+  }
+
+  void SortBy(std::string order) {
+    order_ = std::move(order);
+    ToTop();
+  }
+
+  // The mark is on the first row then, whoever that is, until it is moved.
+  void ToTop() {
+    selectedKey_.clear();
+    selected_ = 0;
+    top_ = 0;
   }
 
   // The count after the one that the list is sorted by, of those that somebody uses; age if nobody uses any.
@@ -162,6 +192,7 @@ class TopView {
     shown_ = snapshot_.instances;
     std::erase_if(shown_, [&](const StatusInstance& instance) { return !Matches(instance, filter_); });
     SortInstances(shown_, order_);
+    if (selectedKey_.empty()) return;
     // The mark stays on its instance wherever that goes, and in its place if it is gone.
     const auto same = std::find_if(shown_.begin(), shown_.end(), [&](const StatusInstance& instance) {
       return instance.key == selectedKey_;
@@ -190,8 +221,18 @@ class TopView {
     std::string verdict = Verdict(problems);
     if (!problems.empty()) verdict += ": " + problems.front().text;
     const StatusServer& server = snapshot_.server;
-    const std::string summary = ShownTime(server.time, server.time) + "  " + SummaryOf(snapshot_)[1];
+    const std::string summary =
+        ShownTime(server.time, server.time) + "  " + RowsShown() + SummaryOf(snapshot_)[1];
     return {{summary}, {trouble_.empty() ? verdict : trouble_}};
+  }
+
+  // "1-16 of ", before the number of all instances.
+  [[nodiscard]] std::string RowsShown() const {
+    if (inDetail_) return "";
+    if (shown_.empty()) return filter_.empty() ? "" : "none found of ";
+    const std::size_t last = std::min(top_ + page_, shown_.size());
+    const std::string rows = std::to_string(top_ + 1) + "-" + std::to_string(last) + " of ";
+    return filter_.empty() ? rows : rows + std::to_string(shown_.size()) + " found of ";
   }
 
   [[nodiscard]] Lines Detail() {
@@ -204,17 +245,16 @@ class TopView {
   }
 
   [[nodiscard]] Lines List(std::size_t columns) {
-    top_ = std::min(top_, selected_);
+    top_ = std::min({top_, selected_, shown_.size() - std::min(page_, shown_.size())});
     if (selected_ >= top_ + page_) top_ = selected_ + 1 - page_;
     const std::size_t end = std::min(top_ + page_, shown_.size());
-    const std::size_t begin = std::min(top_, end);
-    const std::vector<StatusInstance> visible(shown_.begin() + static_cast<std::ptrdiff_t>(begin),
+    const std::vector<StatusInstance> visible(shown_.begin() + static_cast<std::ptrdiff_t>(top_),
                                               shown_.begin() + static_cast<std::ptrdiff_t>(end));
     const std::int64_t now = snapshot_.server.time;
     const Listing listing = ListInstances(visible, now, IsByFeature() ? order_ : "");
     Lines lines;
     for (std::string& line : TableOf(listing, now, std::clamp<std::size_t>(columns / 3, 8, 40)))
-      lines.push_back({std::move(line), !lines.empty() && begin + lines.size() - 1 == selected_});
+      lines.push_back({std::move(line), !lines.empty() && top_ + lines.size() - 1 == selected_});
     return lines;
   }
 

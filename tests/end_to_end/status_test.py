@@ -155,7 +155,11 @@ def test_top_fits_its_terminal_and_leaves_it_as_it_was(serve, open_terminal, row
     terminal.expect_exact(f"\x1b[{rows};1H\x1b[2K")
     terminal.send("\x1b[B\r")
     terminal.expect_exact("identity   hall-48")
-    terminal.send("\x1b/hall-07\r")
+    terminal.send("\x1b\x1b[F")
+    terminal.expect_exact("\x1b[7mhall-00")
+    terminal.send("c")  # a new order, a filter and its end show the list from its first row
+    terminal.expect_exact(f"  1-{rows - 4} of 50 ")
+    terminal.send("\x1b[F/hall-07\r")
     terminal.expect(r"\x1b\[4;1H\x1b\[2K\x1b\[7mhall-07[^\x1b]*")
     assert len(terminal.after.split("\x1b[7m")[1]) == columns
     os.kill(pid, ending) if isinstance(ending, signal.Signals) else terminal.send(ending)
