@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t kShownBytes = 512;  // of a string of a peer's; it may have sent a megabyte
 constexpr std::size_t kShownCameras = 256;
-constexpr std::size_t kLosses = 200;
+constexpr std::size_t kLosses = 1000;  // a site's outage loses hundreds in one second
 constexpr std::size_t kAddresses = 256;
 constexpr std::size_t kHours = 48;
 constexpr std::int64_t kSecondsPerHour = 3600;
@@ -65,6 +65,15 @@ std::shared_ptr<const FleetStatus::Who> MakeWho(const std::string& key,
   who->cameras.reserve(shown);
   for (std::size_t i = 0; i < shown; ++i) who->cameras.push_back(WithoutPassword(request.camRtspUrls[i]));
   return who;
+}
+
+// Of a lost one they are not shown, and a peer may have sent many and long ones.
+FleetStatus::InstancePointer WithoutCameras(const FleetStatus::Instance& instance) {
+  auto lost = std::make_shared<FleetStatus::Instance>(instance);
+  auto who = std::make_shared<FleetStatus::Who>(*instance.who);
+  who->cameras = {};
+  lost->who = std::move(who);
+  return lost;
 }
 
 }  // namespace
@@ -174,7 +183,8 @@ void FleetStatus::Lose(Rows::iterator row, LossReason reason, std::int64_t now) 
   }
   ChangeUse(&row->second->counts, nullptr, now);
   ++(reason == LossReason::Silent ? server_.silent : server_.neverBack);
-  losses_.push_front({.instance = std::move(row->second), .lost = now, .seen = seen_, .reason = reason});
+  losses_.push_front(
+      {.instance = WithoutCameras(*row->second), .lost = now, .seen = seen_, .reason = reason});
   if (losses_.size() > kLosses) losses_.pop_back();
   rows_.erase(row);
 }

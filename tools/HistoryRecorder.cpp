@@ -2,6 +2,7 @@
 
 #include <poll.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <exception>
 #include <iostream>
@@ -12,8 +13,22 @@
 namespace {
 
 constexpr std::chrono::seconds kPeriod{60};
-constexpr int kLookEvery = 1000;         // milliseconds
-constexpr std::size_t kWaitingRuns = 8;  // while nothing can be written
+constexpr int kLookEvery = 1000;                // milliseconds
+constexpr std::size_t kWaitingRuns = 8;         // while nothing can be written
+constexpr std::size_t kWaitingLosses = 20'000;  // of a run
+
+// Adds to `gone` those of `before` that `now` has no more. Both have the newest first and lose the oldest.
+void AddGone(std::vector<StatusLoss>& gone, const std::vector<StatusLoss>& before,
+             const std::vector<StatusLoss>& now) {
+  const auto isOldest = [&](const StatusLoss& loss) {
+    return !now.empty() && loss.lost == now.back().lost && loss.key == now.back().key;
+  };
+  const auto oldestKept = std::find_if(before.rbegin(), before.rend(), isOldest);
+  gone.insert(gone.end(), before.rbegin(), oldestKept);
+  if (gone.size() > kWaitingLosses) {
+    gone.erase(gone.begin(), gone.end() - static_cast<std::ptrdiff_t>(kWaitingLosses));
+  }
+}
 
 }  // namespace
 
@@ -41,15 +56,25 @@ void HistoryRecorder::Run() {
 
 void HistoryRecorder::Look() {
   const std::shared_ptr<const StatusSnapshot> newest = newest_();
-  const bool isOver =
-      !waiting_.empty() && (newest == nullptr || newest->server.started != waiting_.back()->server.started);
+  const bool isOver = !waiting_.empty() && (newest == nullptr || !IsOfNewestRun(*newest));
   if (isOver && Trouble().empty()) Write();
-  if (newest != nullptr) {
-    if (!waiting_.empty() && newest->server.started == waiting_.back()->server.started) waiting_.pop_back();
-    waiting_.push_back(newest);
-    if (waiting_.size() > kWaitingRuns) waiting_.pop_front();
-  }
+  if (newest != nullptr) Remember(newest);
   if (Clock::now() >= due_ && !waiting_.empty()) Write();
+}
+
+bool HistoryRecorder::IsOfNewestRun(const StatusSnapshot& snapshot) const {
+  return !waiting_.empty() && snapshot.server.started == waiting_.back().newest->server.started;
+}
+
+void HistoryRecorder::Remember(const std::shared_ptr<const StatusSnapshot>& newest) {
+  if (!IsOfNewestRun(*newest)) {
+    waiting_.push_back({newest, {}});
+    if (waiting_.size() > kWaitingRuns) waiting_.pop_front();
+    return;
+  }
+  Waiting& run = waiting_.back();
+  AddGone(run.gone, run.newest->losses, newest->losses);
+  run.newest = newest;
 }
 
 void HistoryRecorder::Write() {
@@ -66,7 +91,7 @@ void HistoryRecorder::Write() {
 void HistoryRecorder::WriteAll() {
   HistoryStore store(path_);
   while (!waiting_.empty()) {
-    store.Keep(*waiting_.front());
+    store.Keep(*waiting_.front().newest, waiting_.front().gone);
     waiting_.pop_front();
   }
 }

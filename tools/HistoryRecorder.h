@@ -9,12 +9,14 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "Status.h"
 #include "Wakeup.h"
 
 // Writes the newest snapshot into the file once a minute, the last one of each run of the server as soon as
-// that is over, and the last one of all when it ends. Whatever is wrong with the file stops nobody: it is
+// that is over, and the last one of all when it ends; with it the losses that it tells no more, because
+// there were many since. Whatever is wrong with the file stops nobody: it is
 // said once on standard error, and tried again.
 class HistoryRecorder {
  public:
@@ -32,15 +34,23 @@ class HistoryRecorder {
  private:
   using Clock = std::chrono::steady_clock;
 
+  // What of a run of the server is not written yet.
+  struct Waiting {
+    std::shared_ptr<const StatusSnapshot> newest;
+    std::vector<StatusLoss> gone;  // losses of earlier ones that the newest tells no more; the oldest first
+  };
+
   void Run();
   void Look();
+  void Remember(const std::shared_ptr<const StatusSnapshot>& newest);
+  [[nodiscard]] bool IsOfNewestRun(const StatusSnapshot& snapshot) const;
   void Write();
   void WriteAll();
   void Report(const std::string& trouble);
 
   const std::string path_;
   const Source newest_;
-  std::deque<std::shared_ptr<const StatusSnapshot>> waiting_;  // the newest of each run of the server
+  std::deque<Waiting> waiting_;  // by run
   Clock::time_point due_ = Clock::now();
   mutable std::mutex mutex_;
   std::string trouble_;

@@ -87,13 +87,14 @@ HistoryStore::HistoryStore(const std::string& path) : database_(path, Database::
   UpgradeHistory(database_);
 }
 
-void HistoryStore::Keep(const StatusSnapshot& snapshot) {
+void HistoryStore::Keep(const StatusSnapshot& snapshot, const std::vector<StatusLoss>& gone) {
   const std::vector<StatusHour> hours = MergedHours(snapshot.hours);
   Transaction transaction(database_);
   const Run run = Continue(snapshot.server);
   KeepHours(hours, run);
+  KeepLosses(gone);
   KeepLosses(snapshot.losses);
-  KeepInstances(snapshot, hours, run);
+  KeepInstances(snapshot, gone, hours, run);
   CloseDays(snapshot.server.time);
   transaction.Commit();
 }
@@ -145,13 +146,13 @@ void HistoryStore::KeepLosses(const std::vector<StatusLoss>& losses) {
   }
 }
 
-void HistoryStore::KeepInstances(const StatusSnapshot& snapshot, const std::vector<StatusHour>& hours,
-                                 const Run& run) {
+void HistoryStore::KeepInstances(const StatusSnapshot& snapshot, const std::vector<StatusLoss>& gone,
+                                 const std::vector<StatusHour>& hours, const Run& run) {
   SeenHours seen;
   for (const StatusHour& hour : hours) seen.emplace(hour.hour, hour.seen);
   InstanceWriter writer(database_, snapshot.server.time);
-  for (const StatusLoss& loss : snapshot.losses) {
-    writer.Keep(loss, HoursOf(loss, loss.lost, seen, run.since));
+  for (const auto* losses : {&gone, &snapshot.losses}) {
+    for (const StatusLoss& loss : *losses) writer.Keep(loss, HoursOf(loss, loss.lost, seen, run.since));
   }
   for (const StatusInstance& instance : snapshot.instances) {
     writer.Keep(instance, HoursOf(instance, snapshot.server.time, seen, run.since));

@@ -22,7 +22,8 @@ class HistoryStore {
 
   // Keeps what the snapshot tells of the hours that may have changed since the last one of this run of the
   // server. Any snapshot may come any number of times and after a newer one: nothing is counted twice.
-  void Keep(const StatusSnapshot& snapshot);
+  // `gone`: losses that earlier ones told, of which it tells no more.
+  void Keep(const StatusSnapshot& snapshot, const std::vector<StatusLoss>& gone);
 
   // Deletes what was before `time`, and gives the room back to the disk; for that it takes as much again.
   void Forget(std::int64_t time);
@@ -36,7 +37,8 @@ class HistoryStore {
   Run Continue(const StatusServer& server);
   void KeepHours(const std::vector<StatusHour>& hours, const Run& run);
   void KeepLosses(const std::vector<StatusLoss>& losses);
-  void KeepInstances(const StatusSnapshot& snapshot, const std::vector<StatusHour>& hours, const Run& run);
+  void KeepInstances(const StatusSnapshot& snapshot, const std::vector<StatusLoss>& gone,
+                     const std::vector<StatusHour>& hours, const Run& run);
   void CloseDays(std::int64_t time);
 
   Database database_;

@@ -243,6 +243,28 @@ def test_a_minute_is_the_most_that_is_lost(tell, keep, file, clock):
     assert asked(file, "--month", "2026-11", "--instances")["instances"][1]["camera_hours"] == 5 * 1400 / HOUR
 
 
+def test_losses_between_two_writes_are_kept_though_the_server_tells_the_newest_only(serve, keep, file):
+    start = RUNS[1][0]
+    texts, looks = [], []
+    serve(lambda: looks.append(len(texts)) or texts[-1])
+
+    def show(second, times):
+        seen = {"type": "hour", "hour": start - start % HOUR, "seen": second, "features": {}}
+        spell = {"type": "loss", "first": start, "last": start, "lost": start + second, "camera_seconds": second}
+        losses = [instance(f"{second}-{number}") | spell for number in range(3)]
+        texts.append(lines(SERVER | {"started": start, "time": start + second}, *losses, seen, END))
+        wait_until(lambda: looks.count(len(texts)) > times)
+
+    texts.append(lines(SERVER | {"started": start, "time": start + 100}, END))
+    page = keep()
+    wait_until(lambda: written(file) == start + 100)
+    show(200, 4)  # so that it was seen on the way from the thread that asks to the one that writes
+    show(300, 2)
+    end(page)
+    assert len(asked(file, "--month", "2026-11", "--losses")["losses"]) == 6
+    assert asked(file, "--month", "2026-11")["camera_hours"] == 3 * (200 + 300) / HOUR
+
+
 @pytest.mark.skipif(bool(SANITIZER), reason="the sanitizer and the library for the clock do not mix")
 def test_a_full_disk_stops_nobody(tell, keep, file, clock, tmp_path):
     tell(told(1, RUNS[1][1]))
