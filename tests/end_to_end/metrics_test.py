@@ -77,7 +77,9 @@ def test_the_silent_are_named_and_bounded(serve, page):
     assert any('key="missing"' in sample and 'state="not_back"} 80' in sample for sample in named)
     (gone,) = (sample for sample in named if 'key="gone"' in sample)
     assert r',identity="a\"b' in gone and gone.endswith('state="lost"} 90') and "\x1b" not in gone
-    assert {key for key in ("back-soon", "alive", "returned", "old", "late-59") if f'key="{key}"' in str(named)} == set()
+    assert {
+        key for key in ("back-soon", "alive", "returned", "old", "late-59") if f'key="{key}"' in str(named)
+    } == set()
     assert any('key="late-47"' in sample for sample in named)
     every = [sample for sample in samples("/metrics?instances=1") if sample.startswith("ugs_instance_")]
     assert len(every) == 2 * 63
