@@ -1,6 +1,7 @@
 #include "StatusChecks.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 
 #include "Listing.h"
@@ -101,7 +102,7 @@ void AddServer(std::vector<StatusProblem>& problems, const StatusServer& server)
   };
   const std::int64_t logSilence = server.time - std::max(server.logWritten, server.started);
   const auto toWhole = [](double number) {
-    return static_cast<std::int64_t>(number + 0.5);
+    return std::int64_t{std::lround(number)};
   };
   add(!server.serving, "not_serving",
       "the port is not open: nobody can report; the server's log says why (0x0081)");
