@@ -79,10 +79,12 @@ def watched(directory):
             watchers.append(stack.enter_context(top))
             wait_until(lambda: not socket.socket().connect_ex(("127.0.0.1", page)))
             threading.Thread(target=read_for_ever, args=(page, terminal), daemon=True).start()
-        yield [psutil.Process(watcher.pid) for watcher in watchers]
-        for watcher in watchers:
-            assert watcher.poll() is None
-            watcher.terminate()
+        try:
+            yield [psutil.Process(watcher.pid) for watcher in watchers]
+            assert all(watcher.poll() is None for watcher in watchers)
+        finally:
+            for watcher in watchers:
+                watcher.terminate()
 
 
 def assert_all_counted(fleet):
