@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <stdexcept>
@@ -72,6 +73,9 @@ struct StatusInstance : StatusPeer {
 
   [[nodiscard]] bool Has(const std::string& flag) const;
 };
+
+// So many losses the server keeps: with as many, there may have been others before them.
+inline constexpr std::size_t kLossesKept = 200;
 
 struct StatusLoss : StatusPeer {
   std::int64_t lost = 0;

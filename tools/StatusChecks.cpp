@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <set>
+#include <string_view>
 
 #include "Listing.h"
 #include "ReportLayouts.h"
@@ -24,6 +26,13 @@ std::string WithAge(const StatusPeer& peer, std::int64_t now) {
   return Name(peer) + " " + ShownAge(now - peer.last) + " ago";
 }
 
+// "NAME, NAME and M more" for `number` of which the first are named.
+std::string Named(const std::vector<std::string>& names, std::size_t number) {
+  const std::string more =
+      number > names.size() ? " and " + std::to_string(number - names.size()) + " more" : "";
+  return Joined(names, ", ") + more;
+}
+
 // Adds "N WHAT: NAME, NAME and M more" for those of `rows` that `isMeant` picks, if there are any.
 template <typename Row, typename Predicate, typename Describe>
 void AddGroup(std::vector<StatusProblem>& problems, const char* kind, const std::string& noun,
@@ -35,10 +44,8 @@ void AddGroup(std::vector<StatusProblem>& problems, const char* kind, const std:
     if (++number <= kNamed) names.push_back(describe(row));
   }
   if (number == 0) return;
-  std::string text =
-      Counted(static_cast<std::int64_t>(number), noun) + " " + what + ": " + Joined(names, ", ");
-  if (number > kNamed) text += " and " + std::to_string(number - kNamed) + " more";
-  problems.push_back({kind, text});
+  problems.push_back(
+      {kind, Counted(static_cast<std::int64_t>(number), noun) + " " + what + ": " + Named(names, number)});
 }
 
 void AddInstances(std::vector<StatusProblem>& problems, const StatusSnapshot& snapshot) {
@@ -64,15 +71,49 @@ void AddInstances(std::vector<StatusProblem>& problems, const StatusSnapshot& sn
   add("same_camera", "with a camera that another identity has, too", has("same_camera"));
 }
 
-void AddLosses(std::vector<StatusProblem>& problems, const StatusSnapshot& snapshot) {
+// Those of the last hour; who was lost several times is one.
+struct RecentLosses {
+  std::vector<std::string> namesAway;  // the first of them
+  std::size_t away = 0;
+  std::size_t returned = 0;
+  bool areAll = true;  // false if the server may have forgotten some
+};
+
+RecentLosses RecentLossesOf(const StatusSnapshot& snapshot) {
   const std::int64_t now = snapshot.server.time;
-  AddGroup(
-      problems, "lost", "instance", "lost in the last hour", snapshot.losses,
-      [&](const StatusLoss& loss) { return now - loss.lost < kHour; },
-      [&](const StatusLoss& loss) {
-        const std::string fate = loss.returned != 0 ? ", returned " + ShownTime(loss.returned, now) : "";
-        return Name(loss) + " at " + ShownTime(loss.lost, now) + fate;
-      });
+  const std::vector<StatusLoss>& losses = snapshot.losses;
+  RecentLosses recent;
+  std::set<std::string_view> seen;
+  for (const StatusLoss& loss : losses) {
+    if (now - loss.lost >= kHour || !seen.insert(loss.key).second) continue;
+    if (loss.returned != 0) {
+      ++recent.returned;
+    } else if (++recent.away <= kNamed) {
+      recent.namesAway.push_back(Name(loss) + " at " + ShownTime(loss.lost, now));
+    }
+  }
+  recent.areAll = losses.size() < kLossesKept || now - losses.back().lost >= kHour;
+  return recent;
+}
+
+// "1 instance", "200 or more instances"
+std::string CountedInstances(std::size_t number, bool areAll) {
+  if (areAll) return Counted(static_cast<std::int64_t>(number), "instance");
+  return std::to_string(number) + " or more instances";
+}
+
+void AddLosses(std::vector<StatusProblem>& problems, const StatusSnapshot& snapshot) {
+  const RecentLosses recent = RecentLossesOf(snapshot);
+  if (recent.away > 0) {
+    std::string text = CountedInstances(recent.away, recent.areAll) +
+                       " lost in the last hour and still away: " + Named(recent.namesAway, recent.away);
+    if (recent.returned == 1) text += "; 1 other has returned";
+    if (recent.returned > 1) text += "; " + std::to_string(recent.returned) + " others have returned";
+    problems.push_back({"lost", text});
+  } else if (!recent.areAll) {
+    problems.push_back({"lost", CountedInstances(recent.returned, false) +
+                                    " lost in the last hour, too many to know whether all have returned"});
+  }
 }
 
 void AddRefusals(std::vector<StatusProblem>& problems, const StatusSnapshot& snapshot) {
@@ -152,6 +193,14 @@ std::map<std::string, std::string> MakeMeanings() {
 }
 
 }  // namespace
+
+std::string RemarkOnLosses(const StatusSnapshot& snapshot) {
+  const RecentLosses recent = RecentLossesOf(snapshot);
+  if (recent.returned == 0 || recent.away > 0 || !recent.areAll) return "";
+  const char* const were = recent.returned == 1 ? " was lost in the last hour, and has returned"
+                                                : " were lost in the last hour; all have returned";
+  return CountedInstances(recent.returned, true) + were;
+}
 
 bool IsOverdue(const StatusInstance& instance, std::int64_t now) {
   if (instance.state == "late") return true;

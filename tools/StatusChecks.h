@@ -15,6 +15,10 @@ struct StatusProblem {
 // All that is wrong; empty if all is well.
 std::vector<StatusProblem> ProblemsOf(const StatusSnapshot& snapshot);
 
+// A few words on losses that are no problem: all of the last hour have returned. Empty if there were none, or
+// not all have.
+std::string RemarkOnLosses(const StatusSnapshot& snapshot);
+
 // Did not report when it should have: `late`, or `not_back` for longer than it takes after each rebuild.
 bool IsOverdue(const StatusInstance& instance, std::int64_t now);
 

@@ -152,6 +152,7 @@ bool ShowStatus(const StatusOptions& options) {
     PrintStatusJson(snapshot, problems);
   } else {
     PrintProblems(problems);
+    if (const std::string remark = RemarkOnLosses(snapshot); !remark.empty()) std::cout << remark << "\n";
     for (const std::string& line : SummaryOf(snapshot)) std::cout << line << "\n";
   }
   return problems.empty();
@@ -181,9 +182,16 @@ void ShowInstances(const StatusOptions& options) {
 }
 
 void ShowLosses(const StatusOptions& options) {
-  const StatusSnapshot snapshot = ReadStatus(options.socket);
+  StatusSnapshot snapshot = ReadStatus(options.socket);
+  const StatusServer& server = snapshot.server;
+  SortLosses(snapshot.losses);
   PrintListing(ListLosses(snapshot.losses), options, "losses", snapshot.server.time,
                "no instance was lost since the server's start", NoExtra);
+  if (snapshot.losses.size() >= kLossesKept && !options.json && !options.csv) {
+    std::cout << fmt::format(
+        "older losses are not kept; {} were lost since the start: {} silent, {} not back\n",
+        Counted(server.expired + server.neverBack, "instance"), server.expired, server.neverBack);
+  }
 }
 
 void ShowRefusals(const StatusOptions& options) {

@@ -79,6 +79,8 @@ def test_nothing_that_peers_send_steers_a_terminal(serve, arguments):
         (1, ["huge_count", "same_identity", "same_camera"], [
             instance("a", flags=["new", "huge_count", "same_identity", "same_camera"])]),
         (1, ["lost"], [{"type": "loss", "lost": NOW - 3599}]),
+        (0, [], [{"type": "loss", "lost": NOW - 9, "returned": NOW}]),
+        (1, ["lost"], [{"type": "loss", "lost": NOW - 9, "returned": NOW}] * 200),
         (1, ["refused"], [{"type": "refusal", "code": "0xE248", "last": NOW - 3599}]),
         (0, [], [{"log_failures": 1, "log_failed": NOW - 3600}, {"type": "loss", "lost": NOW - 3600}, {"type": "refusal", "last": NOW - 3600}, {"type": "new"}]),
     ],
@@ -89,6 +91,19 @@ def test_status_says_what_is_wrong(serve, code, kinds, objects):
     status = json.loads(result.stdout)
     assert (result.returncode, [problem["kind"] for problem in status["problems"]]) == (code, kinds)
     assert "refused" not in kinds or "Plates is missing" in status["problems"][0]["text"]
+
+
+def test_who_is_still_away_is_named_before_those_who_returned(serve):
+    losses = [{"type": "loss", "key": f"{n}", "identity": f"gate-{n}", "lost": NOW - n} for n in range(200)]
+    returned = [loss | ({} if loss["key"] in ("70", "80") else {"returned": NOW}) for loss in losses]
+    told = [lines(SERVER, returned[0], END), lines(SERVER | {"expired": 300, "never_back": 1}, *returned, END)]
+    path = serve(lambda: told[-1])
+    status = run("status", path=path).stdout.decode()
+    assert re.search(r"2 or more instances .* still away: gate-70 .*, gate-80 .*; 198 others have returned", status)
+    rows = run("losses", path=path).stdout.decode().splitlines()
+    assert [row.split()[0] for row in rows[1:4]] == ["gate-70", "gate-80", "gate-0"] and "301 instances" in rows[-1]
+    told.pop()
+    assert b"All is well\n1 instance was lost in the last hour, and has returned" in run("status", path=path).stdout
 
 
 def test_users_of_a_feature_are_summed_and_sorted(serve):
