@@ -20,7 +20,8 @@ void JsonOutput::Put(const Listing& listing) {
   for (const auto& row : listing.rows) {
     writer_.StartObject();
     for (std::size_t column = 0; column < row.size(); ++column) {
-      std::visit([&](const auto& value) { Put(listing.columns[column].name, value); }, row[column]);
+      const std::string& name = listing.columns[column].name;
+      if (!name.empty()) std::visit([&](const auto& value) { Put(name, value); }, row[column]);
     }
     writer_.EndObject();
   }

@@ -29,6 +29,7 @@ class JsonOutput {
   void Put(Age age) { Put(age.seconds); }
   void Put(Hours hours) { Put(static_cast<double>(hours.seconds) / 3600); }
   void Put(Share share) { Put(share.Value()); }
+  void Put(const Digest& digest) { Put(digest.text); }
   void Put(const StatusCounts& counts);
   void Put(const std::vector<std::string>& texts);
   // An array of objects.

@@ -25,6 +25,14 @@ std::string CsvTime(std::int64_t seconds) {
   return seconds == 0 ? "" : UtcText(seconds);
 }
 
+std::string ShownDigest(const std::string& text, std::size_t widest) {
+  constexpr std::size_t digits = 64;
+  constexpr std::size_t enough = 12;  // to tell them apart, and to find one in a log
+  const bool isDigest =
+      text.size() == digits && text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+  return isDigest && widest != kAnyWidth ? text.substr(0, enough) : Shown(text, widest);
+}
+
 std::string CellText(const Cell& cell, std::int64_t now, std::size_t widest) {
   return std::visit(
       [&](const auto& value) -> std::string {
@@ -37,6 +45,7 @@ std::string CellText(const Cell& cell, std::int64_t now, std::size_t widest) {
         if constexpr (std::is_same_v<Value, Hours>) return fmt::format("{:.2f}", ValueOf(value));
         if constexpr (std::is_same_v<Value, Share>)
           return fmt::format("{:.2f} %", Floored(100 * value.Value(), 2));
+        if constexpr (std::is_same_v<Value, Digest>) return ShownDigest(value.text, widest);
         if constexpr (std::is_same_v<Value, StatusCounts>) return Shown(ShownCounts(value));
         if constexpr (std::is_same_v<Value, std::vector<std::string>>) return Shown(Joined(value, " "));
       },
@@ -107,14 +116,17 @@ std::vector<std::string> TableOf(const Listing& listing, std::int64_t now, std::
 
 std::string CsvOf(const Listing& listing) {
   constexpr const char* kEndOfLine = "\r\n";
-  std::vector<std::string> cells;
-  for (const Column& column : listing.columns) cells.push_back(column.name);
-  std::string csv = Joined(cells, ",") + kEndOfLine;
-  for (const auto& row : listing.rows) {
-    for (std::size_t column = 0; column < row.size(); ++column) {
-      csv += (column == 0 ? "" : ",") + CsvCell(row[column]);
+  std::string csv;
+  const auto addLine = [&](auto cellOf) {
+    const char* separator = "";
+    for (std::size_t column = 0; column < listing.columns.size(); ++column) {
+      if (listing.columns[column].name.empty()) continue;
+      csv.append(separator).append(cellOf(column));
+      separator = ",";
     }
     csv += kEndOfLine;
-  }
+  };
+  addLine([&](std::size_t column) { return listing.columns[column].name; });
+  for (const auto& row : listing.rows) addLine([&](std::size_t column) { return CsvCell(row[column]); });
   return csv;
 }

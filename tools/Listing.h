@@ -30,11 +30,15 @@ struct Share {
 
   [[nodiscard]] double Value() const;
 };
-using Cell = std::variant<std::string, std::int64_t, Time, UtcTime, Age, Hours, Share, StatusCounts,
+// Of 64 hexadecimal digits, as of SHA-256, tables show the first 12. Any other text is shown as it is.
+struct Digest {
+  std::string text;
+};
+using Cell = std::variant<std::string, std::int64_t, Time, UtcTime, Age, Hours, Share, Digest, StatusCounts,
                           std::vector<std::string>>;
 
 struct Column {
-  std::string name;   // in CSV and JSON
+  std::string name;   // in CSV and JSON; those without one leave the column out
   std::string title;  // in tables; those without one leave the column out
 };
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <map>
 #include <set>
 #include <string_view>
 
@@ -48,6 +49,22 @@ void AddGroup(std::vector<StatusProblem>& problems, const char* kind, const std:
       {kind, Counted(static_cast<std::int64_t>(number), noun) + " " + what + ": " + Named(names, number)});
 }
 
+// Ones that differ in their cameras are different instances to the server.
+void AddSameIdentities(std::vector<StatusProblem>& problems, const std::vector<StatusInstance>& instances) {
+  std::map<std::string_view, std::int64_t> times;
+  for (const StatusInstance& instance : instances) {
+    if (instance.Has("same_identity")) ++times[instance.identity];
+  }
+  if (times.empty()) return;
+  std::vector<std::string> names;
+  for (const auto& [identity, number] : times) {
+    if (names.size() == kNamed) break;
+    names.push_back(Shown(identity, kNameWidth) + " is counted " + Counted(number, "time"));
+  }
+  problems.push_back(
+      {"same_identity", Named(names, times.size()) + " (same identity, other cameras or another order)"});
+}
+
 void AddInstances(std::vector<StatusProblem>& problems, const StatusSnapshot& snapshot) {
   const std::int64_t now = snapshot.server.time;
   const auto add = [&](const char* kind, const std::string& what, auto isMeant) {
@@ -65,9 +82,9 @@ void AddInstances(std::vector<StatusProblem>& problems, const StatusSnapshot& sn
     };
   };
   add("late", "late; last report", isOverdue("late"));
-  add("not_back", "not back since the rebuild; last report", isOverdue("not_back"));
+  add("not_back", "overdue since the rebuild; last report", isOverdue("not_back"));
   add("huge_count", "with a count above 2^31 (a sender's -1), which spoils the sums", has("huge_count"));
-  add("same_identity", "counted more than once under one identity", has("same_identity"));
+  AddSameIdentities(problems, snapshot.instances);
   add("same_camera", "with a camera that another identity has, too", has("same_camera"));
 }
 

@@ -69,7 +69,7 @@ Listing ListInstances(const std::vector<StatusInstance>& instances, std::int64_t
        }},
       {{"container", "container"},
        [](const Row& row) {
-         return row.container;
+         return Digest{row.container};
        }},
       {{"counts", "in use"},
        [](const Row& row) {
@@ -96,6 +96,15 @@ Listing ListInstances(const std::vector<StatusInstance>& instances, std::int64_t
          return row.cameras;
        }},
   };
+  // Else these look the same.
+  if (std::ranges::any_of(instances, [](const Row& row) { return row.Has("same_identity"); })) {
+    columns.insert(columns.begin() + 1, {{"", "key"}, [](const Row& row) {
+                                           return Digest{row.Has("same_identity") ? row.key : ""};
+                                         }});
+    columns.push_back({{"", "first camera"}, [](const Row& row) {
+                         return row.Has("same_identity") && !row.cameras.empty() ? row.cameras.front() : "";
+                       }});
+  }
   if (!feature.empty()) {
     columns.insert(columns.begin() + 1, {{feature, feature}, [feature](const Row& row) {
                                            return CountOf(row.counts, feature);
@@ -134,7 +143,7 @@ Listing ListLosses(const std::vector<StatusLoss>& losses) {
            }},
           {{"container", "container"},
            [](const Row& row) {
-             return row.container;
+             return Digest{row.container};
            }},
           {{"counts", "in use"},
            [](const Row& row) {

@@ -17,7 +17,8 @@ void SortInstances(std::vector<StatusInstance>& instances, const std::string& or
 // Those that are still away first, and otherwise as they are: the newest first.
 void SortLosses(std::vector<StatusLoss>& losses);
 
-// With a column of its own for the count `feature`, unless that is empty.
+// With a column of its own for the count `feature`, unless that is empty. Tables tell apart by their keys and
+// first cameras those that are counted more than once under one identity.
 Listing ListInstances(const std::vector<StatusInstance>& instances, std::int64_t now,
                       const std::string& feature = "");
 Listing ListLosses(const std::vector<StatusLoss>& losses);

@@ -106,6 +106,25 @@ def test_who_is_still_away_is_named_before_those_who_returned(serve):
     assert b"All is well\n1 instance was lost in the last hour, and has returned" in run("status", path=path).stdout
 
 
+def test_who_is_counted_twice_can_be_told_apart(serve):
+    keys = [digit * 64 for digit in "ab"]
+    twins = [
+        instance("yard-1", key=key, container="c" * 64, flags=["same_identity"], cameras=["rtsp://" + key[:3]])
+        for key in keys
+    ]
+    path = serve(lines(SERVER, instance("gate", container="d" * 63), *twins, END))
+    assert b"yard-1 is counted 2 times" in run("status", path=path).stdout
+    table = [line.split() for line in run("instances", path=path).stdout.decode().splitlines()]
+    assert [(row[1], row[-2], row[-1]) for row in table[2:]] == [
+        (key[:12], "c" * 12, "rtsp://" + key[:3]) for key in keys
+    ]
+    rows = list(csv.DictReader(io.StringIO(run("instances", "--csv", path=path).stdout.decode(), newline="")))
+    assert [(row["key"], row["container"]) for row in rows[1:]] == [(key, "c" * 64) for key in keys] and "" not in rows[
+        0
+    ]
+    assert json.loads(run("instances", "--json", path=path).stdout)["instances"][1]["container"] == "c" * 64
+
+
 def test_users_of_a_feature_are_summed_and_sorted(serve):
     counts = [{"Plates": 2}, {"PX": 9}, {"Plates": 2**32 - 1}]
     path = serve(lines(SERVER, *(instance(f"i{n}", counts=count) for n, count in enumerate(counts)), END))
