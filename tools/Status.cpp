@@ -269,7 +269,16 @@ std::string UserName() {
   return user == nullptr ? "NAME" : user->pw_name;
 }
 
+// connect(2) refuses what is no socket as it does a socket that nobody listens on.
+bool IsNoSocket(const std::string& path) {
+  std::error_code error;
+  const std::filesystem::file_status status = std::filesystem::status(path, error);
+  return std::filesystem::exists(status) && !std::filesystem::is_socket(status);
+}
+
 std::string WhyNot(const std::string& path, int error) {
+  if (error == ECONNREFUSED && IsNoSocket(path))
+    return path + " is no socket, so no server shows its status there";
   switch (error) {
     case ENOENT:
     case ENOTDIR:

@@ -159,6 +159,7 @@ def test_each_way_to_have_no_server_has_its_sentence(tmp_path, serve):
     with socket.socket(socket.AF_UNIX) as left_behind:
         left_behind.bind(str(tmp_path / "gone"))
     assert b"is gone" in complaint(tmp_path / "gone")
+    assert b"is no socket" in complaint(tmp_path)
     if os.geteuid() == 0:
         # Run through a descriptor: another user may not reach this build.
         path = serve(lines(SERVER, END))
