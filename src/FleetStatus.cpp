@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t kShownBytes = 512;  // of a string of a peer's; it may have sent a megabyte
 constexpr std::size_t kShownCameras = 256;
-constexpr std::size_t kLosses = 1000;  // a site's outage loses hundreds in one second
+constexpr std::size_t kLosses = 200;
 constexpr std::size_t kAddresses = 256;
 constexpr std::size_t kHours = 48;
 constexpr std::int64_t kSecondsPerHour = 3600;

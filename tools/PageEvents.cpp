@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::size_t kStreams = 64;
 constexpr std::size_t kKept = 30;               // events, thus seconds
-constexpr std::size_t kKeptSize = 8 * 1048576;  // bytes
+constexpr std::size_t kKeptSize = 8'388'608;  // bytes
 constexpr std::size_t kBlock = 32768;           // bytes that are sent at a time
 
 // `json` is one line with its end.
