@@ -9,9 +9,9 @@
 namespace {
 
 constexpr std::size_t kStreams = 64;
-constexpr std::size_t kKept = 30;               // events, thus seconds
+constexpr std::size_t kKept = 30;             // events, thus seconds
 constexpr std::size_t kKeptSize = 8'388'608;  // bytes
-constexpr std::size_t kBlock = 32768;           // bytes that are sent at a time
+constexpr std::size_t kBlock = 32768;         // bytes that are sent at a time
 
 // `json` is one line with its end.
 std::string Event(const char* type, const std::string& json) {
