@@ -110,8 +110,8 @@ void ReporterLoop::Stop() {
 }
 
 std::optional<int> ReporterLoop::SignOffAll() {
-  destination_
-      .RequireOwnProcess();  // first: a thread of a fork's child may have the id of the one left behind
+  // First: a thread of a fork's child may have the id of the one that was left behind.
+  destination_.RequireOwnProcess();
   if (thread_.get_id() == std::this_thread::get_id()) {
     throw std::logic_error("a reporter cannot sign off from its own source or listener");
   }
