@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t kShownBytes = 512;  // of a string of a peer's; it may have sent a megabyte
 constexpr std::size_t kShownCameras = 256;
-constexpr std::size_t kLosses = 200;
+constexpr std::size_t kLosses = 1000;  // a site's outage loses hundreds in one second
 constexpr std::size_t kAddresses = 256;
 constexpr std::size_t kHours = 48;
 constexpr std::int64_t kSecondsPerHour = 3600;
@@ -183,6 +183,10 @@ void FleetStatus::Lose(Rows::iterator row, LossReason reason, std::int64_t now) 
   }
   ChangeUse(&row->second->counts, nullptr, now);
   ++(reason == LossReason::Silent ? server_.silent : server_.neverBack);
+  if (row->second->HasSignedOff()) {
+    reason = LossReason::SignedOff;
+    ++server_.signedOff;
+  }
   losses_.push_front(
       {.instance = WithoutCameras(*row->second), .lost = now, .seen = seen_, .reason = reason});
   if (losses_.size() > kLosses) losses_.pop_back();

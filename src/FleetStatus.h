@@ -46,10 +46,13 @@ class FleetStatus {
     std::uint64_t reports = 0;
     double period = 0;             // seconds between reports, a running mean; 0 before the second report
     std::uint32_t generation = 0;  // of the registry that counted it
+
+    // A client's last report has nothing in use, so that the totals fall at once.
+    [[nodiscard]] bool HasSignedOff() const { return counts == ugs::UsageCounts{}; }
   };
   using InstancePointer = std::shared_ptr<const Instance>;
 
-  enum class LossReason { Silent, NotBack };
+  enum class LossReason { Silent, NotBack, SignedOff };
   struct Loss {
     InstancePointer instance;
     std::int64_t lost = 0;
@@ -91,8 +94,9 @@ class FleetStatus {
     std::uint64_t reports = 0;
     std::uint64_t greetings = 0;
     std::uint64_t refused = 0;
-    std::uint64_t silent = 0;  // losses, by reason
+    std::uint64_t silent = 0;  // losses: of those that the registry knew, and of those that it did not
     std::uint64_t neverBack = 0;
+    std::uint64_t signedOff = 0;  // of both
     double reportsPerSecond = 0;
     std::size_t queuePeak = 0;
     std::uint64_t repliesLostBefore = 0;  // before the last rebuild

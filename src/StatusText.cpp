@@ -26,6 +26,7 @@ constexpr int kSchema = 1;
 constexpr unsigned kReportsPerSecondLimit = 93;  // measured: docs/performance.md
 constexpr std::int64_t kNewFor = 120;            // seconds
 constexpr std::int64_t kLateGrace = 5;           // seconds beyond two periods
+constexpr double kUnknownPeriod = 60;            // seconds after which one report was the last
 constexpr std::uint32_t kLargestCount = 1U << 31U;
 
 // The key of the count in each slot; null for the spares.
@@ -81,9 +82,24 @@ bool HasHugeCount(const ugs::UsageCounts& counts) {
 }
 
 const char* StateOf(const FleetStatus::Instance& instance, const FleetStatus::Snapshot& snapshot) {
+  const bool hasPeriod = instance.period > 0;
+  const double due = hasPeriod ? 2 * instance.period + kLateGrace : kUnknownPeriod;
+  const bool isOverdue = static_cast<double>(snapshot.time - instance.last) > due;
+  if (isOverdue && instance.HasSignedOff()) return "signed_off";
   if (instance.generation != snapshot.generation) return "not_back";
-  const auto silence = static_cast<double>(snapshot.time - instance.last);
-  return instance.period > 0 && silence > 2 * instance.period + kLateGrace ? "late" : "alive";
+  return hasPeriod && isOverdue ? "late" : "alive";
+}
+
+const char* NameOf(FleetStatus::LossReason reason) {
+  switch (reason) {
+    case FleetStatus::LossReason::Silent:
+      return "silent";
+    case FleetStatus::LossReason::NotBack:
+      return "not_back";
+    case FleetStatus::LossReason::SignedOff:
+      return "signed_off";
+  }
+  return "";
 }
 
 class Lines {
@@ -177,6 +193,7 @@ void AddServer(Lines& lines, const FleetStatus::Snapshot& snapshot, const Proces
     lines.Member("last_report", server.lastReport);
     lines.Member("expired", server.silent);
     lines.Member("never_back", server.neverBack);
+    lines.Member("signed_off", server.signedOff);
     lines.Object("errors", [&] {
       for (const auto& [code, count] : process.errors) lines.Member(code.c_str(), count);
     });
@@ -237,7 +254,7 @@ void AddLosses(Lines& lines, const FleetStatus::Snapshot& snapshot) {
     lines.Add("loss", [&] {
       lines.Instance(*loss.instance, loss.seen);
       lines.Member("lost", loss.lost);
-      lines.Member("reason", loss.reason == FleetStatus::LossReason::Silent ? "silent" : "not_back");
+      lines.Member("reason", NameOf(loss.reason));
       lines.Member("returned", loss.returned);
     });
   }

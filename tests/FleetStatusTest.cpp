@@ -107,6 +107,28 @@ TEST_F(FleetStatusTest, AnInstanceTurnsLateAfterTwoPeriodsAndIsLostAfterTwoMinut
   EXPECT_STREQ(stateAfter(121), "lost");
 }
 
+TEST_F(FleetStatusTest, AnInstanceThatSignedOffIsNeitherLateNorMissed) {
+  for (const std::uint32_t cameras : {1U, 1U, 0U}) {
+    clock.now += 30;
+    Report(7, {.maxCameras = cameras});
+  }
+  const std::int32_t last = clock.now;
+  Report(8, {});
+  clock.now = last + 65;
+  EXPECT_EQ(Shown("\"state\":\"signed_off\""), 1U);  // no second report of 8 came
+  clock.now = last + 66;
+  EXPECT_EQ(Shown("\"state\":\"signed_off\""), 2U);
+  Rebuild();
+  EXPECT_EQ(Shown("\"state\":\"signed_off\""), 2U);
+  Report(7, {});
+  for (const std::int32_t later : {187, 188}) {  // once a second
+    clock.now = last + later;
+    EndTurn();
+  }
+  EXPECT_EQ(Shown("\"reason\":\"signed_off\""), 2U);
+  EXPECT_EQ(Shown("\"expired\":1,\"never_back\":1,\"signed_off\":2,"), 1U);
+}
+
 TEST_F(FleetStatusTest, TenThousandAddressesThatAreRefusedTakeNoMoreRoomThan256) {
   constexpr FunctionLog source("test");
   const std::string megabyte(1 << 20, 'x');

@@ -143,7 +143,7 @@ void AddFleet(MetricsText& text, const StatusSnapshot& snapshot) {
   for (const StatusInstance& instance : snapshot.instances) {
     late += instance.state == "late" ? 1 : 0;
     notBack += instance.state == "not_back" ? 1 : 0;
-    oldest = std::max(oldest, snapshot.server.time - instance.last);
+    if (instance.state != "signed_off") oldest = std::max(oldest, snapshot.server.time - instance.last);
   }
   text.Gauge("ugs_instances", "Instances that are known.",
              static_cast<std::int64_t>(snapshot.instances.size()));
@@ -156,6 +156,8 @@ void AddFleet(MetricsText& text, const StatusSnapshot& snapshot) {
   text.Counter("ugs_never_back",
                "Instances that did not come back after a rebuild: the log has no line for them.",
                snapshot.server.neverBack);
+  text.Counter("ugs_lost", "Instances that expired or did not come back, without those that had signed off.",
+               snapshot.server.expired + snapshot.server.neverBack - snapshot.server.signedOff);
 }
 
 Labels NamesOf(const StatusPeer& peer) {
@@ -181,7 +183,7 @@ void AddSilent(MetricsText& text, const StatusSnapshot& snapshot) {
     keys.insert(instance.key);
   }
   for (const StatusLoss& loss : snapshot.losses) {
-    if (loss.returned == 0 && now - loss.lost < hour) add(loss, "lost");
+    if (loss.returned == 0 && !loss.HasSignedOff() && now - loss.lost < hour) add(loss, "lost");
   }
   std::ranges::stable_sort(silent, std::greater(), [](const auto& row) { return row.first->last; });
   if (silent.size() > most) silent.resize(most);

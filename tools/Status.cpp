@@ -82,6 +82,7 @@ StatusServer ServerOf(const Object& line) {
   Read(line, "last_report", server.lastReport);
   Read(line, "expired", server.expired);
   Read(line, "never_back", server.neverBack);
+  Read(line, "signed_off", server.signedOff);
   Read(line, "errors", server.errors);
   Read(line, "reports_per_second", server.reportsPerSecond);
   Read(line, "reports_per_second_limit", server.reportsPerSecondLimit);

@@ -33,7 +33,8 @@ struct StatusServer {
   std::int64_t lastReport = 0;
   std::int64_t expired = 0;
   std::int64_t neverBack = 0;
-  StatusCounts errors;  // by code
+  std::int64_t signedOff = 0;  // of those that expired or never came back
+  StatusCounts errors;         // by code
   double reportsPerSecond = 0;
   double reportsPerSecondLimit = 0;
   std::int64_t queue = 0;
@@ -75,12 +76,14 @@ struct StatusInstance : StatusPeer {
 };
 
 // So many losses the server keeps: with as many, there may have been others before them.
-inline constexpr std::size_t kLossesKept = 200;
+inline constexpr std::size_t kLossesKept = 1000;
 
 struct StatusLoss : StatusPeer {
   std::int64_t lost = 0;
   std::string reason;
   std::int64_t returned = 0;
+
+  [[nodiscard]] bool HasSignedOff() const { return reason == "signed_off"; }
 
   bool operator==(const StatusLoss&) const = default;
 };

@@ -102,7 +102,7 @@ RecentLosses RecentLossesOf(const StatusSnapshot& snapshot) {
   RecentLosses recent;
   std::set<std::string_view> seen;
   for (const StatusLoss& loss : losses) {
-    if (now - loss.lost >= kHour || !seen.insert(loss.key).second) continue;
+    if (now - loss.lost >= kHour || loss.HasSignedOff() || !seen.insert(loss.key).second) continue;
     if (loss.returned != 0) {
       ++recent.returned;
     } else if (++recent.away <= kNamed) {
@@ -113,7 +113,7 @@ RecentLosses RecentLossesOf(const StatusSnapshot& snapshot) {
   return recent;
 }
 
-// "1 instance", "200 or more instances"
+// "1 instance", "1000 or more instances"
 std::string CountedInstances(std::size_t number, bool areAll) {
   if (areAll) return Counted(static_cast<std::int64_t>(number), "instance");
   return std::to_string(number) + " or more instances";

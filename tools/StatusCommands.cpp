@@ -35,9 +35,11 @@ std::int64_t CamerasOf(const StatusSnapshot& snapshot) {
 std::string InstancesLine(const StatusSnapshot& snapshot) {
   const std::int64_t fresh =
       NumberOf(snapshot, [](const StatusInstance& instance) { return instance.Has("new"); });
-  return fmt::format("{} ({} alive, {} late, {} not back; {} new), {}",
+  const std::int64_t signedOff = NumberIn(snapshot, "signed_off");
+  return fmt::format("{} ({} alive, {} late, {} not back{}; {} new), {}",
                      Counted(std::ssize(snapshot.instances), "instance"), NumberIn(snapshot, "alive"),
-                     NumberIn(snapshot, "late"), NumberIn(snapshot, "not_back"), fresh,
+                     NumberIn(snapshot, "late"), NumberIn(snapshot, "not_back"),
+                     signedOff > 0 ? fmt::format(", {} signed off", signedOff) : "", fresh,
                      Counted(CamerasOf(snapshot), "camera"));
 }
 
@@ -79,6 +81,7 @@ void PrintStatusJson(const StatusSnapshot& snapshot, const std::vector<StatusPro
   json.Put("alive", NumberIn(snapshot, "alive"));
   json.Put("late", NumberIn(snapshot, "late"));
   json.Put("not_back", NumberIn(snapshot, "not_back"));
+  json.Put("signed_off", NumberIn(snapshot, "signed_off"));
   json.Put("cameras", CamerasOf(snapshot));
   json.Put("totals", snapshot.totals);
   json->EndObject();

@@ -152,6 +152,7 @@ void PutServer(JsonOutput& json, const StatusServer& server) {
   json.Put("last_report", server.lastReport);
   json.Put("expired", server.expired);
   json.Put("never_back", server.neverBack);
+  json.Put("signed_off", server.signedOff);
   json.Put("errors", server.errors);
   json.Put("reports_per_second", server.reportsPerSecond);
   json.Put("reports_per_second_limit", server.reportsPerSecondLimit);

@@ -1,5 +1,5 @@
 // The head of the page and its tiles.
-import { HOUR, age, byId, clockOf, dateOf, fill, make, say } from "./page-parts.js";
+import { HOUR, age, byId, clockOf, dateOf, fill, hasSignedOff, make, say } from "./page-parts.js";
 import { news } from "./page-stream.js";
 
 const OLD = 4; // s after which what is shown is no news
@@ -24,7 +24,7 @@ function figures(status) {
     states[instance.state] = (states[instance.state] ?? 0) + 1;
     cameras += instance.cameras_count;
   }
-  const lost = losses.filter((loss) => isToday(loss.lost, server.time));
+  const lost = losses.filter((loss) => isToday(loss.lost, server.time) && !hasSignedOff(loss));
   const away = lost.filter((loss) => !loss.returned).length;
   const refused = refusals.filter((refusal) => server.time - refusal.last < HOUR);
   const senders = new Set(refused.map((refusal) => refusal.address)).size;

@@ -7,7 +7,9 @@ export const STATES = {
   alive: { shape: "●", word: "alive", kind: "good", rank: 2 },
   late: { shape: "▲", word: "late", kind: "bad", rank: 0 },
   not_back: { shape: "◆", word: "not back", kind: "warn", rank: 1 },
+  signed_off: { shape: "○", word: "signed off", kind: "", rank: 2 },
 };
+export const hasSignedOff = (loss) => loss.reason === "signed_off";
 export const stateOf = (instance) =>
   STATES[instance.state] ?? { shape: "?", word: instance.state, kind: "warn", rank: 1 };
 

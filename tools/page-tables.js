@@ -7,6 +7,7 @@ import {
   dateOf,
   fill,
   foreign,
+  hasSignedOff,
   make,
   moment,
   place,
@@ -24,6 +25,8 @@ const FLAGS = {
   same_camera: "shares a camera",
   huge_count: "huge count",
 };
+
+const REASONS = { not_back: "not back after a rebuild", signed_off: "signed off" };
 
 // What the reader chose.
 export const view = { sort: "state", descending: false, feature: "", open: new Set(), rows: ROWS };
@@ -223,10 +226,13 @@ const LOSS_COLUMNS = [
   ["Identity", (loss) => foreign(loss.identity), "identity"],
   ["Address", (loss) => foreign(loss.address), "address"],
   ["Last report", (loss) => moment(loss.last, now()), "time"],
-  ["Why", (loss) => (loss.reason === "not_back" ? "not back after a rebuild" : loss.reason), "words"],
+  ["Why", (loss) => REASONS[loss.reason] ?? loss.reason, "words"],
   [
     "Returned",
-    (loss) => (loss.returned ? moment(loss.returned, now()) : make("span", { class: "bad" }, "✕ no")),
+    (loss) => {
+      if (loss.returned) return moment(loss.returned, now());
+      return hasSignedOff(loss) ? "no" : make("span", { class: "bad" }, "✕ no");
+    },
     "time",
   ],
   ["It used", (loss) => Object.entries(loss.counts).map(([name, count]) => `${name} ${count}`).join(", "), "used"],

@@ -1,5 +1,5 @@
 // The wall: a tile for each instance, marked by shape and colour, to be read from afar.
-import { age, byId, foreign, make, place, stateOf } from "./page-parts.js";
+import { age, byId, foreign, hasSignedOff, make, place, stateOf } from "./page-parts.js";
 import { news } from "./page-stream.js";
 
 const LOST = { shape: "✕", word: "lost", kind: "bad", rank: -1 };
@@ -18,6 +18,7 @@ function standing() {
   const rows = [...instances.values()].map((instance) => ({ ...stateOf(instance), ...instance }));
   const seen = new Set(instances.keys());
   for (const loss of losses) {
+    if (hasSignedOff(loss)) continue;
     if (loss.returned || seen.has(loss.key) || server.time - loss.lost > 24 * 3600) continue;
     seen.add(loss.key);
     rows.push({ ...LOST, ...loss });

@@ -19,7 +19,7 @@ def test_sums_are_right_and_every_known_code_starts_at_zero(serve, page):
         refusal | {"address": "1", "count": 2},
         refusal | {"address": "2", "count": 3},
     ]
-    server = {"reports": 2**40, "rebuilds": 3, "last_report": NOW - 7, "expired": 4, "never_back": 1}
+    server = {"reports": 2**40, "rebuilds": 3, "last_report": NOW - 7, "expired": 4, "never_back": 1, "signed_off": 2}
     page(serve(lines(SERVER | server | {"errors": {"0x0081": 1, "0x442": 2}}, *rows, END)))
     wait_until(lambda: "ugs_up 1" in samples())
     shown = samples()
@@ -31,6 +31,7 @@ def test_sums_are_right_and_every_known_code_starts_at_zero(serve, page):
         f"ugs_last_report_timestamp_seconds {NOW - 7}",
         "ugs_expired_total 4",
         "ugs_never_back_total 1",
+        "ugs_lost_total 3",
         'ugs_build_info{version="1"} 1',
         'ugs_refused_total{code="0xE248"} 5',
         'ugs_refused_total{code="none"} 0',
@@ -68,6 +69,7 @@ def test_the_silent_are_named_and_bounded(serve, page):
         {"type": "loss", "key": "gone", "identity": HOSTILE, "last": NOW - 90, "lost": NOW - 20},
         {"type": "loss", "key": "returned", "identity": "r", "last": NOW - 90, "lost": NOW - 20, "returned": NOW - 5},
         {"type": "loss", "key": "alive", "identity": "again", "last": NOW - 90, "lost": NOW - 20},
+        {"type": "loss", "key": "off", "identity": "o", "last": NOW - 90, "lost": NOW - 20, "reason": "signed_off"},
         {"type": "loss", "key": "old", "identity": "old", "last": NOW - 4000, "lost": NOW - 3700},
     ]
     page(serve(lines(SERVER, *late, *states, END)))
@@ -78,7 +80,7 @@ def test_the_silent_are_named_and_bounded(serve, page):
     (gone,) = (sample for sample in named if 'key="gone"' in sample)
     assert r',identity="a\"b' in gone and gone.endswith('state="lost"} 90') and "\x1b" not in gone
     assert {
-        key for key in ("back-soon", "alive", "returned", "old", "late-59") if f'key="{key}"' in str(named)
+        key for key in ("back-soon", "alive", "returned", "off", "old", "late-59") if f'key="{key}"' in str(named)
     } == set()
     assert any('key="late-47"' in sample for sample in named)
     every = [sample for sample in samples("/metrics?instances=1") if sample.startswith("ugs_instance_")]

@@ -80,9 +80,9 @@ def test_nothing_that_peers_send_steers_a_terminal(serve, arguments):
             instance("a", flags=["new", "huge_count", "same_identity", "same_camera"])]),
         (1, ["lost"], [{"type": "loss", "lost": NOW - 3599}]),
         (0, [], [{"type": "loss", "lost": NOW - 9, "returned": NOW}]),
-        (1, ["lost"], [{"type": "loss", "lost": NOW - 9, "returned": NOW}] * 200),
+        (1, ["lost"], [{"type": "loss", "lost": NOW - 9, "returned": NOW}] * 1000),
         (1, ["refused"], [{"type": "refusal", "code": "0xE248", "last": NOW - 3599}]),
-        (0, [], [{"log_failures": 1, "log_failed": NOW - 3600}, {"type": "loss", "lost": NOW - 3600}, {"type": "refusal", "last": NOW - 3600}, {"type": "new"}]),
+        (0, [], [{"log_failures": 1, "log_failed": NOW - 3600}, {"type": "loss", "lost": NOW - 3600}, {"type": "loss", "lost": NOW, "reason": "signed_off"}, {"type": "refusal", "last": NOW - 3600}, {"type": "new"}]),
     ],
 )  # fmt: skip
 def test_status_says_what_is_wrong(serve, code, kinds, objects):
@@ -94,7 +94,7 @@ def test_status_says_what_is_wrong(serve, code, kinds, objects):
 
 
 def test_who_is_still_away_is_named_before_those_who_returned(serve):
-    losses = [{"type": "loss", "key": f"{n}", "identity": f"gate-{n}", "lost": NOW - n} for n in range(200)]
+    losses = [{"type": "loss", "key": f"{n}", "identity": f"gate-{n}", "lost": NOW - n} for n in range(1000)]
     returned = [loss | ({} if loss["key"] in ("70", "80") else {"returned": NOW}) for loss in losses]
     told = [lines(SERVER, returned[0], END), lines(SERVER | {"expired": 300, "never_back": 1}, *returned, END)]
     path = serve(lambda: told[-1])
