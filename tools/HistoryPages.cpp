@@ -63,11 +63,14 @@ HistoryAnswer Failure(unsigned status, const std::string& why) {
 }
 
 constexpr unsigned kBadRequest = 400;
+constexpr unsigned kNotFound = 404;
 constexpr unsigned kUnavailable = 503;
 
 HistoryAnswer AnswerHours(const std::string& file, const HistoryQuestion& question) {
   if (!question.key) return Failure(kBadRequest, "/day takes the key of an instance: /day?key=KEY");
-  return {.body = HoursJson(*question.key, HistoryReader(file).LastHours(*question.key))};
+  const std::vector<InstanceHour> hours = HistoryReader(file).LastHours(*question.key);
+  if (hours.empty()) return Failure(kNotFound, "the history has no instance with this key");
+  return {.body = HoursJson(*question.key, hours)};
 }
 
 HistoryAnswer AnswerMonth(const std::string& file, const HistoryQuestion& question, std::int64_t now,

@@ -106,14 +106,21 @@ std::vector<StatusLoss> HistoryReader::Losses(const UtcMonth& month) {
   return losses;
 }
 
+std::optional<std::int64_t> HistoryReader::NumberOf(const std::string& key) {
+  Statement find(database_, "SELECT id FROM instance WHERE key = ?");
+  return find.With(key).Step() ? std::optional(find.Number(0)) : std::nullopt;
+}
+
 std::vector<InstanceHour> HistoryReader::LastHours(const std::string& key) {
+  const std::optional<std::int64_t> instance = NumberOf(key);
+  if (!instance) return {};
   const std::int64_t newest = HourOf(database_.Number("SELECT max(written) FROM run"));
   Statement read(database_,
                  "SELECT sum(camera_seconds), min(first), max(last) FROM instance_hour "
-                 "WHERE hour = ? AND instance = (SELECT id FROM instance WHERE key = ?)");
+                 "WHERE hour = ? AND instance = ?");
   std::vector<InstanceHour> hours;
   for (std::int64_t hour = newest - 23 * kSecondsPerHour; hour <= newest; hour += kSecondsPerHour) {
-    read.With(hour, key).Step();
+    read.With(hour, *instance).Step();
     hours.push_back({hour, read.Number(0), read.Number(1), read.Number(2)});
   }
   return hours;

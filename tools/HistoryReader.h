@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -46,10 +47,12 @@ class HistoryReader {
   std::vector<HistoryInstance> Instances(const UtcMonth& month);
   // The newest first.
   std::vector<StatusLoss> Losses(const UtcMonth& month);
-  // The last 24 hours that were written, of the instance with this key, the oldest first.
+  // The last 24 hours that were written, of the instance with this key, the oldest first;
+  // empty if the history has no such instance.
   std::vector<InstanceHour> LastHours(const std::string& key);
 
  private:
+  [[nodiscard]] std::optional<std::int64_t> NumberOf(const std::string& key);
   void ReadSeen(HistoryMonth& month, std::int64_t end);
   void ReadUses(HistoryMonth& month, std::int64_t end);
   void ReadCameras(HistoryMonth& month, std::int64_t end);
