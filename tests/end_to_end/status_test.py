@@ -96,12 +96,12 @@ def test_status_says_what_is_wrong(serve, code, kinds, objects):
 def test_who_is_still_away_is_named_before_those_who_returned(serve):
     losses = [{"type": "loss", "key": f"{n}", "identity": f"gate-{n}", "lost": NOW - n} for n in range(1000)]
     returned = [loss | ({} if loss["key"] in ("70", "80") else {"returned": NOW}) for loss in losses]
-    told = [lines(SERVER, returned[0], END), lines(SERVER | {"expired": 300, "never_back": 1}, *returned, END)]
+    told = [lines(SERVER, returned[0], END), lines(SERVER | {"expired": 1200, "never_back": 1}, *returned, END)]
     path = serve(lambda: told[-1])
     status = run("status", path=path).stdout.decode()
-    assert re.search(r"2 or more instances .* still away: gate-70 .*, gate-80 .*; 198 others have returned", status)
+    assert re.search(r"2 or more instances .* still away: gate-70 .*, gate-80 .*; 998 others have returned", status)
     rows = run("losses", path=path).stdout.decode().splitlines()
-    assert [row.split()[0] for row in rows[1:4]] == ["gate-70", "gate-80", "gate-0"] and "301 instances" in rows[-1]
+    assert [row.split()[0] for row in rows[1:4]] == ["gate-70", "gate-80", "gate-0"] and "1201 instances" in rows[-1]
     told.pop()
     assert b"All is well\n1 instance was lost in the last hour, and has returned" in run("status", path=path).stdout
 
