@@ -37,10 +37,7 @@ class ErrorCounts {
   std::map<std::string, std::uint64_t> counts_ UGS_GUARDED_BY(mutex_);
 };
 
-ErrorCounts& Errors() {
-  static ErrorCounts errors;
-  return errors;
-}
+ErrorCounts errorCounts;  // not made at first use: a thread's, it would die before that thread's owner
 
 class ConsoleSink final : public spdlog::sinks::base_sink<std::mutex> {
  private:
@@ -100,10 +97,10 @@ std::string ErrorCodeIn(std::string_view text) {
 }
 
 std::map<std::string, std::uint64_t> CurrentErrorCounts() {
-  return Errors().Get();
+  return errorCounts.Get();
 }
 
 void FunctionLog::NoteLastError(std::string text) {
-  Errors().Count(ErrorCodeIn(text));
+  errorCounts.Count(ErrorCodeIn(text));
   lastError = std::move(text);
 }

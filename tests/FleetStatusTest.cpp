@@ -58,7 +58,7 @@ class FleetStatusTest : public testing::Test {
 
 template <typename Print>
 std::vector<std::string> Printed(Print print) {
-  const CapturedLog log;
+  const CapturedLog log(50);  // a status has fewer; room for more takes longer to make than all else here
   print();
   return log.Lines();
 }

@@ -17,8 +17,8 @@
 #include "Sealer.h"
 #include "UsageRecords.h"
 
-CapturedLog::CapturedLog() : before_(spdlog::default_logger()) {
-  auto ring = std::make_shared<spdlog::sinks::ringbuffer_sink_mt>(10'000);
+CapturedLog::CapturedLog(std::size_t lines) : before_(spdlog::default_logger()) {
+  auto ring = std::make_shared<spdlog::sinks::ringbuffer_sink_mt>(lines);
   ring->set_formatter(
       std::make_unique<spdlog::pattern_formatter>("%l %!: %v", spdlog::pattern_time_type::local, ""));
   allLines_ = [ring] {

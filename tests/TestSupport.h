@@ -19,7 +19,7 @@ class logger;
 // Stands in for the process logger while it lives. Thread-safe.
 class CapturedLog {
  public:
-  CapturedLog();
+  explicit CapturedLog(std::size_t lines = 10'000);  // of which the newest are kept
   ~CapturedLog();
   CapturedLog(const CapturedLog&) = delete;
   CapturedLog& operator=(const CapturedLog&) = delete;
