@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <sys/inotify.h>
-#include <sys/signalfd.h>
 
 #include <array>
 #include <csignal>
@@ -15,21 +14,13 @@
 #include <utility>
 
 #include "InstanceKey.h"
+#include "SignalFile.h"
 
 namespace {
 
 // A file counts once it is closed or moved here: half-written ones are not read.
 constexpr std::uint32_t kChanges =
     IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-
-int BlockedSignals() {
-  sigset_t ending;
-  sigemptyset(&ending);
-  sigaddset(&ending, SIGINT);
-  sigaddset(&ending, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &ending, nullptr);
-  return signalfd(-1, &ending, SFD_CLOEXEC);
-}
 
 constexpr std::size_t kEventBytes = 65536;
 
@@ -53,7 +44,7 @@ HostAgent::HostAgent(std::filesystem::path directory, const std::string& server,
                      std::chrono::milliseconds period, std::chrono::milliseconds replyTimeout, bool verbose)
     : directory_(std::move(directory)),
       verbose_(verbose),
-      signals_(BlockedSignals(), "signalfd"),
+      signals_(SignalFile({SIGINT, SIGTERM})),
       watch_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK), "inotify"),
       group_(
           server, key, period,

@@ -2,8 +2,6 @@
 
 #include <microhttpd.h>
 #include <netdb.h>
-#include <pthread.h>
-#include <sys/signalfd.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -27,6 +25,7 @@
 #include "PageSite.h"
 #include "PageView.h"
 #include "PageWatcher.h"
+#include "SignalFile.h"
 
 namespace {
 
@@ -82,22 +81,13 @@ Daemon StartDaemon(const addrinfo& endpoint, PageSite& site, const std::string& 
   return daemon;
 }
 
-int BlockedSignals() {
-  sigset_t ending;
-  sigemptyset(&ending);
-  sigaddset(&ending, SIGINT);
-  sigaddset(&ending, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &ending, nullptr);
-  return signalfd(-1, &ending, SFD_CLOEXEC | SFD_NONBLOCK);
-}
-
 }  // namespace
 
 void ServePage(const PageOptions& options) {
   const Endpoint endpoint = FindEndpoint(options);
   const std::string host = endpoint->ai_family == AF_INET6 ? "[" + options.address + "]" : options.address;
   // Before the library's thread exists, so that it leaves both signals to the watcher.
-  const FileDescriptor signals(BlockedSignals(), "signalfd");
+  const FileDescriptor signals = SignalFile({SIGINT, SIGTERM});
   const std::string url = "http://" + host + ":" + std::to_string(options.port) + "/";
   Newest newest;
   PageEvents events(!options.history.empty());

@@ -20,6 +20,7 @@
 #include "FileDescriptor.h"
 #include "Listing.h"
 #include "Shown.h"
+#include "SignalFile.h"
 #include "Status.h"
 #include "StatusChecks.h"
 #include "StatusCommands.h"
@@ -293,19 +294,12 @@ std::string TakeKey(std::string& input) {
   return key;
 }
 
-int BlockedSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGCONT, SIGWINCH})
-    sigaddset(&signals, number);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  return signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-}
-
 // Drives the view: snapshots, keys and signals in, lines out.
 class Top {
  public:
-  explicit Top(std::string socket) : socket_(std::move(socket)), signals_(BlockedSignals(), "signalfd") {
+  explicit Top(std::string socket)
+      : socket_(std::move(socket)),
+        signals_(SignalFile({SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGCONT, SIGWINCH})) {
     view_.Update(ReadStatus(socket_));
     screen_.emplace();
   }
