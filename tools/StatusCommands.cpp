@@ -185,10 +185,9 @@ void ShowInstances(const StatusOptions& options) {
 }
 
 void ShowLosses(const StatusOptions& options) {
-  StatusSnapshot snapshot = ReadStatus(options.socket);
+  const StatusSnapshot snapshot = ReadStatus(options.socket);
   const StatusServer& server = snapshot.server;
-  SortLosses(snapshot.losses);
-  PrintListing(ListLosses(snapshot.losses), options, "losses", snapshot.server.time,
+  PrintListing(ListLosses(snapshot.losses), options, "losses", server.time,
                "no instance was lost since the server's start", NoExtra);
   if (snapshot.losses.size() >= kLossesKept && !options.json && !options.csv) {
     std::cout << fmt::format(

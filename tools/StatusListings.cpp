@@ -30,11 +30,6 @@ void SortInstances(std::vector<StatusInstance>& instances, const std::string& or
   }
 }
 
-void SortLosses(std::vector<StatusLoss>& losses) {
-  std::stable_partition(losses.begin(), losses.end(),
-                        [](const StatusLoss& loss) { return loss.returned == 0; });
-}
-
 Listing ListInstances(const std::vector<StatusInstance>& instances, std::int64_t now,
                       const std::string& feature) {
   using Row = StatusInstance;
@@ -113,7 +108,9 @@ Listing ListInstances(const std::vector<StatusInstance>& instances, std::int64_t
   return MakeListing(columns, instances);
 }
 
-Listing ListLosses(const std::vector<StatusLoss>& losses) {
+Listing ListLosses(std::vector<StatusLoss> losses) {
+  std::stable_partition(losses.begin(), losses.end(),
+                        [](const StatusLoss& loss) { return loss.returned == 0; });
   using Row = StatusLoss;
   return MakeListing<Row>(
       {

@@ -253,16 +253,21 @@ class SwallowingProxy(threading.Thread):
             client, server = self.listener.accept()[0], socket.create_connection(("127.0.0.1", PORT))
             threading.Thread(target=self.forward, args=(server, client), daemon=True).start()
             requests = 0
-            while data := client.recv(65536):
-                requests += len(data) > 1000
-                if len(data) < 1000 or requests % 3:
-                    server.sendall(data)
-            server.shutdown(socket.SHUT_RDWR)
 
-    def forward(self, server, client):
-        with contextlib.suppress(ConnectionError):  # either may be gone first
-            while data := server.recv(65536):
-                client.sendall(data)
+            def passes(data):
+                nonlocal requests
+                requests += len(data) > 1000
+                return len(data) < 1000 or requests % 3
+
+            self.forward(client, server, passes)
+            with contextlib.suppress(OSError):
+                server.shutdown(socket.SHUT_RDWR)
+
+    def forward(self, source, target, passes=lambda data: True):
+        with contextlib.suppress(OSError):  # either may be gone first
+            while data := source.recv(65536):
+                if passes(data):
+                    target.sendall(data)
 
 
 @pytest.mark.parametrize("period", [10, 30, 75])
