@@ -1,12 +1,13 @@
-// The server with a registry that is full from the start: `prefilled-server RECORDS` serves on the usual
-// port, from its first status report on, until SIGTERM. A fleet alone cannot fill one to more than a tick's
-// rate times 120 s.
+// The server with a registry that is full from the start: `prefilled-server RECORDS [status]` serves on the
+// usual port, from its first status report on, until SIGTERM; with `status` it keeps what it would show with
+// UGS_STATUS. A fleet alone cannot fill one to more than a tick's rate times 120 s.
 
 #include <csignal>
 #include <cstdlib>
 #include <memory>
 #include <string>
 
+#include "FleetStatus.h"
 #include "KorvaneControllerServer.h"
 #include "KorvaneUGSZMQ.h"
 #include "Logging.h"
@@ -20,8 +21,9 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &ending, nullptr);
   SetUpLogging("KorvaneUGS.log", argc, argv, "logs");
   const long count = argc > 1 ? std::strtol(argv[1], nullptr, 10) : 0;
+  const auto status = argc > 2 ? std::make_unique<FleetStatus>() : nullptr;
   KorvaneControllerServer server(true, UGSDefs::kPort, ScrambledPrivateKey(),
-                                 std::make_unique<KorvaneUGSZMQ>());
+                                 std::make_unique<KorvaneUGSZMQ>(), status.get());
   spdlog::set_level(spdlog::level::warn);
   for (long i = 0; i < count; ++i) {
     UGSRequest::RequestData request{.korvaneId = "prefilled-" + std::to_string(i),

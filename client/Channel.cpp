@@ -138,7 +138,7 @@ void Channel::AddPollItems(std::vector<zmq_pollitem_t>& items) {
 std::optional<Outcome> Channel::Send() {
   if (!link_) {
     RequireDescriptors();
-    link_.emplace(destination_.context);
+    Retried([&] { link_.emplace(destination_.context); });
   }
   if (link_->address.empty()) {
     if (std::optional<Outcome> problem = FindAddress()) return problem;
@@ -168,7 +168,8 @@ std::optional<Outcome> Channel::FindAddress() {
     host = std::exchange(lookup_, std::nullopt)->Take(error);
     if (host.empty()) return Failure(ErrorKind::NoSuchHost, error);
   }
-  link_->socket.connect("tcp://" + host + ":" + std::to_string(destination_.address.port));
+  const std::string endpoint = "tcp://" + host + ":" + std::to_string(destination_.address.port);
+  Retried([&] { link_->socket.connect(endpoint); });
   link_->address = host;
   return std::nullopt;
 }

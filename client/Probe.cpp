@@ -11,6 +11,10 @@ namespace ugs {
 
 Probe::Probe(const std::string& address, std::uint16_t port)
     : socket_(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
+  if (socket_ == -1) {
+    error_ = errno;
+    return;
+  }
   sockaddr_in server{};
   server.sin_family = AF_INET;
   server.sin_port = htons(port);

@@ -44,14 +44,25 @@ std::string Cut(std::string_view text) {
   return {out.GetString(), out.GetSize()};
 }
 
-// RFC 3986, 3.2.1: what stands between "//" and the last "@" before the path.
+// "host", "host:port" or "[address]:port"; and not the beginning of "user:password", up to a "/" in the
+// password.
+bool IsHost(std::string_view authority) {
+  const std::size_t colon = authority.rfind(':');
+  return colon == std::string_view::npos || authority.ends_with(']') ||
+         authority.find_first_not_of("0123456789", colon + 1) == std::string_view::npos;
+}
+
+// RFC 3986, 3.2.1: the password stands before the last "@" of the authority, which ends before the path.
+// Cameras also take passwords with a bare "/", "?" or "#", and people leave out the scheme.
 std::string WithoutPassword(std::string_view url) {
-  const std::size_t authority = url.find("//");
-  if (authority == std::string_view::npos) return Cut(url);
-  const std::size_t begin = authority + 2;
-  const std::size_t at = url.substr(begin, url.find_first_of("/?#", begin) - begin).rfind('@');
+  const std::size_t slashes = url.find("//");
+  const std::size_t begin = slashes == std::string_view::npos ? 0 : slashes + 2;
+  const std::string_view rest = url.substr(begin);
+  const std::string_view authority = rest.substr(0, rest.find_first_of("/?#"));
+  std::size_t at = authority.rfind('@');
+  if (at == std::string_view::npos && !IsHost(authority)) at = rest.rfind('@');
   if (at == std::string_view::npos) return Cut(url);
-  return Cut(std::string(url.substr(0, begin)).append("***").append(url.substr(begin + at)));
+  return Cut(std::string(url.substr(0, begin)).append("***").append(rest.substr(at)));
 }
 
 std::shared_ptr<const FleetStatus::Who> MakeWho(const std::string& key,
@@ -142,7 +153,8 @@ void FleetStatus::Stored(const std::string& key, const UGSRequest::RequestData& 
     next->who = MakeWho(key, request);
     ChangeUse(nullptr, &next->counts, now);
     next->seenBefore = seen_;
-    const auto loss = std::ranges::find(losses_, key, [](const Loss& one) { return one.instance->who->key; });
+    const auto loss = std::ranges::find(
+        losses_, key, [](const Loss& one) -> const std::string& { return one.instance->who->key; });
     if (loss != losses_.end() && loss->returned == 0) loss->returned = now;
   } else {
     // The key is a digest of identity and cameras; only the container may have changed.

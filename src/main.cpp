@@ -150,7 +150,9 @@ int main(int argc, char** argv) {
 
   const RequestFrames frames = FramesFromEnvironment(log);
   const char* const statusPath = std::getenv("UGS_STATUS");
-  const auto status = statusPath != nullptr ? std::make_unique<FleetStatus>() : nullptr;
+  // An empty one switches it off: to bind(2) it would be an abstract socket, which everybody may connect to.
+  const bool hasStatus = statusPath != nullptr && *statusPath != '\0';
+  const auto status = hasStatus ? std::make_unique<FleetStatus>() : nullptr;
   const auto statusSocket = status != nullptr ? ShowStatus(*status, statusPath, log) : nullptr;
   auto server = MakeServer(frames, status.get());
   StartWithSignalsBlocked(*server);

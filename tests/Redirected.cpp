@@ -1,6 +1,7 @@
 #include "Redirected.h"
 
 #include <malloc.h>
+#include <netdb.h>
 #include <openssl/bn.h>
 #include <openssl/crypto.h>
 
@@ -78,6 +79,15 @@ decltype(malloc_trim) OnTrim __asm__("__wrap_malloc_trim");
 int OnTrim(std::size_t keep) noexcept {
   ++trims;
   return RealTrim(keep);
+}
+
+decltype(getaddrinfo) RealLookUp __asm__("__real_getaddrinfo");
+decltype(getaddrinfo) OnLookUp __asm__("__wrap_getaddrinfo");
+int OnLookUp(const char* host, const char* service, const addrinfo* hints, addrinfo** found) {
+  ++stuckLookups;
+  resolverIsStuck.wait(true);
+  --stuckLookups;
+  return RealLookUp(host, service, hints, found);
 }
 
 decltype(nanosleep) RealSleep __asm__("__real_nanosleep");

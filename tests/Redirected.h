@@ -19,5 +19,9 @@ std::vector<unsigned> TakeSeeds();
 
 inline std::atomic<int> trims = 0;  // calls of malloc_trim(3)
 
+// While this is true, getaddrinfo(3) does not return; so many threads wait for it.
+inline std::atomic<bool> resolverIsStuck = false;
+inline std::atomic<int> stuckLookups = 0;
+
 // While this is true, nanosleep(2) takes no time, except on the thread of the test.
 inline std::atomic<bool> waitsAreInstant = false;

@@ -297,6 +297,22 @@ TEST_F(ClientTest, SaysWhyNothingWasSent) {
   EXPECT_THROW(client.Greet(), std::logic_error);
 }
 
+TEST_F(ClientTest, AResolverThatDoesNotAnswerHoldsUpNobody) {
+  resolverIsStuck = true;
+  ugs::Client impatient("stuck.invalid", PublicKeyPem(), 100ms);
+  EXPECT_EQ(impatient.Greet(), std::nullopt);
+  EXPECT_EQ(impatient.LastError().text, "host stuck.invalid: the resolver does not answer");
+  auto reporter = std::make_unique<ugs::Reporter>(
+      "stuck.invalid", PublicKeyPem(), SomeUsage, 20ms, [](const ugs::Outcome&) {}, 1h);
+  EXPECT_TRUE(Await([] { return stuckLookups == 2; }));
+  reporter.reset();
+  { const ugs::Client gone(std::move(impatient)); }
+  EXPECT_EQ(stuckLookups, 2);
+  resolverIsStuck = false;
+  resolverIsStuck.notify_all();
+  EXPECT_TRUE(Await([] { return stuckLookups == 0; }));
+}
+
 TEST_F(ClientTest, AChangedKeyFileIsReadAgainAfterARefusal) {
   const std::string file = testing::TempDir() + "ugs-key-" + std::to_string(getpid());
   std::ofstream(file) << TextOf(UGS_VECTOR_KEY);

@@ -9,26 +9,23 @@
 
 namespace {
 
-// Milliseconds to wait for another process that writes, or reads. Readers may have somebody waiting for them.
-constexpr int kReaderPatience = 2000;
-constexpr int kWriterPatience = 5000;
-
-// SQLite would make it readable by all, and gives its journal the mode of the file.
+// SQLite would make it readable by all, and gives its journal the mode of the file. One that is there is not
+// opened: closing it would give up the locks that other connections of this process have on it (fcntl(2)).
 void MakeFile(const std::string& path) {
-  const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
+  const int file = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0640);
   if (file != -1) close(file);  // if not, SQLite says why
 }
 
 }  // namespace
 
-Database::Database(const std::string& path, Mode mode) : path_(path) {
+Database::Database(const std::string& path, Mode mode, std::chrono::milliseconds patience) : path_(path) {
   if (mode == Mode::Write) MakeFile(path);
   sqlite3* handle = nullptr;
   const int flags = mode == Mode::Write ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY;
   const int result = sqlite3_open_v2(path.c_str(), &handle, flags, nullptr);
   handle_.reset(handle);
   if (result != SQLITE_OK) FailToOpen(mode);
-  sqlite3_busy_timeout(handle, mode == Mode::Write ? kWriterPatience : kReaderPatience);
+  sqlite3_busy_timeout(handle, static_cast<int>(patience.count()));
 }
 
 void Database::FailToOpen(Mode mode) const {

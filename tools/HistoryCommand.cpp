@@ -65,7 +65,7 @@ void PrintMonth(const UtcMonth& month, const HistoryMonth& found) {
 void ShowHistory(const HistoryOptions& options) {
   if (!options.forgetBefore.empty()) {
     const UtcMonth month = MonthOf("--forget-before", options.forgetBefore);
-    const HistoryReader isThere(options.file);  // rather than making a file that is not there
+    static_cast<void>(HistoryReader(options.file));  // rather than making a file that is not there
     HistoryStore(options.file).Forget(month.begin);
     return;
   }

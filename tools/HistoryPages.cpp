@@ -1,8 +1,12 @@
 #include "HistoryPages.h"
 
+#include <chrono>
+
 #include "JsonOutput.h"
 
 namespace {
+
+constexpr std::chrono::milliseconds kPageWaits(500);  // all of the page waits meanwhile
 
 constexpr const char* kCameras = "cameras";
 constexpr const char* kMonth = "/history";
@@ -68,7 +72,7 @@ constexpr unsigned kUnavailable = 503;
 
 HistoryAnswer AnswerHours(const std::string& file, const HistoryQuestion& question) {
   if (!question.key) return Failure(kBadRequest, "/day takes the key of an instance: /day?key=KEY");
-  const std::vector<InstanceHour> hours = HistoryReader(file).LastHours(*question.key);
+  const std::vector<InstanceHour> hours = HistoryReader(file, kPageWaits).LastHours(*question.key);
   if (hours.empty()) return Failure(kNotFound, "the history has no instance with this key");
   return {.body = HoursJson(*question.key, hours)};
 }
@@ -77,7 +81,7 @@ HistoryAnswer AnswerMonth(const std::string& file, const HistoryQuestion& questi
                           const std::string& trouble) {
   const std::optional<UtcMonth> month = question.month ? ParseMonth(*question.month) : MonthAt(now);
   if (!month) return Failure(kBadRequest, "month must be one as 2026-11 is");
-  const HistoryMonth found = HistoryReader(file).Month(*month, now);
+  const HistoryMonth found = HistoryReader(file, kPageWaits).Month(*month, now);
   if (question.path == kMonthCsv) {
     return {.type = "text/csv; charset=utf-8; header=present", .body = CsvOf(ListDays(found))};
   }
@@ -124,7 +128,7 @@ Listing ListInstances(const std::vector<HistoryInstance>& instances) {
            }},
           {{"container", "container"},
            [](const Row& row) {
-             return row.container;
+             return Digest{row.container};
            }},
           {{"key", ""},
            [](const Row& row) {

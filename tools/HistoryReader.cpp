@@ -16,12 +16,15 @@ HistorySpan& DayOfMonth(HistoryMonth& month, std::int64_t time) {
 
 }  // namespace
 
-HistoryReader::HistoryReader(const std::string& path) : database_(path, Database::Mode::Read) {
+HistoryReader::HistoryReader(const std::string& path, std::chrono::milliseconds patience)
+    : database_(path, Database::Mode::Read, patience) {
+  database_.Run("BEGIN");  // one state for all that follows
   CheckHistory(database_);
 }
 
 HistoryMonth HistoryReader::Month(const UtcMonth& month, std::int64_t now) {
-  const std::int64_t written = database_.Number("SELECT max(written) FROM run");
+  // The server's clock may have run ahead.
+  const std::int64_t written = std::min(database_.Number("SELECT max(written) FROM run"), now);
   const std::int64_t end = std::min(month.end, std::max(written, now - kWrittenEvery));
   HistoryMonth found;
   found.whole = {.begin = month.begin, .seconds = std::max<std::int64_t>(end - month.begin, 0), .uses = {}};

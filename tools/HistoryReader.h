@@ -1,6 +1,7 @@
 // Reads what a HistoryStore keeps.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -36,10 +37,12 @@ struct HistoryInstance {
   std::int64_t cameraSeconds = 0;
 };
 
-// One thread. All throw DatabaseError.
+// One thread. All throw DatabaseError. It sees the file as it was when it was first asked, and while it
+// exists nobody can write.
 class HistoryReader {
  public:
-  explicit HistoryReader(const std::string& path);
+  explicit HistoryReader(const std::string& path,
+                         std::chrono::milliseconds patience = std::chrono::seconds(5));
 
   // `now` says how much of it has passed; up to a minute of that may not have been written yet.
   HistoryMonth Month(const UtcMonth& month, std::int64_t now);

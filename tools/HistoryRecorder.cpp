@@ -1,6 +1,7 @@
 #include "HistoryRecorder.h"
 
 #include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -98,9 +99,12 @@ void HistoryRecorder::WriteAll() {
 
 void HistoryRecorder::Report(const std::string& trouble) {
   if (trouble == Trouble()) return;
-  std::cerr << "ugs: "
-            << (trouble.empty() ? "the history is written again" : trouble + "; tried again each minute")
-            << std::endl;
+  pollfd complaints{STDERR_FILENO, POLLOUT, 0};
+  if (poll(&complaints, 1, 0) == 1) {  // a terminal that is stopped would stop the history and the end
+    std::cerr << "ugs: "
+              << (trouble.empty() ? "the history is written again" : trouble + "; tried again each minute")
+              << std::endl;
+  }
   const std::lock_guard lock(mutex_);
   trouble_ = trouble;
 }

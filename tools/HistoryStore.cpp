@@ -1,6 +1,7 @@
 #include "HistoryStore.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
@@ -13,6 +14,9 @@ namespace {
 
 // Twice the largest fleet that one server carries. Peers with the public key may make up others.
 constexpr std::int64_t kNewInstancesPerDay = 20'000;
+constexpr std::int64_t kLossesPerDay = 20'000;
+
+constexpr std::chrono::seconds kWriterWaits(5);
 
 // Hours of an instance are kept for so long after their day, which covers the server's 48 hours.
 constexpr std::int64_t kOpenDays = 2 * kSecondsPerDay;
@@ -83,7 +87,7 @@ std::string DefaultHistory() {
 }
 
 // SQLite's usual journal. Its other mode, the write-ahead log, would make readers need write access.
-HistoryStore::HistoryStore(const std::string& path) : database_(path, Database::Mode::Write) {
+HistoryStore::HistoryStore(const std::string& path) : database_(path, Database::Mode::Write, kWriterWaits) {
   UpgradeHistory(database_);
 }
 
@@ -92,8 +96,7 @@ void HistoryStore::Keep(const StatusSnapshot& snapshot, const std::vector<Status
   Transaction transaction(database_);
   const Run run = Continue(snapshot.server);
   KeepHours(hours, run);
-  KeepLosses(gone);
-  KeepLosses(snapshot.losses);
+  for (const auto* losses : {&gone, &snapshot.losses}) KeepLosses(*losses, snapshot.server.time, run);
   KeepInstances(snapshot, gone, hours, run);
   CloseDays(snapshot.server.time);
   transaction.Commit();
@@ -102,10 +105,13 @@ void HistoryStore::Keep(const StatusSnapshot& snapshot, const std::vector<Status
 HistoryStore::Run HistoryStore::Continue(const StatusServer& server) {
   Statement find(database_, "SELECT id, written FROM run WHERE started = ?");
   Run run;
-  if (find.With(server.started).Step()) run = {find.Number(0), HourOf(find.Number(1) - kLag)};
+  // The server's clock may have been set back since.
+  if (find.With(server.started).Step()) {
+    run = {find.Number(0), HourOf(std::min(find.Number(1), server.time) - kLag)};
+  }
   Statement(database_,
             "INSERT INTO run (started, written) VALUES (?, ?) "
-            "ON CONFLICT (started) DO UPDATE SET written = max(written, excluded.written)")
+            "ON CONFLICT (started) DO UPDATE SET written = excluded.written")
       .With(server.started, server.time)
       .Run();
   if (run.id == 0) run.id = sqlite3_last_insert_rowid(database_.Handle());
@@ -135,14 +141,20 @@ void HistoryStore::KeepHours(const std::vector<StatusHour>& hours, const Run& ru
   }
 }
 
-void HistoryStore::KeepLosses(const std::vector<StatusLoss>& losses) {
-  Statement keep(database_,
-                 "INSERT INTO loss VALUES (?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (lost, key) DO UPDATE SET "
-                 "returned = excluded.returned WHERE returned < excluded.returned");
+void HistoryStore::KeepLosses(const std::vector<StatusLoss>& losses, std::int64_t time, const Run& run) {
+  Statement find(database_, "SELECT 1 FROM loss WHERE lost = ? AND key = ?");
+  Statement change(database_, "UPDATE loss SET returned = ?1 WHERE lost = ?2 AND key = ?3 AND returned < ?1");
+  Statement add(database_, "INSERT INTO loss VALUES (?, ?, ?, ?, ?, ?, ?, ?)");
+  std::int64_t room = kLossesPerDay - database_.Number("SELECT count(*) FROM loss WHERE lost >= " +
+                                                       std::to_string(DayOf(time)));
   for (const StatusLoss& loss : losses) {
-    keep.With(loss.lost, loss.key, loss.identity, loss.container, loss.address, loss.last, loss.reason,
-              loss.returned)
-        .Run();
+    if (find.With(loss.lost, loss.key).Step()) {
+      change.With(loss.returned, loss.lost, loss.key).Run();
+    } else if (loss.lost >= run.since && room-- > 0) {  // one that is older was forgotten on purpose
+      add.With(loss.lost, loss.key, loss.identity, loss.container, loss.address, loss.last, loss.reason,
+               loss.returned)
+          .Run();
+    }
   }
 }
 

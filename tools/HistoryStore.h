@@ -25,7 +25,8 @@ class HistoryStore {
   // `gone`: losses that earlier ones told, of which it tells no more.
   void Keep(const StatusSnapshot& snapshot, const std::vector<StatusLoss>& gone);
 
-  // Deletes what was before `time`, and gives the room back to the disk; for that it takes as much again.
+  // Deletes what was before `time`, and then gives the room back to the disk; for that it takes as much
+  // again. If only that fails, what was deleted stays so.
   void Forget(std::int64_t time);
 
  private:
@@ -36,7 +37,7 @@ class HistoryStore {
 
   Run Continue(const StatusServer& server);
   void KeepHours(const std::vector<StatusHour>& hours, const Run& run);
-  void KeepLosses(const std::vector<StatusLoss>& losses);
+  void KeepLosses(const std::vector<StatusLoss>& losses, std::int64_t time, const Run& run);
   void KeepInstances(const StatusSnapshot& snapshot, const std::vector<StatusLoss>& gone,
                      const std::vector<StatusHour>& hours, const Run& run);
   void CloseDays(std::int64_t time);

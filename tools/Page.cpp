@@ -81,6 +81,12 @@ Daemon StartDaemon(const addrinfo& endpoint, PageSite& site, const std::string& 
   return daemon;
 }
 
+// The library cannot be stopped while a stream waits: this must be destroyed before its daemon.
+struct EndOfEvents {
+  PageEvents& events;
+  ~EndOfEvents() { events.End(); }
+};
+
 }  // namespace
 
 void ServePage(const PageOptions& options) {
@@ -102,10 +108,7 @@ void ServePage(const PageOptions& options) {
   PageSite site(newest, events, history, host, options.port);
   const Daemon daemon = StartDaemon(*endpoint, site, url);
   std::cout << "The page: " << url << " (Ctrl-C ends it)" << std::endl;
-  const auto endOfEvents = [&](const Daemon* /*running*/) {
-    events.End();
-  };
-  const std::unique_ptr<const Daemon, decltype(endOfEvents)> ending(&daemon, endOfEvents);
+  const EndOfEvents end{events};
   PageWatcher watcher(options.socket, [&](const SharedView& view) {
     newest.Set(view);
     events.Publish(view);

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <optional>
 #include <utility>
 
@@ -143,8 +144,10 @@ const Answer& PageSite::OfView(std::string_view path, const MetricsOptions& metr
 
 const Answer& PageSite::OfHistory(const HistoryQuestion& question) {
   Refresh();
-  const std::string name =
-      question.path + "?" + question.month.value_or("none") + "&" + question.key.value_or("none");
+  const auto part = [](const std::optional<std::string>& value) {
+    return value ? "\n=" + *value : "\n";
+  };
+  const std::string name = question.path + part(question.month) + part(question.key);
   return Made(name, [&] {
     const HistoryAnswer answer = history_(question);
     return MakeAnswer(answer.status, answer.type, answer.body);
@@ -158,6 +161,9 @@ void PageSite::Refresh() {
 }
 
 const Answer& PageSite::Made(const std::string& name, const std::function<Answer()>& make) {
+  constexpr std::size_t kept = 64;  // questions of the history are whatever somebody asks
   const auto made = made_.find(name);
-  return made != made_.end() ? made->second : made_.emplace(name, make()).first->second;
+  if (made != made_.end()) return made->second;
+  if (made_.size() >= kept) made_.clear();
+  return made_.emplace(name, make()).first->second;
 }

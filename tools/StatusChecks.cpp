@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <set>
+#include <span>
 #include <string_view>
 
 #include "Listing.h"
@@ -135,14 +137,21 @@ void AddLosses(std::vector<StatusProblem>& problems, const StatusSnapshot& snaps
 
 void AddRefusals(std::vector<StatusProblem>& problems, const StatusSnapshot& snapshot) {
   const std::int64_t now = snapshot.server.time;
-  for (const StatusRefusal& refusal : snapshot.refusals) {
-    if (now - refusal.last >= kHour) continue;
+  std::vector<StatusRefusal> recent = snapshot.refusals;
+  std::erase_if(recent, [&](const StatusRefusal& refusal) { return now - refusal.last >= kHour; });
+  std::ranges::stable_sort(recent, std::greater(), &StatusRefusal::last);
+  const std::size_t named = std::min(recent.size(), kNamed);
+  for (const StatusRefusal& refusal : std::span(recent).first(named)) {
     const std::string who = refusal.identity.empty() ? "" : " (" + Shown(refusal.identity, kNameWidth) + ")";
     problems.push_back(
         {"refused", Shown(refusal.address, kNameWidth) + who + " is refused with " +
                         Shown(refusal.code, kNameWidth) + " (" + MeaningOfRefusal(refusal.code) + "), " +
                         Counted(refusal.count, "time") + " since " + ShownTime(refusal.first, now) +
                         ", last " + ShownTime(refusal.last, now)});
+  }
+  if (recent.size() > named) {
+    problems.push_back({"refused", "and " + std::to_string(recent.size() - named) +
+                                       " more are refused: \"ugs refusals\" has all of them"});
   }
 }
 

@@ -20,7 +20,7 @@ void SortInstances(std::vector<StatusInstance>& instances, const std::string& or
                      [&](const StatusInstance& a, const StatusInstance& b) { return rank(a) < rank(b); });
   };
   if (order == "identity") {
-    sortBy([](const StatusInstance& instance) { return instance.identity; });
+    sortBy([](const StatusInstance& instance) -> const std::string& { return instance.identity; });
   } else if (order == "age") {
     sortBy([](const StatusInstance& instance) { return instance.last; });
   } else if (order == "cameras") {

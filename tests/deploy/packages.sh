@@ -72,6 +72,13 @@ stat -c "%A %U %G" /run/korvaneugs /run/korvaneugs/status
 systemctl show korvaneugs -p StatusText
 kill -ABRT "$(pid korvaneugs)"
 ugs ping --wait 60
+echo "# another process has the port"
+systemctl stop korvaneugs
+/usr/bin/python3 -c 'import socket, time; server = socket.create_server(("", 9304)); time.sleep(15)' &
+sleep 1
+systemctl start korvaneugs 2>/dev/null || echo "not started"
+wait
+ugs ping --wait 60
 echo "# the page"
 systemctl is-enabled korvaneugs-page
 systemctl is-active korvaneugs-page
@@ -135,6 +142,9 @@ drwxr-x--- korvaneugs korvaneugs
 srw-rw---- korvaneugs korvaneugs
 StatusText=no report yet
 1 (hello)
+# another process has the port
+not started
+1 (hello)
 # the page
 disabled
 inactive
@@ -182,6 +192,8 @@ if [ -n "$next" ]; then
 fi
 [ "$(inside stat -c "%a %U %G" /usr/sbin/KorvaneUGS)" = "750 root korvaneugs-key" ] || fail "the program is open to all"
 inside sh -c 'systemd-analyze verify --man=no /lib/systemd/system/korvaneugs*.service' || fail "systemd-analyze verify"
+inside sh -c 'systemd-analyze security --offline=true --threshold=15 /lib/systemd/system/korvaneugs*.service' >/dev/null ||
+  fail "a unit is more exposed than 1.5"
 [ -L "$root/etc/systemd/system/multi-user.target.wants/korvaneugs.service" ] || fail "the service is not enabled"
 boot
 install_from "$newer"

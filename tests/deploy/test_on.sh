@@ -2,12 +2,17 @@
 # Does on the Debian release $1 what a newcomer does, in a root and a network of its own: starts the server, sends the
 # first report of the README, and runs the tests. With --arch arm64: builds for arm64, runs the unit tests and the
 # vectors under qemu, and lets each architecture's instances report to the other's server. With --quick: without
-# debugger's data. For ./dev test-on.
+# debugger's data. With -- COMMAND: runs only that there, in this machine's network. For ./dev test-on.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 . deploy/roots.sh
-usage="usage: ./dev test-on RELEASE [--arch arm64] [--quick]"
-release=${1:?$usage} architecture='' quick=
+fail() {
+  echo "test-on $release: $*" >&2
+  exit 1
+}
+
+usage="usage: ./dev test-on RELEASE [--arch arm64] [--quick] [-- COMMAND...]"
+release=${1:?$usage} architecture='' quick= command=()
 shift
 while [ $# -gt 0 ]; do
   case $1 in
@@ -16,6 +21,11 @@ while [ $# -gt 0 ]; do
       architecture=${2:?$usage}
       shift
       ;;
+    --)
+      command=("${@:2}")
+      [ ${#command[@]} -gt 0 ] || fail "$usage"
+      break
+      ;;
     *)
       echo "$usage" >&2
       exit 2
@@ -23,11 +33,6 @@ while [ $# -gt 0 ]; do
   esac
   shift
 done
-
-fail() {
-  echo "test-on $release: $*" >&2
-  exit 1
-}
 
 inside() { in_root "$root" /ugs/tests/deploy/inside.sh "$@"; }
 
@@ -85,8 +90,13 @@ arm64_too() {
 }
 
 if ! can_make_roots; then
-  [ -z "${CI-}" ] || fail "needs root and namespaces"
+  [ -z "${CI-}" ] && [ ${#command[@]} = 0 ] || fail "needs root and namespaces"
   echo "test-on $release: skipped; needs root and namespaces"
+  exit
+fi
+if [ ${#command[@]} -gt 0 ]; then
+  root_for "$release" ${architecture:+"$architecture"}
+  in_root "$root" /bin/sh -c 'cd /ugs && exec "$@"' sh "${command[@]}"
   exit
 fi
 export scratch release

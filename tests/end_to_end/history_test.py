@@ -329,6 +329,17 @@ def test_an_older_history_is_brought_up_to_date_and_others_are_left_alone(tell, 
         assert not asked(file, "--month", "2026-09")["features"] and asked(file, "--month", "2026-11")["features"]
 
 
+def test_what_was_forgotten_is_not_kept_again(tell, keep, file):
+    def losses():
+        return [len(asked(file, "--month", month, "--losses")["losses"]) for month in ("2026-10", "2026-11")]
+
+    see(tell, keep, 0, RUNS[0][1])
+    assert losses() == [1, 1]
+    assert history(file, "--forget-before", "2026-11")[0] == 0
+    see(tell, keep, 0, RUNS[0][1])
+    assert losses() == [0, 1]
+
+
 def test_whatever_peers_send_steers_no_terminal(tell, keep, file):
     peer = {"first": NOW - 100, "camera_seconds": 100, "container": HOSTILE, "address": HOSTILE, "last": NOW - 9}
     loss = instance(HOSTILE + "2", **peer) | {"type": "loss", "lost": NOW - 1, "reason": HOSTILE}

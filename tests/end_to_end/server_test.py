@@ -52,6 +52,16 @@ def test_quit_keys_on_a_terminal(open_terminal, tmp_path, key):
     assert_ends(terminal, tmp_path)
 
 
+@pytest.mark.parametrize("value, malformed, garbage, warnings", [("strict", 1, 0, 0), ("lenient", 0, 2, 1)])
+def test_frames_are_strict_only_where_the_environment_says_so(start, peer, value, malformed, garbage, warnings):
+    server = start(env={"UGS_FRAMES": value})
+    peer.meet().socket.send_multipart([b"a", b"b", b"c"])  # with its name two pairs, or one message that is none
+    assert Peer(peer.context).connect().ask(sealed_report()) == b"0"
+    said = server.console()
+    texts = ("0x0084 Invalid incoming data", "Received Invalid Content 0x316", "UGS_FRAMES is set, but not to")
+    assert [said.count(text) for text in texts] == [malformed, garbage, warnings]
+
+
 def test_other_keys_are_ignored_and_not_echoed(open_terminal, tmp_path):
     terminal = open_terminal()
     terminal.expect_exact(READY)

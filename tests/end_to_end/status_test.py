@@ -93,6 +93,16 @@ def test_status_says_what_is_wrong(serve, code, kinds, objects):
     assert "refused" not in kinds or "Plates is missing" in status["problems"][0]["text"]
 
 
+def test_many_who_are_refused_leave_the_status_on_one_screen(serve):
+    refusals = [
+        {"type": "refusal", "address": f"10.0.0.{n}", "code": "0x316", "last": NOW - n % 100} for n in range(250)
+    ]
+    result = run("top", path=serve(lines(SERVER, *refusals, END)))  # without a terminal it is `status`
+    said = result.stdout.decode()
+    assert (result.returncode, said.count("is refused")) == (1, 5) and said.count("\n") < 24
+    assert "10.0.0.200 is refused" in said and "and 245 more are refused" in said
+
+
 def test_who_is_still_away_is_named_before_those_who_returned(serve):
     losses = [{"type": "loss", "key": f"{n}", "identity": f"gate-{n}", "lost": NOW - n} for n in range(1000)]
     returned = [loss | ({} if loss["key"] in ("70", "80") else {"returned": NOW}) for loss in losses]

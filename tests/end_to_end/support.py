@@ -105,13 +105,13 @@ class Peer:
     def __init__(self, context):
         self.context = context
 
-    def connect(self, kind=zmq.DEALER, name=b""):
+    def connect(self, kind=zmq.DEALER, name=b"", source="127.0.0.1"):
         self.socket = self.context.socket(kind)
         if name:
             self.socket.set(zmq.ROUTING_ID, name)
         self.socket.set(zmq.LINGER, 0)
         self.socket.set(zmq.RCVTIMEO, TIMEOUT * 1000)
-        self.socket.connect(f"tcp://127.0.0.1:{PORT}")
+        self.socket.connect(f"tcp://{source}:0;127.0.0.1:{PORT}")
         return self
 
     def send(self, payload, times=1):
