@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <sstream>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
@@ -53,25 +52,28 @@ class Duplicates {
     identityOfCamera_.reserve(cameras);
     for (const auto& instance : instances) {
       const FleetStatus::Who& who = *instance->who;
-      ++keysOfIdentity_[who.identity];
+      if (++keysOfIdentity_[who.identity] > 1) hasTwins_ = true;
       for (const std::string& camera : who.cameras) {
         const auto [owner, isNew] = identityOfCamera_.try_emplace(camera, who.identity);
-        // An empty identity never has a record, so it can stand for several.
-        if (!isNew && owner->second != who.identity) owner->second = {};
+        if (isNew || owner->second == who.identity) continue;
+        owner->second = {};  // an empty identity never has a record, so it can stand for several
+        hasSharedCameras_ = true;
       }
     }
   }
 
   [[nodiscard]] bool SharesIdentity(const FleetStatus::Who& who) const {
-    return keysOfIdentity_.at(who.identity) > 1;
+    return hasTwins_ && keysOfIdentity_.at(who.identity) > 1;
   }
   [[nodiscard]] bool SharesCamera(const FleetStatus::Who& who) const {
-    return std::ranges::any_of(who.cameras, [&](const std::string& camera) {
-      return !camera.empty() && identityOfCamera_.at(camera).empty();
-    });
+    return hasSharedCameras_ && std::ranges::any_of(who.cameras, [&](const std::string& camera) {
+             return !camera.empty() && identityOfCamera_.at(camera).empty();
+           });
   }
 
  private:
+  bool hasTwins_ = false;  // usually nobody has, and nothing need be looked up
+  bool hasSharedCameras_ = false;
   std::unordered_map<std::string_view, int> keysOfIdentity_;
   std::unordered_map<std::string_view, std::string_view> identityOfCamera_;
 };
@@ -298,19 +300,18 @@ void AddHours(Lines& lines, const FleetStatus::Snapshot& snapshot) {
   }
 }
 
-// Established ones (state 01), in proc(5)'s table: "0: 0100007F:2458 0100007F:A1B2 01 ..."
+// Established ones (state 01), in proc(5)'s table: "   0: 0100007F:2458 0100007F:A1B2 01 ..."
 std::size_t ConnectionsTo(std::uint16_t port) {
+  constexpr std::size_t addressSize = 13;
   std::ifstream table("/proc/self/net/tcp");
   const std::string wanted = fmt::format(":{:04X}", port);
   std::size_t connections = 0;
-  std::string index;
-  std::string local;
-  std::string remote;
-  std::string state;
   for (std::string line; std::getline(table, line);) {
-    std::istringstream words(line);
-    words >> index >> local >> remote >> state;
-    if (state == "01" && local.ends_with(wanted)) ++connections;
+    const std::size_t local = line.find(": ") + 2;
+    if (line.size() < local + 2 * addressSize + 4) continue;  // is no row
+    const bool isEstablished = line.compare(local + 2 * addressSize + 2, 2, "01") == 0;
+    if (isEstablished && line.compare(local + addressSize - wanted.size(), wanted.size(), wanted) == 0)
+      ++connections;
   }
   return connections;
 }

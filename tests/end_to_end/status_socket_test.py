@@ -82,7 +82,8 @@ def test_instances_and_refusals_are_shown_and_the_totals_are_those_of_the_log(se
     next(member for member in (refused, *refused.values()) if "InUse" in member)["InUse"].pop("ABD")
     for payload in (b"garbage", b"garbage", seal(json.dumps(refused))):
         assert peer.ask(payload) == b"2"
-    assert Peer(peer.context).connect(source="127.0.0.7").ask(report.seal(b"{hello}", OTHER_KEY)) == b"2"
+    foreign = Peer(peer.context).connect(source="127.0.0.7")
+    assert foreign.ask(report.seal(b"{hello}", OTHER_KEY)) == b"2"
     peer.send(b"")  # is no request, and gets no answer
     wait_until(lambda: "0x0084" in server.console())
     shown = snapshot(path)
@@ -90,7 +91,7 @@ def test_instances_and_refusals_are_shown_and_the_totals_are_those_of_the_log(se
     figures, counts = server.figures(), totals["counts"]
     assert totals["instances"] == 4 and figures["MaxCameras"] == counts["MaxCameras"] == 7
     assert figures["numPlates"] == counts["Plates"] and figures["numFaceTier2"] == counts["FaceTier2"]
-    assert (state["reports"], state["refused"], state["serving"]) == (4, 5, True)
+    assert (state["reports"], state["refused"], state["serving"], state["connections"]) == (4, 5, True, 2)
     assert SECRET.encode() not in repr(shown).encode() and "rtsp://***@host/1" in repr(shown)
     flags = sorted((line["identity"][:6], tuple(line["flags"])) for line in shown["instance"])
     assert flags == [
