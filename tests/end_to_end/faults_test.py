@@ -21,7 +21,7 @@ import psutil
 import pytest
 import zmq
 from support import BUILD, HALF_HOUR, PORT, ROOT, SERVER, UGS, VECTOR_GREETING, VECTOR_SERVER, VECTORS
-from support import Peer, begin_fleet, raw_peer, seal, sealed_report, wait_until
+from support import TIMEOUT, Peer, begin_fleet, raw_peer, seal, sealed_report, wait_until
 
 pytestmark = pytest.mark.slow
 ROUNDS = int(os.environ.get("UGS_SOAK_MINUTES", "3"))
@@ -246,17 +246,23 @@ def test_soak(start, peer, tmp_path):
         assert after[0] == before[0] and after[1] < before[1] + 10 and after[2] < before[2] + 4e6, figures
 
 
+STOPS = ("SIGINT", "SIGHUP", "quit key")
+
+
 def test_console_stuck(start, peer):
     """The pace with a console that nobody reads is that with one that is read; all stops work."""
     slowest = {}
-    for console in ("read", "stuck"):
+    tries = [("read", "20", "SIGTERM"), ("stuck", "20", "SIGTERM"), *(("stuck", "3", stop) for stop in STOPS)]
+    for console, seconds, stop in tries:
         reader, writer = os.pipe()
         server = start(stdout=subprocess.DEVNULL if console == "read" else writer, ready="")
         peer.meet()
-        outcome = assert_all_counted(begin_fleet(*FLEET, "20"))
-        say(outcome)
-        slowest[console] = outcome["p99_ms"]
+        outcome = assert_all_counted(begin_fleet(*FLEET, seconds))
+        say(outcome, stop=stop)
+        slowest.setdefault(console, outcome["p99_ms"])
         began = time.monotonic()
+        server.send_signal(getattr(signal, stop)) if stop.startswith("SIG") else server.type(b"q")
+        server.wait(TIMEOUT)
         server.end()
         assert time.monotonic() - began <= 2.5
     assert slowest["stuck"] <= slowest["read"] + 20

@@ -132,6 +132,9 @@ def test_answers_become_exit_codes(start, peer):
     for layout in ("legacy", "v4", "v5", "v6"):
         assert outcome("report", *ONE, "--layout", layout) == (0, "0 (counted)\n")
     assert outcome("report", "--json", "-", input=make.report("i")) == (0, "0 (counted)\n")
+    environment = {**os.environ, "UGS_KEY": str(KEY_FILE), "UGS_SERVER": "127.0.0.1"}
+    assert run("ping", env=environment).stdout == "1 (hello)\n"
+    assert f"UGS version {run('--version').stdout.split()[-1]}" in server.console()
     refused = (1, "2 (refused; the server's log says why)\n")
     assert outcome("report", "--json", "-", input='{"v6":{}}') == refused
     assert "0x476" in ask("report", "-v", "--json", "-", input="{}").stderr
@@ -161,7 +164,10 @@ def test_reporting_goes_on_until_it_is_interrupted(start, number):
         ("cannot write", ["fleet", "--period", "1", "--csv", "/nowhere/csv"]),
         ("Cameras", ["report", *ONE, "--use", "Cameras=1"]),
         ("MaxCameras", ["report", *ONE, "--use", "MaxCameras"]),
-        ("MaxCameras=-1", ["report", *ONE, "--use", "MaxCameras=-1"]),
+        *(
+            (f"MaxCameras={count}", ["report", *ONE, "--use", f"MaxCameras={count}"])
+            for count in ("-1", "0x10", "+3", " 3")
+        ),
         ("v4", ["report", *ONE, "--layout", "v4", "--use", "FaceTier1=1"]),
         ("/nowhere", ["report", "--json", "/nowhere"]),
         ("/nowhere", ["ping", "--key", "/nowhere"]),
