@@ -242,7 +242,8 @@ def test_soak(start, peer, tmp_path):
                 f"round {number}: {outcome['reports']} counted, {outcome['max_ms']:.0f} ms at most; {refused} refused;"
             )
             print("  threads, descriptors, bytes of server, pages and tops:", *figures[-1], flush=True)
-    for before, after in zip(figures[min(5, ROUNDS // 2)], figures[-1]):
+    # From its middle on: in an hour's first half the 1,000 losses fill up that the server keeps.
+    for before, after in zip(figures[ROUNDS // 2], figures[-1]):
         assert after[0] == before[0] and after[1] < before[1] + 10 and after[2] < before[2] + 4e6, figures
 
 
