@@ -41,7 +41,10 @@ build_arm64() {
 }
 
 test_arm64() {
-  build/emulated/tests/unit-tests --gtest_brief=1
+  local left_out=
+  # qemu 7.2 of Debian 12 fails an assertion of its own in the child of a process that has threads.
+  ! grep -q '^VERSION_CODENAME=bookworm' /etc/os-release || left_out=ClientTest.AChildOfItsProcess*
+  build/emulated/tests/unit-tests --gtest_brief=1 --gtest_filter="-$left_out"
   UGS_BUILD_DIR=$PWD/build/emulated UGS_KEY_DIR=$PWD/keys PYTHONDONTWRITEBYTECODE=1 tests/end_to_end/run.sh -q -n 2 \
     -k "every_vector_is_answered_and_logged or examples_on_the_page"
 }
