@@ -33,7 +33,8 @@ std::int64_t Now() {
 
 // The beginning of `text`, with U+FFFD in place of what is not UTF-8.
 std::string Cut(std::string_view text) {
-  rapidjson::MemoryStream in(text.data(), std::min(text.size(), kShownBytes));
+  const std::string_view shown = text.substr(0, kShownBytes);
+  rapidjson::MemoryStream in(shown.data(), shown.size());
   rapidjson::StringBuffer out;
   while (in.Tell() < in.size_) {
     unsigned codepoint = 0;
