@@ -71,7 +71,8 @@ constexpr unsigned kUnavailable = 503;
 
 HistoryAnswer AnswerHours(const std::string& file, const HistoryQuestion& question) {
   if (!question.key) return Failure(kBadRequest, "/day takes the key of an instance: /day?key=KEY");
-  // None, of one that it does not have: a failure would be an error in the browser's console, and it may be just new.
+  // None, of one that it does not have: a failure would be an error in the browser's console, and it may be
+  // just new.
   return {.body = HoursJson(*question.key, HistoryReader(file, kPageWaits).LastHours(*question.key))};
 }
 
