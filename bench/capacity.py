@@ -192,12 +192,14 @@ def memory():
         load.wait()
     row("resident memory, empty", empty / 1024, 12, "MiB")
     row("resident memory per connection", (connected - empty) / connections, 33, "KiB")
-    sizes = {}
-    for arguments in (["0"], ["12000"], ["12000", "status"]):
+
+    def prefilled(*arguments):
         with running("bench/prefilled-server", *arguments) as (pid, _):
-            sizes[len(arguments), int(arguments[0])] = resident_kib(pid)
-    row("resident memory per record", (sizes[1, 12000] - sizes[1, 0]) / 12000, 1, "KiB")
-    row("the same, more with UGS_STATUS", (sizes[2, 12000] - sizes[1, 12000]) / 12000, 1, "KiB")
+            return resident_kib(pid)
+
+    full = prefilled("12000")
+    row("resident memory per record", (full - prefilled("0")) / 12000, 1, "KiB")
+    row("the same, more with UGS_STATUS", (prefilled("12000", "status") - full) / 12000, 1, "KiB")
 
 
 @contextlib.contextmanager

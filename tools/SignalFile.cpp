@@ -1,6 +1,7 @@
 #include "SignalFile.h"
 
 #include <sys/signalfd.h>
+
 #include <csignal>
 
 FileDescriptor SignalFile(std::initializer_list<int> signals) {
