@@ -61,10 +61,10 @@ void KorvaneControllerServer::Start() {
     communicator_->Start();
     // After the start: a request that comes in between is dropped, and its instance reports again.
     communicator_->SetRequestCallback(
-        [this, &communicator = *communicator_](const std::string& identity, const std::string& payload) {
+        [this, &communicator = *communicator_](std::string identity, std::string payload) {
           std::string address = status_ != nullptr ? communicator.RequestAddress() : std::string();
           const MutexLock lock(queueMutex_);
-          queue_.push({identity, payload, std::move(address)});
+          queue_.push({std::move(identity), std::move(payload), std::move(address)});
           HoldRequestsIfFull(communicator);
         });
   }

@@ -15,7 +15,7 @@
 // way while the callback is being replaced.
 class KorvaneUGSCommunicator {
  public:
-  using RequestCallback = std::function<void(const std::string& identity, const std::string& payload)>;
+  using RequestCallback = std::function<void(std::string identity, std::string payload)>;
 
   KorvaneUGSCommunicator() = default;
   virtual ~KorvaneUGSCommunicator() = default;
