@@ -15,6 +15,13 @@ check() {
 await() { for _ in {1..120}; do "$@" >/dev/null 2>&1 && return; sleep 1; done; "$@"; }
 
 check packages lintian --fail-on error "$packages"/*.deb
+for package in "$packages"/*.deb; do dpkg-deb --extract "$package" "$scratch/installed"; done
+dangling_links() {
+  grep -roP --include='*.md' '\]\(\K[^)#:]+(?=[)#])' "$scratch/installed/usr/share/doc" | while IFS=: read -r file link; do
+    [ -e "${file%/*}/$link" ] || echo "$file: $link"
+  done
+}
+check "the links of installed documents" diff /dev/null <(dangling_links)
 for unit in deploy/*.service; do
   check "the sandbox of $unit" systemd-analyze security --offline=true --threshold=15 "$unit"
 done
