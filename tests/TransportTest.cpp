@@ -593,6 +593,11 @@ TEST(WriteDocumentTest, WhatTheServerWouldRefuseOrMisreadIsRefusedWithTheFieldsN
                std::invalid_argument);
 }
 
+TEST(VersionTest, IsTheHeadersInBothLanguages) {
+  EXPECT_EQ(ugs::Version(), UGS_CLIENT_VERSION);
+  EXPECT_STREQ(ugs_version(), UGS_CLIENT_VERSION);
+}
+
 TEST(ParseAddressTest, TakesAHostWithOrWithoutAPort) {
   EXPECT_EQ(ugs::ParseAddress("host").port, 9304);
   EXPECT_EQ(ugs::ParseAddress("10.0.0.1:77").port, 77);

@@ -26,7 +26,10 @@ def test_the_examples_build_with_cmake_and_pkg_config_and_are_counted(start, tmp
         run("cmake", "--install", BUILD, "--prefix", prefix, "--component", component)
     run("cmake", "-G", "Ninja", "-S", EXAMPLE, "-B", build, f"-DCMAKE_PREFIX_PATH={prefix}")
     run("cmake", "--build", build)
-    flags = run("pkg-config", "--cflags", "--libs", "ugs-client", PKG_CONFIG_PATH=f"{prefix}/lib/pkgconfig").split()
+    pkg_config = {"PKG_CONFIG_PATH": f"{prefix}/lib/pkgconfig"}
+    version = re.search('CLIENT_VERSION "(.*)"', (prefix / "include/ugs/UgsClient.h").read_text("utf-8"))[1]
+    assert run("pkg-config", "--modversion", "ugs-client", **pkg_config) == version + "\n"
+    flags = run("pkg-config", "--cflags", "--libs", "ugs-client", **pkg_config).split()
     compilers = {"c++17": ("g++", "example.cpp"), "c89": ("cc", "example.c"), "c11": ("cc", "example.c")}
     for standard, (compiler, source) in compilers.items():
         strict = (f"-std={standard}", "-pedantic-errors", "-Wall", "-Wextra", "-Werror")
