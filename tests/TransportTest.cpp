@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -388,19 +390,23 @@ TEST_F(ClientTest, WithoutDescriptorsItThrowsOrSaysSoAndGoesOnOnceThereAreSome) 
   EXPECT_EQ(client.Greet(), 1);
 }
 
-TEST_F(ClientTest, AChildOfItsProcessIsTurnedAwayAndTheParentGoesOn) {
+TEST_F(ClientTest, AChildOfItsProcessIsTurnedAwayAndEndsAtOnceAndTheParentGoesOn) {
 #ifdef __SANITIZE_THREAD__
   GTEST_SKIP() << "ThreadSanitizer knows no threads of a child";
 #endif
+  using Clock = std::chrono::steady_clock;  // the same in both processes
   AnswerWith("0");
   // Idle at the fork: the child would keep the locks that a report takes, of this test or a sanitizer's.
   auto reporter = Reporting(SomeUsage, 1h);
   reporter->ReportNow();
   EXPECT_TRUE(AwaitCounted(1));
   const std::size_t before = Outcomes().size();
-  const pid_t child = fork();
-  if (child == 0) {
-    alarm(10);
+  void* shared =
+      mmap(nullptr, sizeof(Clock::time_point), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(shared, MAP_FAILED);
+  auto& ending = *new (shared) Clock::time_point;
+  const auto beTheChild = [&] {
+    alarm(30);
     bool good = false;
     try {
       client.Greet();
@@ -410,14 +416,25 @@ TEST_F(ClientTest, AChildOfItsProcessIsTurnedAwayAndTheParentGoesOn) {
     // As if it had become a daemon: the parent's reporter is silent here, and says so.
     while (outcomes.size() == before) usleep(10'000);
     good = good && outcomes.back().kind == ugs::ErrorKind::BadUsage;
-    const auto start = std::chrono::steady_clock::now();
+    ending = Clock::now();
     reporter.reset();
     { const ugs::Client gone(std::move(client)); }
-    _exit(good && std::chrono::steady_clock::now() - start < 1s ? 0 : 1);
+#ifdef __SANITIZE_ADDRESS__
+    _exit(good ? 0 : 1);  // what the child has let go of is a leak to it
+#endif
+    std::exit(good ? 0 : 1);
+  };
+  Clock::duration shortest = 1h;
+  for (int i = 0; i < 10 && shortest > 100ms; ++i) {  // a busy machine may hold up some of them
+    const pid_t child = fork();
+    if (child == 0) beTheChild();
+    int status = -1;
+    waitpid(child, &status, 0);
+    ASSERT_EQ(status, 0);
+    shortest = std::min(shortest, Clock::now() - ending);
   }
-  int status = -1;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
+  EXPECT_LE(shortest, 100ms);
+  munmap(shared, sizeof(Clock::time_point));
   EXPECT_EQ(client.Greet(), 0);
   reporter->ReportNow();
   EXPECT_TRUE(AwaitCounted(2));
