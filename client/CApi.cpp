@@ -269,10 +269,6 @@ void ugs_close(ugs_client* client) {
 ugs_reporter* ugs_reporter_start(const char* server, const char* key, const ugs_usage* usage, long period_ms,
                                  long timeout_ms, ugs_listener listener, void* context) {
   return Guarded<ugs_reporter*>(nullptr, [&] {
-    if (period_ms < 1000 || period_ms > 118000) {
-      throw std::invalid_argument("a period of " + std::to_string(period_ms) +
-                                  " ms is not from 1000 to 118000");
-    }
     return std::make_unique<ugs_reporter>(Required(server, "server"), Required(key, "key"), Reportable(usage),
                                           milliseconds(period_ms), Timeout(timeout_ms), listener, context)
         .release();

@@ -14,8 +14,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds kLongestPeriod = std::chrono::hours(24 * 365);  // far from where a clock overflows
-
 // The bounds of the pause after a failure. With a time-out of 30 s and a period of up to 75 s, the second try
 // comes within 118 s of the last report.
 constexpr milliseconds kFirstPause = std::chrono::seconds(10);
@@ -30,6 +28,14 @@ constexpr std::chrono::seconds kAfterFork(1);
 
 // After what should not happen, as memory that is used up.
 constexpr std::chrono::seconds kAfterError(1);
+
+milliseconds Allowed(milliseconds period) {
+  constexpr milliseconds longest = kLongestPeriod;
+  if (period >= ReporterLoop::shortestPeriod && period <= longest) return period;
+  throw std::invalid_argument("a period of " + std::to_string(period.count()) + " ms is not from " +
+                              std::to_string(ReporterLoop::shortestPeriod.count()) + " to " +
+                              std::to_string(longest.count()));
+}
 
 milliseconds Between(milliseconds least, milliseconds most, std::minstd_rand& random) {
   return milliseconds(std::uniform_int_distribution(least.count(), most.count())(random));
@@ -57,12 +63,10 @@ milliseconds PauseAfter(int failures, milliseconds period, std::minstd_rand& ran
 
 ReporterLoop::ReporterLoop(std::string_view server, const std::string& key, milliseconds period,
                            ReporterGroup::Listener listener, milliseconds replyTimeout, Reporter::Log log)
-    : period_(std::min(period, kLongestPeriod)),
+    : period_(Allowed(period)),
       listener_(std::move(listener)),
       log_(std::move(log)),
-      destination_(server, key, replyTimeout) {
-  if (period_ <= milliseconds(0)) throw std::invalid_argument("the period must be positive");
-}
+      destination_(server, key, replyTimeout) {}
 
 void ReporterLoop::Start() {
   static const int watching = (WatchForks(), 0);

@@ -32,7 +32,7 @@ std::chrono::milliseconds PauseAfter(int failures, std::chrono::milliseconds per
 // listener destroys.
 class __attribute__((visibility("hidden"))) ReporterLoop : public std::enable_shared_from_this<ReporterLoop> {
  public:
-  // Throws as Reporter's constructor does.
+  // Throws as Reporter's constructor does, for the range of periods that begins with `shortestPeriod`.
   ReporterLoop(std::string_view server, const std::string& key, std::chrono::milliseconds period,
                ReporterGroup::Listener listener, std::chrono::milliseconds replyTimeout, Reporter::Log log);
   ~ReporterLoop();
@@ -50,6 +50,9 @@ class __attribute__((visibility("hidden"))) ReporterLoop : public std::enable_sh
 
   // Waits until all instances have signed off. The code of the last one's last report.
   std::optional<int> SignOffAll();
+
+  // Tests, which scale time, set a shorter one.
+  static inline std::chrono::milliseconds shortestPeriod = kShortestPeriod;
 
  private:
   struct Instance {

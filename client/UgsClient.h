@@ -155,6 +155,10 @@ class UGS_API Client {
   std::unique_ptr<Connection> connection_;
 };
 
+// A reporter's period is from one to the other: the server forgets an instance after 120 s.
+inline constexpr std::chrono::seconds kShortestPeriod(1);
+inline constexpr std::chrono::seconds kLongestPeriod(118);
+
 class ReporterLoop;
 
 // Reports on a thread of its own, once a period, until it is destroyed. The first report comes at a random
@@ -170,9 +174,8 @@ class UGS_API Reporter {
   using OutcomeListener = std::function<void(const Outcome& outcome)>;
   using Log = std::function<void(const std::string& line)>;
 
-  // The server forgets an instance after 120 s. With a period from 10 to 75 s and a reply time-out of 30 s,
-  // one lost report never costs the instance. Throws as Client does; std::invalid_argument also if `period`
-  // is not positive.
+  // With a period from 10 to 75 s and a reply time-out of 30 s, one lost report never costs the instance.
+  // Throws as Client does; std::invalid_argument also for a `period` out of its range.
   Reporter(std::string_view server, const std::string& key, Source usage,
            std::chrono::milliseconds period = std::chrono::seconds(30), Listener answered = {},
            std::chrono::milliseconds replyTimeout = std::chrono::seconds(30));

@@ -216,6 +216,9 @@ ugs::Usage SomeUsage() {
 
 class ClientTest : public TransportTest {
  protected:
+  ClientTest() { ugs::ReporterLoop::shortestPeriod = 1ms; }
+  ~ClientTest() override { ugs::ReporterLoop::shortestPeriod = ugs::kShortestPeriod; }
+
   // Reports every 20 ms, and keeps the outcomes.
   std::unique_ptr<ugs::Reporter> Reporting(ugs::Reporter::Source source = SomeUsage,
                                            std::chrono::milliseconds period = 20ms) {
@@ -397,7 +400,7 @@ TEST_F(ClientTest, AChildOfItsProcessIsTurnedAwayAndEndsAtOnceAndTheParentGoesOn
   using Clock = std::chrono::steady_clock;  // the same in both processes
   AnswerWith("0");
   // Idle at the fork: the child would keep the locks that a report takes, of this test or a sanitizer's.
-  auto reporter = Reporting(SomeUsage, 1h);
+  auto reporter = Reporting(SomeUsage, ugs::kLongestPeriod);
   reporter->ReportNow();
   EXPECT_TRUE(AwaitCounted(1));
   const std::size_t before = Outcomes().size();
@@ -454,7 +457,7 @@ TEST_F(ClientTest, AReporterReportsWhenAskedAndSignsOffWithNothingInUse) {
     used.SetCount("PX", 3);
     return used;
   };
-  const auto reporter = Reporting(usage, 1h);
+  const auto reporter = Reporting(usage, ugs::kLongestPeriod);
   reporter->ReportNow();
   EXPECT_TRUE(AwaitCounted(1));
   EXPECT_EQ(reporter->SignOff(), 0);
@@ -608,6 +611,13 @@ TEST(WriteDocumentTest, WhatTheServerWouldRefuseOrMisreadIsRefusedWithTheFieldsN
             "layout v6 carries no count \"maxcamera\"; did you mean MaxCameras?");
   EXPECT_THROW(ugs::WriteDocument({.id = "i", .cameras = {"c"}, .counts = {{"PX", 1}}, .layout = "legacy"}),
                std::invalid_argument);
+}
+
+TEST(ReporterTest, RefusesAPeriodOutOfItsRange) {
+  for (const auto period : {-1ms, 999ms, 118001ms}) {
+    EXPECT_THROW(ugs::Reporter("h", PublicKeyPem(), SomeUsage, period), std::invalid_argument);
+    EXPECT_THROW(ugs::ReporterGroup("h", PublicKeyPem(), period), std::invalid_argument);
+  }
 }
 
 TEST(VersionTest, IsTheHeadersInBothLanguages) {

@@ -330,7 +330,7 @@ Command AddReport(CLI::App& app) {
   auto* json = command->add_option("--json", options->json,
                                    "send the document in this file (- for standard input) as it is");
   command->add_option("--every", options->every, "report periodically until interrupted; from 1 to 118")
-      ->check(SecondsFrom(1, 118))  // the server forgets an instance after 120 s
+      ->check(SecondsFrom(ugs::kShortestPeriod.count(), ugs::kLongestPeriod.count()))
       ->excludes(json);
   auto* directory = command->add_option(
       "--directory", options->directory,
