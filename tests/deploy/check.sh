@@ -3,6 +3,7 @@
 # $1: directory of the packages; $2: directory into which the npm package was installed. For ./dev check-deploy.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
+. tests/deploy/shown.sh
 packages=$1 node=$(readlink -f "$2") monitoring=$PWD/deploy/monitoring
 scratch=$(mktemp -d)
 trap 'kill $(jobs -p) 2>/dev/null; wait; rm -rf "$scratch"' EXIT
@@ -87,10 +88,9 @@ check "a log in lnav" grep -wF -- "$(grep -c '\]\[E\] ' "$log")" <(errors)
 
 # Programs that call the C library of the packages, as the page shows them.
 for package in "$packages"/*.deb; do dpkg-deb -x "$package" "$scratch/root"; done
-page() { sed -n "/^\`\`\`$1\$/,/^\`\`\`/{//!p}" docs/protocol.md; }
 mkdir "$scratch/shown"
-page java >"$scratch/shown/Report.java"
-page go >"$scratch/shown/report.go"
+shown java docs/protocol.md >"$scratch/shown/Report.java"
+shown go docs/protocol.md >"$scratch/shown/report.go"
 cp docs/vectors/test-public.pem "$scratch/shown/public.pem"
 libraries=$(dirname "$scratch"/root/usr/lib/*/libugs-client.so)
 export LD_LIBRARY_PATH=$libraries PKG_CONFIG_PATH=$libraries/pkgconfig

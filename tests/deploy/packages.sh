@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # Installs, greets, boots, upgrades, removes and purges the packages of directory $2 in a minimal root of the Debian
 # release $1. $3: directory of the same with a higher version. With a release $4, those are for it, and the root is
-# upgraded to it first. Needs root.
+# upgraded to it first. Needs root, and in build/node an installation of the npm package.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 . deploy/roots.sh
+. tests/deploy/shown.sh
 release=$1 packages=$2 newer=$3 next=${4-}
 root=$PWD/build/roots/$release.packages
-readme=$root/usr/share/doc/python3-ugs-client/README.md
+documents=$root/usr/share/doc
 
 fail() {
   echo "packages: $*" >&2
@@ -29,23 +30,45 @@ install_from() {
     fail "installing from $1 failed"
 }
 
-# Runs the server as its unit does, and greets it.
-greet() {
+# reports LANGUAGE COMMAND...: the first program that a document shows prints 0, and nothing else.
+reports() {
+  local answer
+  answer=$(inside "${@:2}" 2>&1) || fail "$1: $answer"
+  [ "$answer" = 0 ] || fail "$1: $answer"
+}
+
+# A compiler and an interpreter, which nothing before has needed, and programs for them.
+install_languages() {
+  local first=$root/tmp/first
+  inside apt-get install -qq -y --no-install-recommends gcc libc6-dev nodejs >/dev/null 2>&1 ||
+    fail "installing a compiler and Node failed"
+  mkdir "$first"
+  cp -r build/node/node_modules "$root/usr/share/korvaneugs/public.pem" "$first"
+  shown c "$documents/korvaneugs-tools/protocol.md" >"$first/report.c"
+  shown js "$first/node_modules/ugs-client/README.md" >"$first/report.mjs"
+}
+
+# serve COMMAND...: runs the server as its unit does, greets it, and runs the command beside it.
+serve() {
   inside install -d -o korvaneugs -g korvaneugs -m 750 /var/log/korvaneugs
   chroot --userspec=korvaneugs:korvaneugs "$root" sh -c 'cd /var/log/korvaneugs && exec KorvaneUGS' </dev/null >/dev/null &
   local server=$! answer
   answer=$(inside ugs ping --wait 30) || fail "ping: $answer"
   [ "$answer" = "1 (hello)" ] || fail "ping: $answer"
-  answer=$(inside python3 -c "$(sed -n '/^```python/,/^```/{//!p}; /^This prints/q' "$readme")" 2>&1) || fail "Python: $answer"
-  [ "$answer" = 0 ] || fail "Python: $answer"
-  # A report for another server's key: told as such, whatever OpenSSL makes of its padding.
-  inside sh -c '[ -e /tmp/other ] || ugs keygen --out /tmp/other >/dev/null'
-  answer=$(inside ugs report --key /tmp/other/public.pem --id other --camera rtsp://10.0.0.9/1 2>&1) || true
-  [[ $answer == "2 "* ]] || fail "a report for another key: $answer"
+  "$@"
   kill "$server"
   wait "$server" || fail "the server ended with $?"
   [ -s "$root/var/log/korvaneugs/logs/KorvaneUGS.log.txt" ] || fail "no log"
   grep -q "Error 0x00AE06" "$root/var/log/korvaneugs/logs/KorvaneUGS.log.txt" || fail "another key is not told"
+}
+
+report() {
+  local answer
+  reports Python python3 -c "$(shown python "$documents/python3-ugs-client/README.md")"
+  # A report for another server's key: told as such, whatever OpenSSL makes of its padding.
+  inside sh -c '[ -e /tmp/other ] || ugs keygen --out /tmp/other >/dev/null'
+  answer=$(inside ugs report --key /tmp/other/public.pem --id other --camera rtsp://10.0.0.9/1 2>&1) || true
+  [[ $answer == "2 "* ]] || fail "a report for another key: $answer"
 }
 
 # Boots the root with its own systemd: the sandboxes of the units can be tried in no other way. On the way it upgrades.
@@ -178,16 +201,21 @@ ExecMainStatus=0
 EXPECTED
 }
 
-export root readme
-export -f fail inside greet
+report_in_languages() {
+  reports C sh -c 'cd /tmp/first && cc report.c -lugs-client && ./a.out'
+  reports JavaScript sh -c 'cd /tmp/first && node report.mjs'
+}
+
+export root documents
+export -f fail inside shown reports serve report report_in_languages
 bare_root "$release"
 rm -rf --one-file-system "$root"
 cp -a "build/roots/$release.base" "$root"
 install_from "$packages"
-without_network greet
+without_network serve report
 if [ -n "$next" ]; then
   upgrade_release
-  without_network greet
+  without_network serve report
   install_from "$newer"
 fi
 [ "$(inside stat -c "%a %U %G" /usr/sbin/KorvaneUGS)" = "750 root korvaneugs-key" ] || fail "the program is open to all"
@@ -197,11 +225,14 @@ inside sh -c 'systemd-analyze security --offline=true --threshold=15 /lib/system
 [ -L "$root/etc/systemd/system/multi-user.target.wants/korvaneugs.service" ] || fail "the service is not enabled"
 boot
 install_from "$newer"
-without_network greet
+without_network serve report
+install_languages
+without_network serve report_in_languages
+rm -r "$root/tmp/first"
 [ "$(inside stat -c '%a %U %G' /usr/sbin/KorvaneUGS)" = "750 root korvaneugs-key" ] || fail "an upgrade opened the program"
 inside apt-get remove -qq -y korvaneugs >/dev/null 2>&1
 [ -d "$root/var/log/korvaneugs" ] || fail "removing took the logs away"
 inside sh -c 'dpkg --purge korvaneugs korvaneugs-page korvaneugs-tools python3-ugs-client libugs-client-dev libugs-client1' >/dev/null
 left=$(find "$root" -xdev \( -iname '*korvaneugs*' -o -name 'ugs.*' -o -name '*ugs[-_]client*' \) ! -path '*/tmp/packages*' ! -path '*/root/newer*')
 [ -z "$left" ] || fail "left after a purge: $left"
-echo "packages for $release${next:+ and $next}: installed, answered, confined by systemd, restarted, upgraded, removed and purged"
+echo "packages for $release${next:+ and $next}: installed, answered, also in C and JavaScript, confined by systemd, restarted, upgraded, removed and purged"
