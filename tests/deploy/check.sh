@@ -94,6 +94,16 @@ shown go docs/protocol.md >"$scratch/shown/report.go"
 cp docs/vectors/test-public.pem "$scratch/shown/public.pem"
 libraries=$(dirname "$scratch"/root/usr/lib/*/libugs-client.so)
 export LD_LIBRARY_PATH=$libraries PKG_CONFIG_PATH=$libraries/pkgconfig
+# A wheel, of a copy, since building it leaves files behind.
+mkdir "$scratch/client"
+cp -r client/python client/UgsClient.h "$scratch/client"
+python() { PIP_NO_INDEX=1 PYTHONPATH=$scratch/site /usr/bin/python3 "$@"; }
+check "Python's wheel" python -m pip wheel --no-build-isolation --no-deps --wheel-dir "$scratch" "$scratch/client/python"
+check "which can be installed" python -m pip install --no-deps --target "$scratch/site" "$scratch"/*.whl
+check "which has the library's version" diff <(python -m ugs_client --version) \
+  <(python -c 'import importlib.metadata as m; print("libugs-client", m.version("ugs-client"))')
+check "which reports" diff <(echo "0 (counted)") <(python -m ugs_client report --server 127.0.0.1 \
+  --key docs/vectors/test-public.pem --identity wheel --camera rtsp://10.0.0.9/1 --use MaxCameras=4 2>&1)
 cd "$scratch/shown"
 check "Java's program" diff <(echo 0) <(java -cp /usr/share/java/jna.jar Report.java 2>&1)
 check "Go's program" diff <(echo 0) <(GOCACHE=$scratch/go go run report.go 2>&1)
