@@ -16,9 +16,9 @@ check() {
 await() { for _ in {1..120}; do "$@" >/dev/null 2>&1 && return; sleep 1; done; "$@"; }
 
 check packages lintian --fail-on error "$packages"/*.deb
-for package in "$packages"/*.deb; do dpkg-deb --extract "$package" "$scratch/installed"; done
+for package in "$packages"/*.deb; do dpkg-deb --extract "$package" "$scratch/root"; done
 dangling_links() {
-  grep -roP --include='*.md' '\]\(\K[^)#:]+(?=[)#])' "$scratch/installed/usr/share/doc" | while IFS=: read -r file link; do
+  grep -roP --include='*.md' '\]\(\K[^)#:]+(?=[)#])' "$scratch/root/usr/share/doc" | while IFS=: read -r file link; do
     [ -e "${file%/*}/$link" ] || echo "$file: $link"
   done
 }
@@ -87,7 +87,6 @@ errors() { HOME=$scratch lnav -n -c ";SELECT count(*) AS errors FROM korvaneugs 
 check "a log in lnav" grep -wF -- "$(grep -c '\]\[E\] ' "$log")" <(errors)
 
 # Programs that call the C library of the packages, as the page shows them.
-for package in "$packages"/*.deb; do dpkg-deb -x "$package" "$scratch/root"; done
 mkdir "$scratch/shown"
 shown java docs/protocol.md >"$scratch/shown/Report.java"
 shown go docs/protocol.md >"$scratch/shown/report.go"
