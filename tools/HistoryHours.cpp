@@ -32,10 +32,10 @@ std::vector<StatusHour> MergedHours(const std::vector<StatusHour>& hours) {
   return list;
 }
 
-std::vector<InstanceHour> HoursOf(const StatusPeer& peer, std::int64_t until, const SeenHours& seen,
-                                  std::int64_t since) {
+std::vector<InstanceHour> HoursOf(const StatusPeer& peer, std::int64_t cameraSeconds, std::int64_t until,
+                                  const SeenHours& seen, std::int64_t since) {
   std::vector<InstanceHour> hours;
-  std::int64_t rest = peer.cameraSeconds;
+  std::int64_t rest = cameraSeconds;
   for (const auto& [hour, seconds] : seen) {
     if (hour < since) break;
     const std::int64_t begin = std::max(hour, peer.first);

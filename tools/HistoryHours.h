@@ -27,5 +27,5 @@ struct InstanceHour {
 
 // Those of `peer`, which was there until `until`, from `since` on. The number of its cameras does not change,
 // so whole hours follow from what was seen of them, and the first one is what is then left of the sum.
-std::vector<InstanceHour> HoursOf(const StatusPeer& peer, std::int64_t until, const SeenHours& seen,
-                                  std::int64_t since);
+std::vector<InstanceHour> HoursOf(const StatusPeer& peer, std::int64_t cameraSeconds, std::int64_t until,
+                                  const SeenHours& seen, std::int64_t since);

@@ -164,10 +164,11 @@ void HistoryStore::KeepInstances(const StatusSnapshot& snapshot, const std::vect
   for (const StatusHour& hour : hours) seen.emplace(hour.hour, hour.seen);
   InstanceWriter writer(database_, snapshot.server.time);
   for (const auto* losses : {&gone, &snapshot.losses}) {
-    for (const StatusLoss& loss : *losses) writer.Keep(loss, HoursOf(loss, loss.lost, seen, run.since));
+    for (const StatusLoss& loss : *losses)
+      writer.Keep(loss, HoursOf(loss, loss.cameraSeconds, loss.lost, seen, run.since));
   }
   for (const StatusInstance& instance : snapshot.instances) {
-    writer.Keep(instance, HoursOf(instance, snapshot.server.time, seen, run.since));
+    writer.Keep(*instance, HoursOf(*instance, instance.cameraSeconds, snapshot.server.time, seen, run.since));
   }
 }
 

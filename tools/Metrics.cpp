@@ -124,7 +124,8 @@ void AddErrors(MetricsText& text, const StatusSnapshot& snapshot) {
 void AddUses(MetricsText& text, const StatusSnapshot& snapshot) {
   std::map<std::string, std::int64_t> steady;
   for (const StatusInstance& instance : snapshot.instances) {
-    for (const auto& [feature, count] : instance.counts) steady[feature] += count < kLargestCount ? count : 0;
+    for (const auto& [feature, count] : instance->counts)
+      steady[feature] += count < kLargestCount ? count : 0;
   }
   const std::vector<std::string> features = FeatureNames();
   text.Begin("ugs_in_use", "gauge", "The sum over the instances, as the log's newest status block has it.");
@@ -141,9 +142,9 @@ void AddFleet(MetricsText& text, const StatusSnapshot& snapshot) {
   std::int64_t notBack = 0;
   std::int64_t oldest = 0;
   for (const StatusInstance& instance : snapshot.instances) {
-    late += instance.state == "late" ? 1 : 0;
-    notBack += instance.state == "not_back" ? 1 : 0;
-    if (instance.state != "signed_off") oldest = std::max(oldest, snapshot.server.time - instance.last);
+    late += instance->state == "late" ? 1 : 0;
+    notBack += instance->state == "not_back" ? 1 : 0;
+    if (instance->state != "signed_off") oldest = std::max(oldest, snapshot.server.time - instance->last);
   }
   text.Gauge("ugs_instances", "Instances that are known.",
              static_cast<std::int64_t>(snapshot.instances.size()));
@@ -179,8 +180,8 @@ void AddSilent(MetricsText& text, const StatusSnapshot& snapshot) {
     if (keys.insert(peer.key).second) silent.emplace_back(&peer, state);
   };
   for (const StatusInstance& instance : snapshot.instances) {
-    if (IsOverdue(instance, now)) add(instance, instance.state);
-    keys.insert(instance.key);
+    if (IsOverdue(instance, now)) add(*instance, instance->state);
+    keys.insert(instance->key);
   }
   for (const StatusLoss& loss : snapshot.losses) {
     if (loss.returned == 0 && !loss.HasSignedOff() && now - loss.lost < hour) add(loss, "lost");
@@ -200,15 +201,15 @@ void AddSilent(MetricsText& text, const StatusSnapshot& snapshot) {
 void AddInstances(MetricsText& text, const StatusSnapshot& snapshot) {
   text.Begin("ugs_instance_report_age_seconds", "gauge", "Since the instance's newest report.");
   for (const StatusInstance& instance : snapshot.instances) {
-    text.Add(AgeOf(instance, snapshot.server.time), NamesOf(instance));
+    text.Add(AgeOf(*instance, snapshot.server.time), NamesOf(*instance));
   }
   text.Begin("ugs_instance_cameras", "gauge", "The instance's cameras.");
   for (const StatusInstance& instance : snapshot.instances)
-    text.Add(instance.camerasCount, NamesOf(instance));
+    text.Add(instance->camerasCount, NamesOf(*instance));
   text.Begin("ugs_instance_in_use", "gauge", "What the instance uses.");
   for (const StatusInstance& instance : snapshot.instances) {
-    for (const auto& [feature, count] : instance.counts) {
-      Labels ofFeature = NamesOf(instance);
+    for (const auto& [feature, count] : instance->counts) {
+      Labels ofFeature = NamesOf(*instance);
       ofFeature.emplace_back("feature", feature);
       text.Add(count, ofFeature);
     }

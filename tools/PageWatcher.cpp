@@ -41,7 +41,7 @@ void PageWatcher::Look(bool isReadable) {
     throw NoStatus("the server at " + socket_ + " does not tell its status");
   }
   asked_ = Clock::now();
-  connection_ = std::make_unique<StatusConnection>(socket_, &memory_);
+  connection_ = std::make_unique<StatusConnection>(socket_, memory_);
 }
 
 void PageWatcher::Receive() {

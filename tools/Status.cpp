@@ -106,26 +106,29 @@ void ReadPeer(const Object& line, StatusPeer& peer) {
   Read(line, "address", peer.address);
   Read(line, "counts", peer.counts);
   Read(line, "cameras_count", peer.camerasCount);
-  Read(line, "camera_seconds", peer.cameraSeconds);
   Read(line, "first", peer.first);
   Read(line, "last", peer.last);
 }
 
 StatusInstance InstanceOf(const Object& line) {
   StatusInstance instance;
-  ReadPeer(line, instance);
-  Read(line, "layout", instance.layout);
-  Read(line, "cameras", instance.cameras);
-  Read(line, "reports", instance.reports);
-  Read(line, "period", instance.period);
-  Read(line, "state", instance.state);
-  Read(line, "flags", instance.flags);
+  auto facts = std::make_shared<StatusFacts>();
+  ReadPeer(line, *facts);
+  Read(line, "layout", facts->layout);
+  Read(line, "cameras", facts->cameras);
+  Read(line, "reports", facts->reports);
+  Read(line, "period", facts->period);
+  Read(line, "state", facts->state);
+  Read(line, "flags", facts->flags);
+  Read(line, "camera_seconds", instance.cameraSeconds);
+  instance.facts = std::move(facts);
   return instance;
 }
 
 StatusLoss LossOf(const Object& line) {
   StatusLoss loss;
   ReadPeer(line, loss);
+  Read(line, "camera_seconds", loss.cameraSeconds);
   Read(line, "lost", loss.lost);
   Read(line, "reason", loss.reason);
   Read(line, "returned", loss.returned);
@@ -174,39 +177,33 @@ void CheckSchema(const Object& line) {
   }
 }
 
-// A line without the number in it that grows with the clock. No string can hold the name as it is sought:
-// there a quote has a backslash before it.
-struct StableLine {
-  StableLine() = default;
-  explicit StableLine(std::string_view line) : text(line) {
-    constexpr std::string_view kName = "\"camera_seconds\":";
-    const std::size_t name = line.find(kName);
-    if (name == std::string_view::npos) return;
-    const std::size_t number = std::min(line.find_first_not_of(' ', name + kName.size()), line.size());
-    const char* const begin = line.data() + number;
-    const char* const end = std::from_chars(begin, line.data() + line.size(), cameraSeconds).ptr;
-    text.erase(number, static_cast<std::size_t>(end - begin));
-  }
+// Takes the number off the beginning of `text`; 0 if there is none.
+std::int64_t TakeNumber(std::string_view& text) {
+  std::int64_t number = 0;
+  const char* const end = std::from_chars(text.data(), text.data() + text.size(), number).ptr;
+  text.remove_prefix(static_cast<std::size_t>(end - text.data()));
+  return number;
+}
 
-  std::string text;
-  std::int64_t cameraSeconds = 0;
-};
+// Where the camera-seconds are in a line, or its end. No string can hold the name as it is sought: there a
+// quote has a backslash before it.
+std::size_t FindCameraSeconds(std::string_view line) {
+  constexpr std::string_view kName = "\"camera_seconds\":";
+  const std::size_t name = line.find(kName);
+  if (name == std::string_view::npos) return line.size();
+  return std::min(line.find_first_not_of(' ', name + kName.size()), line.size());
+}
 
-// Gathers the lines of one snapshot.
+// Gathers the lines of the memory's newest snapshot.
 class SnapshotParser {
  public:
-  explicit SnapshotParser(StatusMemory* memory) : memory_(memory) {
-    if (memory_ != nullptr) memory_->BeginSnapshot();
-  }
+  explicit SnapshotParser(StatusMemory& memory) : memory_(memory) {}
 
   void Take(std::string_view line) {
-    const StableLine stable = memory_ != nullptr ? StableLine(line) : StableLine();
-    const StatusInstance* known = hasServer_ && memory_ != nullptr ? memory_->Find(stable.text) : nullptr;
-    if (known != nullptr) {
-      snapshot_.instances.push_back(*known);
-      snapshot_.instances.back().cameraSeconds = stable.cameraSeconds;
-    } else if (ParseLine(line) == "instance" && memory_ != nullptr) {
-      memory_->Add(stable.text, snapshot_.instances.back());
+    if (std::optional<StatusInstance> known = hasServer_ ? memory_.Find(line) : std::nullopt) {
+      snapshot_.instances.push_back(*std::move(known));
+    } else if (ParseLine(line) == "instance") {
+      memory_.Add(line, snapshot_.instances.back().facts);
     }
   }
 
@@ -249,14 +246,15 @@ class SnapshotParser {
     }
   }
 
-  StatusMemory* const memory_;
+  StatusMemory& memory_;
   StatusSnapshot snapshot_;
   bool hasServer_ = false;
   bool hasEnd_ = false;
 };
 
-StatusSnapshot Parse(std::string_view text, StatusMemory* memory) {
+StatusSnapshot Parse(StatusMemory& memory) {
   SnapshotParser parser(memory);
+  std::string_view text = memory.Text();
   while (!text.empty()) {
     const std::size_t end = std::min(text.find('\n'), text.size());
     if (end > 0) parser.Take(text.substr(0, end));
@@ -315,7 +313,7 @@ std::int64_t CountOf(const StatusCounts& counts, const std::string& name) {
   return count == counts.end() ? 0 : count->second;
 }
 
-bool StatusInstance::Has(const std::string& flag) const {
+bool StatusFacts::Has(const std::string& flag) const {
   return std::find(flags.begin(), flags.end(), flag) != flags.end();
 }
 
@@ -331,25 +329,45 @@ std::string DefaultStatusSocket() {
   return !hasService && std::filesystem::exists(kOfCheckout, error) ? kOfCheckout : kOfService;
 }
 
-void StatusMemory::BeginSnapshot() {
-  before_.swap(now_);
-  now_.clear();
+std::string StatusMemory::TakeBuffer() {
+  before_.lines.clear();
+  before_.text.clear();
+  return std::move(before_.text);
 }
 
-const StatusInstance* StatusMemory::Find(const std::string& line) {
-  const auto known = before_.find(line);
-  if (known == before_.end()) return nullptr;
-  return &now_.insert(before_.extract(known)).position->second;
+// The lines stay where they are: no text of one is so short that it is moved along with its string.
+void StatusMemory::BeginSnapshot(std::string text) {
+  before_ = std::move(now_);
+  next_ = 0;
+  now_ = {std::move(text), {}};
+  now_.lines.reserve(before_.lines.size());
 }
 
-void StatusMemory::Add(std::string line, const StatusInstance& instance) {
-  now_.emplace(std::move(line), instance);
+std::optional<StatusInstance> StatusMemory::Find(std::string_view line) {
+  if (next_ == before_.lines.size()) return std::nullopt;
+  const Line& known = before_.lines[next_];
+  if (!line.starts_with(known.head)) return std::nullopt;
+  std::string_view tail = line.substr(known.head.size());
+  const std::int64_t cameraSeconds = TakeNumber(tail);
+  if (tail != known.tail) return std::nullopt;
+  now_.lines.push_back({line.substr(0, known.head.size()), tail, known.facts});
+  ++next_;
+  return StatusInstance{known.facts, cameraSeconds};
 }
 
-StatusConnection::StatusConnection(const std::string& path, StatusMemory* memory)
+void StatusMemory::Add(std::string_view line, std::shared_ptr<const StatusFacts> facts) {
+  while (next_ < before_.lines.size() && before_.lines[next_].facts->key <= facts->key) ++next_;
+  std::string_view tail = line.substr(FindCameraSeconds(line));
+  const std::string_view head = line.substr(0, line.size() - tail.size());
+  TakeNumber(tail);
+  now_.lines.push_back({head, tail, std::move(facts)});
+}
+
+StatusConnection::StatusConnection(const std::string& path, StatusMemory& memory)
     : path_(path),
       socket_(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0), "socket"),
-      memory_(memory) {
+      memory_(memory),
+      text_(memory.TakeBuffer()) {
   Connect(socket_.Number(), path);
 }
 
@@ -357,7 +375,10 @@ std::optional<StatusSnapshot> StatusConnection::Receive() {
   std::array<char, 65536> chunk;
   while (true) {
     const ssize_t length = recv(socket_.Number(), chunk.data(), chunk.size(), 0);
-    if (length == 0) return Parse(text_, memory_);
+    if (length == 0) {
+      memory_.BeginSnapshot(std::move(text_));
+      return Parse(memory_);
+    }
     if (length > 0) {
       text_.append(chunk.data(), static_cast<std::size_t>(length));
     } else if (errno == EAGAIN) {
@@ -371,7 +392,8 @@ std::optional<StatusSnapshot> StatusConnection::Receive() {
 StatusSnapshot ReadStatus(const std::string& path) {
   using Clock = std::chrono::steady_clock;
   const auto deadline = Clock::now() + std::chrono::seconds(5);
-  StatusConnection connection(path);
+  StatusMemory memory;
+  StatusConnection connection(path, memory);
   while (true) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     pollfd item{connection.Descriptor(), POLLIN, 0};

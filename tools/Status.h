@@ -4,10 +4,11 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <unordered_map>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -57,14 +58,14 @@ struct StatusPeer {
   std::string address;
   StatusCounts counts;
   std::int64_t camerasCount = 0;
-  std::int64_t cameraSeconds = 0;
   std::int64_t first = 0;
   std::int64_t last = 0;
 
   bool operator==(const StatusPeer&) const = default;
 };
 
-struct StatusInstance : StatusPeer {
+// What is said of an instance that does not grow with the clock.
+struct StatusFacts : StatusPeer {
   std::string layout;
   std::vector<std::string> cameras;
   std::int64_t reports = 0;
@@ -73,12 +74,25 @@ struct StatusInstance : StatusPeer {
   std::vector<std::string> flags;
 
   [[nodiscard]] bool Has(const std::string& flag) const;
+
+  bool operator==(const StatusFacts&) const = default;
+};
+
+// One line of a snapshot. Copies share the facts, and so do snapshots of one StatusMemory in which they are
+// the same: of thousands of instances few change from one second to the next.
+struct StatusInstance {
+  std::shared_ptr<const StatusFacts> facts;
+  std::int64_t cameraSeconds = 0;
+
+  const StatusFacts& operator*() const { return *facts; }
+  const StatusFacts* operator->() const { return facts.get(); }
 };
 
 // So many losses the server keeps: with as many, there may have been others before them.
 inline constexpr std::size_t kLossesKept = 1000;
 
 struct StatusLoss : StatusPeer {
+  std::int64_t cameraSeconds = 0;
   std::int64_t lost = 0;
   std::string reason;
   std::int64_t returned = 0;
@@ -138,29 +152,45 @@ class NoStatus : public std::runtime_error {
 // no service here.
 std::string DefaultStatusSocket();
 
-// The instances of the last snapshot by their lines. From one second to the next most lines stay the same,
-// byte for byte but for the camera-seconds, and parsing thousands costs more than all else.
+// The text of the last snapshot and what its instances' lines said: parsing thousands of lines costs more
+// than all else, and most stay the same from one second to the next, but for the camera-seconds. The server
+// sorts them by key, so that a line is looked for where the last one was found and little further.
 class StatusMemory {
  public:
-  // Forgets what is not asked for until the next call.
-  void BeginSnapshot();
+  // An empty text with room for the next snapshot.
+  [[nodiscard]] std::string TakeBuffer();
 
-  // The instance of this line, without its camera-seconds; null if the line is new.
-  const StatusInstance* Find(const std::string& line);
-  void Add(std::string line, const StatusInstance& instance);
+  // `text` is the newest snapshot from now on.
+  void BeginSnapshot(std::string text);
+  [[nodiscard]] std::string_view Text() const { return now_.text; }
+
+  // What this line of the newest snapshot tells, if the one before it had the same.
+  std::optional<StatusInstance> Find(std::string_view line);
+  // What it tells otherwise.
+  void Add(std::string_view line, std::shared_ptr<const StatusFacts> facts);
 
  private:
-  using Lines = std::unordered_map<std::string, StatusInstance>;
+  // A line of a text before and after its camera-seconds.
+  struct Line {
+    std::string_view head;
+    std::string_view tail;
+    std::shared_ptr<const StatusFacts> facts;
+  };
+  struct Snapshot {
+    std::string text;
+    std::vector<Line> lines;
+  };
 
-  Lines before_;
-  Lines now_;
+  Snapshot before_;
+  std::size_t next_ = 0;  // line of `before_` to compare with
+  Snapshot now_;
 };
 
 // One snapshot on its way. Never waits; one thread.
 class StatusConnection {
  public:
   // Throws NoStatus if nobody accepts at `path`, or not for this user. `memory` outlives this.
-  explicit StatusConnection(const std::string& path, StatusMemory* memory = nullptr);
+  StatusConnection(const std::string& path, StatusMemory& memory);
 
   // To be waited for (POLLIN).
   [[nodiscard]] int Descriptor() const { return socket_.Number(); }
@@ -171,7 +201,7 @@ class StatusConnection {
  private:
   const std::string path_;
   const FileDescriptor socket_;
-  StatusMemory* const memory_;
+  StatusMemory& memory_;
   std::string text_;
 };
 

@@ -55,7 +55,7 @@ void AddGroup(std::vector<StatusProblem>& problems, const char* kind, const std:
 void AddSameIdentities(std::vector<StatusProblem>& problems, const std::vector<StatusInstance>& instances) {
   std::map<std::string_view, std::int64_t> times;
   for (const StatusInstance& instance : instances) {
-    if (instance.Has("same_identity")) ++times[instance.identity];
+    if (instance->Has("same_identity")) ++times[instance->identity];
   }
   if (times.empty()) return;
   std::vector<std::string> names;
@@ -71,16 +71,16 @@ void AddInstances(std::vector<StatusProblem>& problems, const StatusSnapshot& sn
   const std::int64_t now = snapshot.server.time;
   const auto add = [&](const char* kind, const std::string& what, auto isMeant) {
     AddGroup(problems, kind, "instance", what, snapshot.instances, isMeant,
-             [&](const StatusInstance& instance) { return WithAge(instance, now); });
+             [&](const StatusInstance& instance) { return WithAge(*instance, now); });
   };
   const auto isOverdue = [&](const char* state) {
     return [&, state](const StatusInstance& instance) {
-      return instance.state == state && IsOverdue(instance, now);
+      return instance->state == state && IsOverdue(instance, now);
     };
   };
   const auto has = [](const char* flag) {
     return [flag](const StatusInstance& instance) {
-      return instance.Has(flag);
+      return instance->Has(flag);
     };
   };
   add("late", "late; last report", isOverdue("late"));
@@ -229,11 +229,11 @@ std::string RemarkOnLosses(const StatusSnapshot& snapshot) {
 }
 
 bool IsOverdue(const StatusInstance& instance, std::int64_t now) {
-  if (instance.state == "late") return true;
+  if (instance->state == "late") return true;
   constexpr double grace = 5;  // as the server judges `late`
   constexpr double whileUnknown = 60;
-  const double due = instance.period > 0 ? 2 * instance.period + grace : whileUnknown;
-  return instance.state == "not_back" && static_cast<double>(now - instance.last) > due;
+  const double due = instance->period > 0 ? 2 * instance->period + grace : whileUnknown;
+  return instance->state == "not_back" && static_cast<double>(now - instance->last) > due;
 }
 
 const std::map<std::string, std::string>& MeaningsOfRefusals() {

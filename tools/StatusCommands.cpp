@@ -23,18 +23,18 @@ std::int64_t NumberOf(const StatusSnapshot& snapshot, Predicate isMeant) {
 }
 
 std::int64_t NumberIn(const StatusSnapshot& snapshot, const char* state) {
-  return NumberOf(snapshot, [&](const StatusInstance& instance) { return instance.state == state; });
+  return NumberOf(snapshot, [&](const StatusInstance& instance) { return instance->state == state; });
 }
 
 std::int64_t CamerasOf(const StatusSnapshot& snapshot) {
   std::int64_t cameras = 0;
-  for (const StatusInstance& instance : snapshot.instances) cameras += instance.camerasCount;
+  for (const StatusInstance& instance : snapshot.instances) cameras += instance->camerasCount;
   return cameras;
 }
 
 std::string InstancesLine(const StatusSnapshot& snapshot) {
   const std::int64_t fresh =
-      NumberOf(snapshot, [](const StatusInstance& instance) { return instance.Has("new"); });
+      NumberOf(snapshot, [](const StatusInstance& instance) { return instance->Has("new"); });
   const std::int64_t signedOff = NumberIn(snapshot, "signed_off");
   return fmt::format("{} ({} alive, {} late, {} not back{}; {} new), {}",
                      Counted(std::ssize(snapshot.instances), "instance"), NumberIn(snapshot, "alive"),
@@ -97,7 +97,7 @@ void CheckFeature(const std::string& option, const std::string& feature) {
 
 void KeepUsers(std::vector<StatusInstance>& instances, const std::string& feature) {
   std::erase_if(instances,
-                [&](const StatusInstance& instance) { return CountOf(instance.counts, feature) == 0; });
+                [&](const StatusInstance& instance) { return CountOf(instance->counts, feature) == 0; });
 }
 
 void PrintTable(const Listing& listing, std::int64_t now, const char* whenEmpty) {
@@ -173,7 +173,7 @@ void ShowInstances(const StatusOptions& options) {
   if (!feature.empty()) KeepUsers(instances, feature);
   SortInstances(instances, options.sort);
   std::int64_t sum = 0;
-  for (const StatusInstance& instance : instances) sum += CountOf(instance.counts, feature);
+  for (const StatusInstance& instance : instances) sum += CountOf(instance->counts, feature);
   PrintListing(ListInstances(instances, now, feature), options, "instances", now, "no instances",
                [&](JsonOutput& json) {
                  if (!feature.empty()) json.Put("sum", sum);

@@ -1,8 +1,8 @@
 #include "StatusJson.h"
 
 #include <algorithm>
+#include <functional>
 #include <string_view>
-#include <tuple>
 #include <unordered_map>
 #include <vector>
 
@@ -10,30 +10,30 @@
 
 namespace {
 
-void PutPeer(JsonOutput& json, const StatusPeer& peer) {
+void PutPeer(JsonOutput& json, const StatusPeer& peer, std::int64_t cameraSeconds) {
   json.Put("key", peer.key);
   json.Put("identity", peer.identity);
   json.Put("container", peer.container);
   json.Put("address", peer.address);
   json.Put("counts", peer.counts);
   json.Put("cameras_count", peer.camerasCount);
-  json.Put("camera_seconds", peer.cameraSeconds);
+  json.Put("camera_seconds", cameraSeconds);
   json.Put("first", peer.first);
   json.Put("last", peer.last);
 }
 
 void PutMembers(JsonOutput& json, const StatusInstance& instance) {
-  PutPeer(json, instance);
-  json.Put("layout", instance.layout);
-  json.Put("cameras", instance.cameras);
-  json.Put("reports", instance.reports);
-  json.Put("period", instance.period);
-  json.Put("state", instance.state);
-  json.Put("flags", instance.flags);
+  PutPeer(json, *instance, instance.cameraSeconds);
+  json.Put("layout", instance->layout);
+  json.Put("cameras", instance->cameras);
+  json.Put("reports", instance->reports);
+  json.Put("period", instance->period);
+  json.Put("state", instance->state);
+  json.Put("flags", instance->flags);
 }
 
 void PutMembers(JsonOutput& json, const StatusLoss& loss) {
-  PutPeer(json, loss);
+  PutPeer(json, loss, loss.cameraSeconds);
   json.Put("lost", loss.lost);
   json.Put("reason", loss.reason);
   json.Put("returned", loss.returned);
@@ -104,35 +104,41 @@ std::vector<StatusHour> ChangedHours(const std::vector<StatusHour>& before,
   return changed;
 }
 
-// The camera-seconds apart, which grow with the clock.
-bool IsSame(const StatusInstance& left, const StatusInstance& right) {
-  const auto members = [](const StatusInstance& instance) {
-    return std::tie(instance.key, instance.last, instance.reports, instance.state, instance.flags,
-                    instance.period, instance.first, instance.camerasCount, instance.counts, instance.address,
-                    instance.identity, instance.container, instance.layout, instance.cameras);
-  };
-  return members(left) == members(right);
+// The instances of `all` whose facts are not among those of `others`. Snapshots that follow each other share
+// those that are the same.
+std::vector<const StatusInstance*> NotShared(const std::vector<StatusInstance>& all,
+                                             const std::vector<StatusInstance>& others) {
+  std::vector<const StatusFacts*> known;
+  known.reserve(others.size());
+  for (const StatusInstance& instance : others) known.push_back(instance.facts.get());
+  std::sort(known.begin(), known.end(), std::less<>());
+  std::vector<const StatusInstance*> rest;
+  for (const StatusInstance& instance : all) {
+    if (!std::binary_search(known.begin(), known.end(), instance.facts.get(), std::less<>()))
+      rest.push_back(&instance);
+  }
+  return rest;
 }
 
 void PutChangedInstances(JsonOutput& json, const std::vector<StatusInstance>& before,
                          const std::vector<StatusInstance>& now) {
   std::unordered_map<std::string_view, const StatusInstance*> old;
-  for (const StatusInstance& instance : before) old.emplace(instance.key, &instance);
+  for (const StatusInstance* instance : NotShared(before, now)) old.emplace((*instance)->key, instance);
   json->Key("changed");
   json->StartArray();
-  for (const StatusInstance& instance : now) {
-    const auto known = old.find(instance.key);
-    const bool isSame = known != old.end() && IsSame(*known->second, instance);
+  for (const StatusInstance* instance : NotShared(now, before)) {
+    const auto known = old.find((*instance)->key);
+    const bool isSame = known != old.end() && **known->second == **instance;
     if (known != old.end()) old.erase(known);
     if (isSame) continue;
     json->StartObject();
-    PutMembers(json, instance);
+    PutMembers(json, *instance);
     json->EndObject();
   }
   json->EndArray();
   json->Key("gone");
   json->StartArray();
-  for (const auto& [key, instance] : old) json.Put(instance->key);
+  for (const auto& [key, instance] : old) json.Put((*instance)->key);
   json->EndArray();
 }
 

@@ -20,13 +20,13 @@ void SortInstances(std::vector<StatusInstance>& instances, const std::string& or
                      [&](const StatusInstance& a, const StatusInstance& b) { return rank(a) < rank(b); });
   };
   if (order == "identity") {
-    sortBy([](const StatusInstance& instance) -> const std::string& { return instance.identity; });
+    sortBy([](const StatusInstance& instance) -> const std::string& { return instance->identity; });
   } else if (order == "age") {
-    sortBy([](const StatusInstance& instance) { return instance.last; });
+    sortBy([](const StatusInstance& instance) { return instance->last; });
   } else if (order == "cameras") {
-    sortBy([](const StatusInstance& instance) { return -instance.camerasCount; });
+    sortBy([](const StatusInstance& instance) { return -instance->camerasCount; });
   } else {
-    sortBy([&](const StatusInstance& instance) { return -CountOf(instance.counts, order); });
+    sortBy([&](const StatusInstance& instance) { return -CountOf(instance->counts, order); });
   }
 }
 
@@ -36,73 +36,74 @@ Listing ListInstances(const std::vector<StatusInstance>& instances, std::int64_t
   std::vector<ColumnOf<Row>> columns{
       {{"identity", "identity"},
        [](const Row& row) {
-         return row.identity;
+         return row->identity;
        }},
       {{"last", ""},
        [](const Row& row) {
-         return Time{row.last};
+         return Time{row->last};
        }},
       {{"age", "age"},
        [now](const Row& row) {
-         return Age{std::max<std::int64_t>(now - row.last, 0)};
+         return Age{std::max<std::int64_t>(now - row->last, 0)};
        }},
       {{"state", "state"},
        [](const Row& row) {
-         return row.state;
+         return row->state;
        }},
       {{"flags", "flags"},
        [](const Row& row) {
-         return row.flags;
+         return row->flags;
        }},
       {{"cameras_count", "cameras"},
        [](const Row& row) {
-         return row.camerasCount;
+         return row->camerasCount;
        }},
       {{"address", "address"},
        [](const Row& row) {
-         return row.address;
+         return row->address;
        }},
       {{"container", "container"},
        [](const Row& row) {
-         return Digest{row.container};
+         return Digest{row->container};
        }},
       {{"counts", "in use"},
        [](const Row& row) {
-         return row.counts;
+         return row->counts;
        }},
       {{"key", ""},
        [](const Row& row) {
-         return row.key;
+         return row->key;
        }},
       {{"layout", ""},
        [](const Row& row) {
-         return row.layout;
+         return row->layout;
        }},
       {{"first", ""},
        [](const Row& row) {
-         return Time{row.first};
+         return Time{row->first};
        }},
       {{"reports", ""},
        [](const Row& row) {
-         return row.reports;
+         return row->reports;
        }},
       {{"cameras", ""},
        [](const Row& row) {
-         return row.cameras;
+         return row->cameras;
        }},
   };
   // Else these look the same.
-  if (std::ranges::any_of(instances, [](const Row& row) { return row.Has("same_identity"); })) {
+  if (std::ranges::any_of(instances, [](const Row& row) { return row->Has("same_identity"); })) {
     columns.insert(columns.begin() + 1, {{"", "key"}, [](const Row& row) {
-                                           return Digest{row.Has("same_identity") ? row.key : ""};
+                                           return Digest{row->Has("same_identity") ? row->key : ""};
                                          }});
     columns.push_back({{"", "first camera"}, [](const Row& row) {
-                         return row.Has("same_identity") && !row.cameras.empty() ? row.cameras.front() : "";
+                         return row->Has("same_identity") && !row->cameras.empty() ? row->cameras.front()
+                                                                                   : "";
                        }});
   }
   if (!feature.empty()) {
     columns.insert(columns.begin() + 1, {{feature, feature}, [feature](const Row& row) {
-                                           return CountOf(row.counts, feature);
+                                           return CountOf(row->counts, feature);
                                          }});
   }
   return MakeListing(columns, instances);

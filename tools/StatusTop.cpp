@@ -57,25 +57,25 @@ bool Matches(const StatusInstance& instance, const std::string& filter) {
   const auto holds = [&](const std::string& text) {
     return InLowerCase(text).find(wanted) != std::string::npos;
   };
-  return holds(instance.identity) || holds(instance.container) || holds(instance.address) ||
-         std::any_of(instance.cameras.begin(), instance.cameras.end(), holds);
+  return holds(instance->identity) || holds(instance->container) || holds(instance->address) ||
+         std::any_of(instance->cameras.begin(), instance->cameras.end(), holds);
 }
 
 std::vector<std::string> DetailsOf(const StatusInstance& instance, std::int64_t now) {
   std::vector<std::string> lines{
-      "identity   " + instance.identity,
-      "container  " + instance.container,
-      "address    " + instance.address,
-      "state      " + instance.state + " " + Joined(instance.flags, " "),
-      "last       " + ShownTime(instance.last, now) + ", " + ShownAge(now - instance.last) + " ago",
-      "first      " + ShownTime(instance.first, now) + ", reports " + std::to_string(instance.reports),
-      "period     " + ShownAge(static_cast<std::int64_t>(instance.period)),
-      "layout     " + instance.layout,
-      "key        " + instance.key,
+      "identity   " + instance->identity,
+      "container  " + instance->container,
+      "address    " + instance->address,
+      "state      " + instance->state + " " + Joined(instance->flags, " "),
+      "last       " + ShownTime(instance->last, now) + ", " + ShownAge(now - instance->last) + " ago",
+      "first      " + ShownTime(instance->first, now) + ", reports " + std::to_string(instance->reports),
+      "period     " + ShownAge(static_cast<std::int64_t>(instance->period)),
+      "layout     " + instance->layout,
+      "key        " + instance->key,
   };
-  for (const auto& [name, count] : instance.counts) lines.push_back(name + " " + std::to_string(count));
-  lines.push_back("cameras    " + std::to_string(instance.camerasCount));
-  for (const std::string& camera : instance.cameras) lines.push_back("  " + camera);
+  for (const auto& [name, count] : instance->counts) lines.push_back(name + " " + std::to_string(count));
+  lines.push_back("cameras    " + std::to_string(instance->camerasCount));
+  for (const std::string& camera : instance->cameras) lines.push_back("  " + camera);
   return lines;
 }
 
@@ -180,7 +180,7 @@ class TopView {
     std::erase_if(used, [&](const std::string& name) {
       return std::none_of(
           snapshot_.instances.begin(), snapshot_.instances.end(),
-          [&](const StatusInstance& instance) { return CountOf(instance.counts, name) != 0; });
+          [&](const StatusInstance& instance) { return CountOf(instance->counts, name) != 0; });
     });
     if (used.empty()) return "age";
     const auto current = std::find(used.begin(), used.end(), order_);
@@ -191,12 +191,14 @@ class TopView {
 
   void Arrange() {
     shown_ = snapshot_.instances;
-    std::erase_if(shown_, [&](const StatusInstance& instance) { return !Matches(instance, filter_); });
+    if (!filter_.empty()) {
+      std::erase_if(shown_, [&](const StatusInstance& instance) { return !Matches(instance, filter_); });
+    }
     SortInstances(shown_, order_);
     if (selectedKey_.empty()) return;
     // The mark stays on its instance wherever that goes, and in its place if it is gone.
     const auto same = std::find_if(shown_.begin(), shown_.end(), [&](const StatusInstance& instance) {
-      return instance.key == selectedKey_;
+      return instance->key == selectedKey_;
     });
     if (same != shown_.end()) {
       selected_ = static_cast<std::size_t>(same - shown_.begin());
@@ -210,7 +212,7 @@ class TopView {
     const auto last = static_cast<std::ptrdiff_t>(shown_.size()) - 1;
     const auto place = std::clamp<std::ptrdiff_t>(static_cast<std::ptrdiff_t>(selected_) + by, 0, last);
     selected_ = static_cast<std::size_t>(place);
-    selectedKey_ = shown_[selected_].key;
+    selectedKey_ = shown_[selected_]->key;
   }
 
   [[nodiscard]] const StatusInstance* Selected() const {
@@ -333,7 +335,7 @@ class Top {
       if (connection_) view_.Fail("the server does not tell its status");
       nextLook_ = Clock::now() + kPeriod;
       connection_.reset();
-      connection_ = std::make_unique<StatusConnection>(socket_);
+      connection_ = std::make_unique<StatusConnection>(socket_, memory_);
     } catch (const NoStatus& error) {
       connection_.reset();
       view_.Fail(error.what());
@@ -384,6 +386,7 @@ class Top {
   const FileDescriptor signals_;
   TopView view_;
   std::optional<TopScreen> screen_;
+  StatusMemory memory_;
   std::unique_ptr<StatusConnection> connection_;
   Clock::time_point nextLook_ = Clock::now() + kPeriod;
   bool isRunning_ = true;
