@@ -21,7 +21,7 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Text = std::shared_ptr<const std::string>;
+using Text = StatusSocket::Text;
 
 constexpr std::size_t kReaders = 16;
 constexpr std::chrono::seconds kPatience(2);
@@ -97,7 +97,7 @@ int MillisecondsUntil(Clock::time_point deadline) {
 
 }  // namespace
 
-StatusSocket::StatusSocket(std::string path, std::function<std::string()> makeSnapshot)
+StatusSocket::StatusSocket(std::string path, std::function<Text()> makeSnapshot)
     : path_(std::move(path)),
       makeSnapshot_(std::move(makeSnapshot)),
       listener_(Listen(path_), path_),
@@ -136,7 +136,7 @@ void StatusSocket::Serve() {
       continue;
     }
     if (snapshot == nullptr || Clock::now() - made > kSnapshotAge) {
-      snapshot = std::make_shared<const std::string>(makeSnapshot_());
+      snapshot = makeSnapshot_();
       made = Clock::now();
     }
     if (readers.size() == kReaders) readers.pop_front();

@@ -8,10 +8,13 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <charconv>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <optional>
 #include <string_view>
+#include <tuple>
 #include <unordered_map>
 #include <utility>
 
@@ -104,9 +107,18 @@ const char* NameOf(FleetStatus::LossReason reason) {
   return "";
 }
 
+// `seen`: the seconds that were seen until now, or until the instance was lost.
+std::uint64_t CameraSecondsOf(const FleetStatus::Instance& instance, std::uint64_t seen) {
+  return instance.who->allCameras * (seen - instance.seenBefore);
+}
+
 class Lines {
  public:
-  Lines() { writer_.SetMaxDecimalPlaces(1); }
+  // `size`: about that of the text.
+  explicit Lines(std::size_t size) {
+    text_.Reserve(size);
+    writer_.SetMaxDecimalPlaces(1);
+  }
 
   // One line: an object with `type`, whose other members `members` writes.
   template <typename Members>
@@ -146,17 +158,29 @@ class Lines {
       }
     });
   }
-  // `seen`: the seconds that were seen until now, or until the instance was lost.
-  void Instance(const FleetStatus::Instance& instance, std::uint64_t seen) {
+  // Returns where its camera-seconds begin and end, in the whole text.
+  std::pair<std::size_t, std::size_t> Instance(const FleetStatus::Instance& instance, std::uint64_t seen) {
     Member("key", instance.who->key);
     Member("identity", instance.who->identity);
     Member("container", instance.who->container);
     Member("address", instance.address);
     Counts(instance.counts);
     Member("cameras_count", instance.who->allCameras);
-    Member("camera_seconds", instance.who->allCameras * (seen - instance.seenBefore));
+    writer_.Key("camera_seconds");
+    const std::size_t begin = Size();
+    Write(CameraSecondsOf(instance, seen));
+    const std::size_t end = Size();
     Member("first", instance.first);
     Member("last", instance.last);
+    return {begin, end};
+  }
+  // As it is: between two lines only.
+  void Raw(std::string_view text) { std::ranges::copy(text, text_.Push(text.size())); }
+  // As Write does the value of a member.
+  void RawValue(std::uint64_t value) {
+    std::array<char, 24> digits{':'};
+    const char* const end = std::to_chars(digits.data() + 1, digits.data() + digits.size(), value).ptr;
+    Raw({digits.data(), static_cast<std::size_t>(end - digits.data())});
   }
 
   void Write(bool value) { writer_.Bool(value); }
@@ -170,6 +194,7 @@ class Lines {
     writer_.String(value.data(), static_cast<rapidjson::SizeType>(value.size()));
   }
 
+  [[nodiscard]] std::size_t Size() const { return text_.GetSize(); }
   [[nodiscard]] std::string Text() const { return {text_.GetString(), text_.GetSize()}; }
 
  private:
@@ -223,33 +248,104 @@ void AddTotals(Lines& lines, const FleetStatus::Snapshot& snapshot) {
   });
 }
 
-void AddInstances(Lines& lines, const FleetStatus::Snapshot& snapshot) {
-  const Duplicates duplicates(snapshot.instances);
-  for (const auto& instance : snapshot.instances) {
-    const FleetStatus::Who& who = *instance->who;
-    const std::array flags{
-        std::pair("new", snapshot.time - instance->first < kNewFor),
-        std::pair("same_identity", duplicates.SharesIdentity(who)),
-        std::pair("same_camera", duplicates.SharesCamera(who)),
-        std::pair("huge_count", HasHugeCount(instance->counts)),
+// The bits of StatusWriter::Line::flags.
+constexpr std::array kFlags{"new", "same_identity", "same_camera", "huge_count"};
+constexpr unsigned kNew = 1U << 0U;
+constexpr unsigned kSameIdentity = 1U << 1U;
+constexpr unsigned kSameCamera = 1U << 2U;
+constexpr unsigned kHugeCount = 1U << 3U;
+
+// The instances of a snapshot, some of which the last one's text has.
+class InstanceLines {
+ public:
+  using Line = StatusWriter::Line;
+
+  InstanceLines(Lines& lines, const FleetStatus::Snapshot& snapshot, std::string_view lastText,
+                const std::vector<Line>& last)
+      : lines_(lines), snapshot_(snapshot), lastText_(lastText), last_(last) {
+    const auto isSame = [](const Line& line, const FleetStatus::InstancePointer& instance) {
+      return line.instance == instance || line.instance->who == instance->who;
     };
-    lines.Add("instance", [&] {
-      lines.Instance(*instance, snapshot.seen);
-      lines.Member("layout", instance->layout);
-      lines.Array("cameras", [&] {
-        for (const std::string& camera : who.cameras) lines.Write(camera);
+    if (!std::ranges::equal(last_, snapshot_.instances, isSame)) duplicates_.emplace(snapshot_.instances);
+  }
+
+  std::vector<Line> Add() {
+    std::vector<Line> written;
+    written.reserve(snapshot_.instances.size());
+    auto known = last_.begin();
+    for (const auto& instance : snapshot_.instances) {
+      while (known != last_.end() && known->instance != instance &&
+             known->instance->who->key < instance->who->key) {
+        ++known;
+      }
+      written.push_back(AddOne(instance, known == last_.end() ? nullptr : &*known));
+      if (known != last_.end() && known->instance == instance) ++known;
+    }
+    return written;
+  }
+
+ private:
+  // `known`: of this instance, or of one that follows.
+  Line AddOne(const FleetStatus::InstancePointer& instance, const Line* known) {
+    Line line{instance, StateOf(*instance, snapshot_), FlagsOf(*instance, known)};
+    line.begin = lines_.Size();
+    if (known != nullptr && known->instance == instance && known->state == line.state &&
+        known->flags == line.flags) {
+      Copy(*known, line);
+    } else {
+      Write(line);
+    }
+    line.end = lines_.Size();
+    return line;
+  }
+
+  [[nodiscard]] unsigned FlagsOf(const FleetStatus::Instance& instance, const Line* known) const {
+    const FleetStatus::Who& who = *instance.who;
+    unsigned flags = 0;
+    if (snapshot_.time - instance.first < kNewFor) flags |= kNew;
+    if (HasHugeCount(instance.counts)) flags |= kHugeCount;
+    if (!duplicates_) return flags | (known->flags & (kSameIdentity | kSameCamera));
+    if (duplicates_->SharesIdentity(who)) flags |= kSameIdentity;
+    if (duplicates_->SharesCamera(who)) flags |= kSameCamera;
+    return flags;
+  }
+
+  void Copy(const Line& known, Line& line) {
+    const auto part = [&](std::size_t begin, std::size_t end) {
+      return lastText_.substr(begin, end - begin);
+    };
+    lines_.Raw(part(known.begin, known.cameraSeconds));
+    line.cameraSeconds = lines_.Size();
+    lines_.RawValue(CameraSecondsOf(*line.instance, snapshot_.seen));
+    line.rest = lines_.Size();
+    lines_.Raw(part(known.rest, known.end));
+  }
+
+  void Write(Line& line) {
+    const FleetStatus::Instance& instance = *line.instance;
+    lines_.Add("instance", [&] {
+      std::tie(line.cameraSeconds, line.rest) = lines_.Instance(instance, snapshot_.seen);
+      lines_.Member("layout", instance.layout);
+      lines_.Array("cameras", [&] {
+        for (const std::string& camera : instance.who->cameras) lines_.Write(camera);
       });
-      lines.Member("reports", instance->reports);
-      lines.Member("period", instance->period);
-      lines.Member("state", StateOf(*instance, snapshot));
-      lines.Array("flags", [&] {
-        for (const auto& [name, isSet] : flags) {
-          if (isSet) lines.Write(name);
+      lines_.Member("reports", instance.reports);
+      lines_.Member("period", instance.period);
+      lines_.Member("state", line.state);
+      lines_.Array("flags", [&] {
+        for (std::size_t flag = 0; flag < kFlags.size(); ++flag) {
+          if ((line.flags >> flag & 1U) != 0) lines_.Write(kFlags[flag]);
         }
       });
     });
   }
-}
+
+  Lines& lines_;
+  const FleetStatus::Snapshot& snapshot_;
+  const std::string_view lastText_;
+  const std::vector<Line>& last_;
+  std::optional<Duplicates> duplicates_;  // not if they are the last one's: then each line is known
+};
 
 void AddLosses(Lines& lines, const FleetStatus::Snapshot& snapshot) {
   for (const FleetStatus::Loss& loss : snapshot.losses) {
@@ -318,17 +414,23 @@ std::size_t ConnectionsTo(std::uint16_t port) {
 
 }  // namespace
 
-ProcessFacts LookUpProcessFacts() {
+ProcessFacts ProcessWatch::LookUp() {
+  const auto now = std::chrono::steady_clock::now();
+  if (openFiles_ < kMany || now - counted_ > kManyLast) {
+    std::error_code ignored;
+    const std::filesystem::directory_iterator files("/proc/self/fd", ignored);
+    openFiles_ = static_cast<std::size_t>(std::distance(files, {}));
+    connections_ = ConnectionsTo(UGSDefs::kPort);
+    counted_ = now;
+  }
   ProcessFacts facts;
   std::array<char, 256> host{};
   if (gethostname(host.data(), host.size() - 1) == 0) facts.host = host.data();
-  std::error_code ignored;
-  const std::filesystem::directory_iterator files("/proc/self/fd", ignored);
-  facts.openFiles = static_cast<std::size_t>(std::distance(files, {}));
+  facts.openFiles = openFiles_;
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
   facts.openFilesLimit = limit.rlim_cur;
-  facts.connections = ConnectionsTo(UGSDefs::kPort);
+  facts.connections = connections_;
   const LogState log = CurrentLogState();
   facts.logWritten = log.written;
   facts.logFailed = log.failed;
@@ -337,14 +439,16 @@ ProcessFacts LookUpProcessFacts() {
   return facts;
 }
 
-std::string WriteStatus(const FleetStatus::Snapshot& snapshot, const ProcessFacts& process) {
-  Lines lines;
+std::shared_ptr<const std::string> StatusWriter::Write(const FleetStatus::Snapshot& snapshot,
+                                                       const ProcessFacts& process) {
+  Lines lines(text_->size());
   AddServer(lines, snapshot, process);
   AddTotals(lines, snapshot);
-  AddInstances(lines, snapshot);
+  lines_ = InstanceLines(lines, snapshot, *text_, lines_).Add();
   AddLosses(lines, snapshot);
   AddRefusals(lines, snapshot);
   AddHours(lines, snapshot);
   lines.Add("end", [] {});
-  return lines.Text();
+  text_ = std::make_shared<const std::string>(lines.Text());
+  return text_;
 }

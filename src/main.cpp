@@ -106,7 +106,9 @@ std::unique_ptr<StatusSocket> ShowStatus(const FleetStatus& status, const char* 
                                          const FunctionLog& log) {
   try {
     return std::make_unique<StatusSocket>(
-        path, [&status] { return WriteStatus(status.TakeSnapshot(), LookUpProcessFacts()); });
+        path, [&status, process = ProcessWatch(), writer = StatusWriter()]() mutable {
+          return writer.Write(status.TakeSnapshot(), process.LookUp());
+        });
   } catch (const std::system_error& error) {
     log.Warn("The status cannot be shown: {}", error.what());
     return nullptr;

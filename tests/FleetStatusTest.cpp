@@ -44,7 +44,7 @@ class FleetStatusTest : public testing::Test {
   }
   // How often `text` stands in what the socket would show now.
   [[nodiscard]] std::size_t Shown(const std::string& text) const {
-    const std::string shown = WriteStatus(status.TakeSnapshot(), {});
+    const std::string shown = *StatusWriter().Write(status.TakeSnapshot(), {});
     std::size_t number = 0;
     for (auto at = shown.find(text); at != std::string::npos; at = shown.find(text, at + 1)) ++number;
     return number;
@@ -69,6 +69,7 @@ TEST_F(FleetStatusTest, ItsTotalsAreThoseOfTheLogAtAnyMoment) {
   const auto below = [&](std::uint32_t limit) {
     return static_cast<std::uint32_t>(random() % limit);
   };
+  StatusWriter writer;
   for (int moment = 0; moment < moments; ++moment) {
     clock.now += static_cast<std::int32_t>(below(60) == 0 ? below(100) : below(5));
     if (below(150) == 0) Rebuild();
@@ -82,6 +83,8 @@ TEST_F(FleetStatusTest, ItsTotalsAreThoseOfTheLogAtAnyMoment) {
     EXPECT_EQ(std::ranges::count(shown.instances, shown.generation,
                                  [](const auto& one) { return one->generation; }),
               std::ssize(records->Snapshot()));
+    // What is copied from the text before is what would have been written.
+    EXPECT_EQ(*writer.Write(shown, {}), *StatusWriter().Write(shown, {}));
   }
   EXPECT_GT(Shown("\"reason\":\"silent\""), 10U);
   EXPECT_GT(Shown("\"reason\":\"not_back\""), 5U);
