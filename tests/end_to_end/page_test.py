@@ -1,14 +1,18 @@
 """`ugs page` as browsers and Prometheus ask it, over a status socket that says what a test wants."""
 
 import http.client
+import io
 import json
+import re
 import signal
 import socket
 import subprocess
 
+import make
 import pytest
-from status_test import END, HOSTILE, NOW, SERVER, instance, lines
-from support import SANITIZER, TIMEOUT, UGS, wait_until
+import report
+from status_test import END, HOSTILE, NOW, SERVER, instance, lines, run, steers_a_terminal
+from support import KEY, SANITIZER, TIMEOUT, UGS, wait_until
 
 PORT = 9305
 HEADERS = {
@@ -84,6 +88,37 @@ def test_figures_are_the_servers_whatever_peers_send(serve, page):
     assert status["refusals"][1] | rows[4] == status["refusals"][1] | {"type": "refusal"}
     assert status["hours"] == [{"hour": NOW, "seen": 60, "features": {"Plates": [7, NOW, 2**40]}}]
     assert json.loads(ask("/instances")[1]) == {"time": NOW, "instances": status["instances"]}
+
+
+def test_bytes_that_the_server_stored_steer_nothing(start, peer, tmp_path, page, open_terminal):
+    """Those of an instance that is no UTF-8, with what steers a terminal in it."""
+    path, evil = tmp_path / "status", "\x1b[2J\x9b\x7f\u202eRAW"
+    start(env={"UGS_STATUS": str(path)})
+    peer.meet()
+    root = json.loads(make.report("i" + evil, DockerID="c" + evil, Plates=2))
+    next(member for member in (root, *root.values()) if "CamRtspUrls" in member)["CamRtspUrls"] = ["u" + evil]
+    assert peer.ask(report.seal(json.dumps(root).encode().replace(b"RAW", b"\xff\x9b\xc3"), KEY)) == b"0"
+    shown = evil.replace("RAW", 3 * "\ufffd")
+    forms = ("status",), ("top",), ("instances",), ("instances", "--csv"), ("instances", "--json")
+    outputs = [run(*form, path=path).stdout for form in forms]
+    (told,) = json.loads(outputs[-1])["instances"]
+    assert (told["identity"], told["container"], told["cameras"]) == ("i" + shown, "c" + shown, ["u" + shown])
+    page(path)
+    wait_until(lambda: ask("/status")[0] == 200)
+    asked = "/status", "/instances", "/plain", "/metrics?instances=1"
+    outputs += [ask(name)[1].encode() for name in asked]
+    stream = follow()
+    outputs.append(b"".join(iter(stream.readline, b"event: change\n")))
+    terminal = open_terminal(f"TERM=xterm exec {UGS} top --socket {path}")
+    terminal.logfile_read = io.StringIO()
+    terminal.expect_exact("i\ufffd[2J")
+    terminal.send("\r\x1b[F")
+    terminal.expect_exact("  u\ufffd[2J")
+    terminal.send("q")
+    terminal.expect_exact("\x1b[?1049l")
+    outputs.append(re.sub(r"\x1b\[[?0-9;]*[A-Za-z]", "", terminal.logfile_read.getvalue()).encode())
+    assert not any(steers_a_terminal(output) for output in outputs)
+    assert all(b"[2J" in output for output in outputs[2:])
 
 
 def test_clients_that_never_finish_their_request_hold_nobody_up(tmp_path, page):

@@ -11,6 +11,7 @@ import signal
 import socket
 import subprocess
 import termios
+import time
 
 import pytest
 from support import SANITIZER, TIMEOUT, UGS, wait_until
@@ -208,6 +209,40 @@ def test_top_fits_its_terminal_and_leaves_it_as_it_was(serve, open_terminal, row
     terminal.expect(r"\x1b\[4;1H\x1b\[2K\x1b\[7mhall-07[^\x1b]*")
     assert len(terminal.after.split("\x1b[7m")[1]) == columns
     os.kill(pid, ending) if isinstance(ending, signal.Signals) else terminal.send(ending)
+    terminal.expect_exact("\x1b[?25h\x1b[?1049l")
+    terminal.expect_exact("left")
+    assert termios.tcgetattr(terminal.child_fd) == before
+
+
+def test_top_gives_the_terminal_back_while_it_is_stopped_and_follows_its_size(serve, open_terminal):
+    path = serve(lines(SERVER, *(instance(f"hall-{n:02}", last=NOW - n) for n in range(50)), END))
+    top = f"TERM=xterm {UGS} top --socket {path}"
+    terminal = open_terminal(f"set -m; read go; {top}; echo stopped; read go; fg; echo left; read wait")
+
+    def resize(rows):
+        terminal.setwinsize(rows, 60)
+        return f"\x1b[{rows};1H\x1b[2Kq quit"
+
+    before = termios.tcgetattr(terminal.child_fd)
+    foot = resize(24)
+    terminal.send("go\n")
+    terminal.expect_exact("\x1b[?1049h")
+    terminal.expect_exact(foot)
+    began = time.monotonic()
+    for rows in range(10, 30):
+        terminal.expect_exact(resize(rows))
+    assert time.monotonic() - began < 10  # and not a second each, until the next snapshot
+    terminal.send("\x1a")
+    terminal.expect_exact("\x1b[?25h\x1b[?1049l")
+    terminal.expect_exact("stopped")
+    assert termios.tcgetattr(terminal.child_fd) == before
+    foot = resize(12)
+    terminal.send("go\n")
+    terminal.expect_exact("\x1b[?1049h")
+    terminal.expect_exact(foot)
+    terminal.send("\x1b[B")  # keys come one by one again
+    terminal.expect_exact("\x1b[7mhall-48")
+    terminal.send("q")
     terminal.expect_exact("\x1b[?25h\x1b[?1049l")
     terminal.expect_exact("left")
     assert termios.tcgetattr(terminal.child_fd) == before
