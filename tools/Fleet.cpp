@@ -1,6 +1,5 @@
 #include "Fleet.h"
 
-#include <fstream>
 #include <optional>
 #include <stdexcept>
 
@@ -14,8 +13,8 @@ bool RunFleet(const FleetOptions& options) {
   }
   const double rate = options.rate > 0 ? options.rate : options.instances / options.period;
   if (rate * options.duration < 1) throw std::invalid_argument("no report is due within the duration");
-  std::ofstream csv;
-  if (!options.csv.empty()) csv = OpenCsv(options.csv);  // now: an outcome must not be lost for it
+  std::optional<CsvFile> csv;
+  if (!options.csv.empty()) csv.emplace(options.csv);  // now: an outcome must not be lost for it
   FleetRun run(options, rate);
   // Notes where the log ends now: only what this run adds to it counts.
   const auto log = options.log.empty() ? std::nullopt : std::optional<ServerLog>(options.log);
@@ -26,6 +25,6 @@ bool RunFleet(const FleetOptions& options) {
   } else {
     PrintText(outcome);
   }
-  if (!options.csv.empty()) WriteCsv(record, csv);
+  if (csv) csv->Write(record);
   return outcome.IsGood();
 }

@@ -6,9 +6,11 @@
 
 #include <algorithm>
 #include <chrono>
-#include <fstream>
+#include <filesystem>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
+#include <utility>
 
 #include "ReportLayouts.h"
 #include "UGSDefs.h"
@@ -128,18 +130,29 @@ void PrintJson(const FleetOutcome& outcome) {
   fmt::print("{}\n", buffer.GetString());
 }
 
-std::ofstream OpenCsv(const std::string& name) {
-  std::ofstream file(name);
-  if (!file) throw std::runtime_error("cannot write " + name);
-  return file;
+// What is no file, as a pipe or /dev/stdout, is written as it is: it cannot be replaced.
+CsvFile::CsvFile(std::string name)
+    : name_(std::move(name)),
+      newName_(std::filesystem::exists(name_) && !std::filesystem::is_regular_file(name_) ? name_
+                                                                                          : name_ + ".new"),
+      file_(newName_) {
+  if (!file_) throw std::runtime_error("cannot write " + newName_);
 }
 
-void WriteCsv(const FleetRecord& record, std::ofstream& file) {
-  file << "report,instance,due_s,latency_ms,code\n";
+CsvFile::~CsvFile() {
+  std::error_code ignored;
+  if (newName_ != name_) std::filesystem::remove(newName_, ignored);  // unless it was renamed
+}
+
+void CsvFile::Write(const FleetRecord& record) {
+  file_ << "report,instance,due_s,latency_ms,code\n";
   std::size_t number = 0;
   for (const FleetEntry& report : record.reports) {
-    file << fmt::format("{},{},{:.6f},", number++, report.instance, report.due);
-    file << (report.answer ? fmt::format("{:.3f},{}\n", report.answer->latency, report.answer->code) : ",\n");
+    file_ << fmt::format("{},{},{:.6f},", number++, report.instance, report.due);
+    file_ << (report.answer ? fmt::format("{:.3f},{}\n", report.answer->latency, report.answer->code)
+                            : ",\n");
   }
-  if (!file.flush()) throw std::runtime_error("cannot write the CSV file");
+  file_.close();
+  if (!file_) throw std::runtime_error("cannot write " + newName_);
+  std::filesystem::rename(newName_, name_);
 }

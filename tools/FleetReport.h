@@ -41,6 +41,19 @@ struct FleetOutcome {
 void PrintText(const FleetOutcome& outcome);
 void PrintJson(const FleetOutcome& outcome);
 
-// Both throw std::runtime_error if the file cannot be written.
-[[nodiscard]] std::ofstream OpenCsv(const std::string& name);
-void WriteCsv(const FleetRecord& record, std::ofstream& file);  // one line per report
+// A file with one line per report. One that had the name before stays until the new one is whole.
+class CsvFile {
+ public:
+  // Throws std::runtime_error if the file cannot be written.
+  explicit CsvFile(std::string name);
+  ~CsvFile();
+  CsvFile(const CsvFile&) = delete;
+  CsvFile& operator=(const CsvFile&) = delete;
+
+  void Write(const FleetRecord& record);  // throws as the constructor does
+
+ private:
+  const std::string name_;
+  const std::string newName_;
+  std::ofstream file_;
+};

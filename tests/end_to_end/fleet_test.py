@@ -26,12 +26,15 @@ def test_without_a_server_it_says_so():
 def test_at_ctrl_c_the_outcome_so_far_is_printed(start, peer, tmp_path):
     server = start()
     peer.meet()
+    (tmp_path / "csv").write_text("old")
     fleet = begin_fleet("--json", "--instances", "5", "--rate", "20", "--duration", "600", "--csv", tmp_path / "csv")
     server.wait_for("DETECT NEW REQUEST", times=2)
+    assert (tmp_path / "csv").read_text() == "old"  # until there is something better
     fleet.send_signal(signal.SIGINT)
     outcome = json.loads(fleet.communicate()[0])
     assert 0 < outcome["reports"] < 600 and "log_agrees" not in outcome
     assert len((tmp_path / "csv").read_text().splitlines()) == outcome["reports"] + 1
+    assert not (tmp_path / "csv.new").exists()
 
 
 def test_a_difference_or_a_refusal_is_a_failure(start, peer):
