@@ -14,7 +14,7 @@ import termios
 import time
 
 import pytest
-from support import SANITIZER, TIMEOUT, UGS, wait_until
+from support import ROOT, SANITIZER, TIMEOUT, UGS, wait_until
 
 pytestmark = pytest.mark.skipif(SANITIZER == "thread", reason="these commands have one thread")
 
@@ -92,6 +92,7 @@ def test_status_says_what_is_wrong(serve, code, kinds, objects):
     status = json.loads(result.stdout)
     assert (result.returncode, [problem["kind"] for problem in status["problems"]]) == (code, kinds)
     assert "refused" not in kinds or "Plates is missing" in status["problems"][0]["text"]
+    assert all(f"\n| `{kind}` | " in (ROOT / "docs/status.md").read_text("utf-8") for kind in kinds)
 
 
 def test_many_who_are_refused_leave_the_status_on_one_screen(serve):
