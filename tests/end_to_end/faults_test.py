@@ -130,9 +130,10 @@ def test_flood_beside(start, peer, payload, flooders, milliseconds, mebibytes):
         peak = max(server.memory() for _ in iter(lambda: time.sleep(0.1) or fleet.poll(), 0))
         began = time.monotonic()
         server.end()
+        stop = time.monotonic() - began
     outcome = assert_all_counted(fleet)
-    say(outcome, mebibytes=peak >> 20, stop_s=time.monotonic() - began)
-    assert outcome["p99_ms"] <= milliseconds and peak >> 20 <= mebibytes
+    say(outcome, mebibytes=peak >> 20, stop_s=stop)
+    assert outcome["p99_ms"] <= milliseconds and peak >> 20 <= mebibytes and stop <= 2.5
 
 
 @pytest.mark.parametrize("count, rate, milliseconds", [("12000", "inf", 1000), ("90000", "500", 120_000)])
@@ -176,19 +177,32 @@ def test_garbage(start, peer):
     assert turns <= 2 * connections and refused >= connections / 6 and outcome["p99_ms"] <= 200
 
 
+def cpu_seconds(process):
+    times = process.cpu_times()
+    return times.user + times.system
+
+
 def test_large_payloads(start, context):
-    """Nobody waits longer than their own turn takes."""
+    """Such a turn, for which the others wait, costs little more than Python's reading of the text. The best of five
+    tries: others may use the machine, too."""
     server, attacker, other = start(env=STRICT), Peer(context).meet(), Peer(context).meet()
     members = b"{" + b'"a":1,' * 5_000_000 + b'"z":1}'
     payloads = (sealed_report("large", cameras=["a"] * 5_500_000), base64.b64encode(members))
-    for name, payload in zip(("a report of 39 MB", "an object of 40 MB"), payloads):
-        attacker.send(payload)
-        slowest = 0
-        while not attacker.socket.poll(0):
-            slowest = max(slowest, seconds_to_answer(other))
-        attacker.take()
-        print(f"{name}: another waits {slowest * 1000:.0f} ms at most")
-        assert slowest <= 1
+    for name, payload, bound in zip(("a report of 39 MB", "an object of 40 MB"), payloads, (4, 1.2)):
+        tries = []
+        for _ in range(5):
+            before, slowest = cpu_seconds(psutil.Process(server.pid)), 0
+            attacker.send(payload)
+            while not attacker.socket.poll(0):
+                slowest = max(slowest, seconds_to_answer(other))
+            attacker.take()
+            own = cpu_seconds(psutil.Process(server.pid)) - before
+            before = cpu_seconds(psutil.Process())
+            json.loads(members)
+            tries.append((slowest, own, cpu_seconds(psutil.Process()) - before))
+        slowest, own, python = map(min, zip(*tries))
+        print(f"{name}: another waits {slowest * 1000:.0f} ms at most; {own:.2f} s of CPU, Python {python:.2f} s")
+        assert slowest <= 3 and own <= bound * python
 
 
 def test_bad_frames(start, context):
@@ -205,8 +219,20 @@ def test_bad_frames(start, context):
         while server.log().count("[E] 0x0084 Invalid incoming data") < number:
             slowest = max(slowest, seconds_to_answer(victim))
     print(f"the slowest answer took {slowest * 1000:.0f} ms")
+    assert slowest <= 0.5
     assert not any(peer.socket.poll(100) for peer in (attacker, delimiting, victim))
     assert server.log().count("[E]") == len(bad)
+
+
+def test_message_without_an_end(start):
+    """What has been gathered of it is given back soon after its sender has left."""
+    server = start(env=STRICT)
+    with raw_peer() as connection:
+        connection.sendall(b"\1\0" * 6_000_000)  # empty frames, each with more to come
+        wait_until(lambda: server.memory() > 300e6)
+    began = time.monotonic()
+    wait_until(lambda: server.memory() <= 30 << 20, 70)
+    print(f"given back after {time.monotonic() - began:.0f} s")
 
 
 def test_reply_storm():

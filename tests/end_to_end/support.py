@@ -34,8 +34,8 @@ END_OF_STATUS = "[info] " + 52 * "-" + "\n"
 TIMEOUT = 60
 
 
-def wait_until(condition):
-    deadline = time.monotonic() + TIMEOUT
+def wait_until(condition, seconds=TIMEOUT):
+    deadline = time.monotonic() + seconds
     while not (result := condition()):
         assert time.monotonic() < deadline, "waited in vain"
         time.sleep(0.01)
