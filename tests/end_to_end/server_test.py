@@ -266,13 +266,17 @@ def test_the_soft_limit_of_open_files_is_raised(start):
 @pytest.mark.skipif(not IS_RELEASE, reason="developers may look into their builds")
 def test_neither_a_core_nor_a_debugger_shows_its_memory(start):
     without_powers = ("setpriv", "--bounding-set=-all", "--inh-caps=-all", "--ambient-caps=-all")  # even as root
-    server = start(command=(*without_powers, SERVER))
-    assert resource.prlimit(server.pid, resource.RLIMIT_CORE) == (0, 0)
+    server = start(command=("sh", "-c", f"ulimit -Sc $(ulimit -Hc); {' '.join(without_powers)} {SERVER}; true"))
+    process = child_of(server)
+    assert resource.prlimit(process.pid, resource.RLIMIT_CORE) == (0, 0)
     with subprocess.Popen([*without_powers, "sleep", "60"]) as other:
         wait_until(lambda: psutil.Process(other.pid).name() == "sleep")
-        peeks = [(*without_powers, "head", "-c1", f"/proc/{pid}/auxv") for pid in (other.pid, server.pid)]
+        peeks = [(*without_powers, "head", "-c1", f"/proc/{pid}/auxv") for pid in (other.pid, process.pid)]
         assert [subprocess.run(peek, check=False, capture_output=True).returncode for peek in peeks] == [0, 1]
         other.kill()
+    server.may_say = "Aborted\n"  # and not "Aborted (core dumped)"
+    process.send_signal(signal.SIGABRT)
+    server.wait(TIMEOUT)
 
 
 def test_peers_that_take_every_descriptor_do_not_keep_the_others_from_their_answers(start, peer, context):
