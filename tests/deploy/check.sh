@@ -86,6 +86,36 @@ check "lnav's format" env HOME="$scratch" lnav -i deploy/lnav/korvaneugs.json
 errors() { HOME=$scratch lnav -n -c ";SELECT count(*) AS errors FROM korvaneugs WHERE log_level='error'" "$log"; }
 check "a log in lnav" grep -wF -- "$(grep -c '\]\[E\] ' "$log")" <(errors)
 
+check "strict frames in the service" grep -x "Environment=UGS_FRAMES=strict" "$scratch/root/lib/systemd/system/korvaneugs.service"
+check "strict frames in the container" grep -x "ENV UGS_FRAMES=strict" deploy/Containerfile
+# What is compiled in, in the versions that the compiler sees and in those that a package's list says.
+parts() {
+  g++ -E -P -x c++ - <<'PARTS' | tail -n 5 | awk '{print $1, NF == 2 ? int($2 / 1e4)"."int($2 / 100) % 100"."$2 % 100 : $2"."$3"."$4}' | sort
+#include <CLI/Version.hpp>
+#include <fmt/core.h>
+#include <rapidjson/rapidjson.h>
+#include <spdlog/version.h>
+#include <zmq.hpp>
+CLI11 CLI11_VERSION_MAJOR CLI11_VERSION_MINOR CLI11_VERSION_PATCH
+RapidJSON RAPIDJSON_MAJOR_VERSION RAPIDJSON_MINOR_VERSION RAPIDJSON_PATCH_VERSION
+cppzmq CPPZMQ_VERSION_MAJOR CPPZMQ_VERSION_MINOR CPPZMQ_VERSION_PATCH
+fmt FMT_VERSION
+spdlog SPDLOG_VER_MAJOR SPDLOG_VER_MINOR SPDLOG_VER_PATCH
+PARTS
+}
+listed() {
+  awk '/^PackageName/ {name = $2} /^PackageVersion/ {version = $2} / CONTAINS / {print name, version}' "$1" |
+    sed -E 's/ ([0-9]+:)?([0-9.]+).*/ \2/' | sort
+}
+tells_its_parts() {
+  diff <(parts) <(listed "$1/korvaneugs.spdx") &&
+    diff -i <(parts | cut -d " " -f 1 | sort -f) <(sed -n 's|^Files: src/\(.*\)/\*$|\1|p' "$1/copyright" | sort -f)
+}
+for package in "$packages"/*.deb; do
+  name=$(dpkg-deb -f "$package" Package)
+  check "parts and licences of $name" tells_its_parts "$scratch/root/usr/share/doc/$name"
+done
+
 # Programs that call the C library of the packages, as the page shows them.
 mkdir "$scratch/shown"
 shown java docs/protocol.md >"$scratch/shown/Report.java"
