@@ -192,16 +192,17 @@ void AddServer(std::vector<StatusProblem>& problems, const StatusServer& server)
           " (with SPDLOG_LEVEL=warn it is not)");
 }
 
+// None is longer than a column of a table.
 std::map<std::string, std::string> MakeMeanings() {
   std::map<std::string, std::string> meanings{
-      {"none", "opens to no JSON object: another cipher mode, key size or IV"},
+      {"none", "opens to no JSON: AES mode, key size, IV"},
       {"0x0084", "not one frame, or an empty one"},
-      {"0x316", "no envelope: something else sends to the port"},
+      {"0x316", "no envelope: something else sends here"},
       {"0x00AE03", "the envelope lacks data1"},
       {"0x00AE04", "the envelope lacks data2"},
       {"0x00AE05", "the envelope lacks data3"},
       {"0x00AE06", "sealed with another server's public key"},
-      {"0x476", "no JSON object, or its version member is none"},
+      {"0x476", "no JSON object, or its version is wrong"},
       {"0x442", "no identity, or no camera URL"},
       {"0xE099", std::string(ugs::kInstanceIdMember) + " is missing"},
       {"0xE126", std::string(ugs::kContainerMember) + " is missing"},
