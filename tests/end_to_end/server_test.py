@@ -265,8 +265,10 @@ def test_the_soft_limit_of_open_files_is_raised(start):
 
 @pytest.mark.skipif(not IS_RELEASE, reason="developers may look into their builds")
 def test_neither_a_core_nor_a_debugger_shows_its_memory(start):
-    without_powers = ("setpriv", "--bounding-set=-all", "--inh-caps=-all", "--ambient-caps=-all")  # even as root
-    server = start(command=("sh", "-c", f"ulimit -Sc $(ulimit -Hc); {' '.join(without_powers)} {SERVER}; true"))
+    # Even as root. If this fails, no server stays behind.
+    without_powers = "setpriv --pdeathsig=KILL --bounding-set=-all --inh-caps=-all --ambient-caps=-all".split()
+    command = f"ulimit -Sc $(ulimit -Hc); {' '.join(without_powers)} {SERVER}; true"
+    server = start(command=("sh", "-c", command))
     process = child_of(server)
     assert resource.prlimit(process.pid, resource.RLIMIT_CORE) == (0, 0)
     with subprocess.Popen([*without_powers, "sleep", "60"]) as other:
