@@ -127,7 +127,7 @@ def test_flood_beside(start, peer, payload, flooders, milliseconds, mebibytes):
     peer.meet()
     with neighbours(flooders, b"x" if payload == "one byte" else sealed_report("flooder")):
         fleet = begin_fleet(*HONEST, "20")
-        peak = max(server.memory() for _ in iter(lambda: time.sleep(0.1) or fleet.poll(), 0))
+        peak = max(server.memory() for _ in iter(lambda: time.sleep(0.1) or fleet.poll() is None, False))
         began = time.monotonic()
         server.end()
         stop = time.monotonic() - began
