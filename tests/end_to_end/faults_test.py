@@ -174,7 +174,7 @@ def test_garbage(start, peer):
     outcome = assert_all_counted(fleet)
     turns, refused = (server.log().count(f"[E] {text}") for text in ("Received Invalid Content", "0x0084"))
     say(outcome, connections=connections, turns=turns, refused=refused)
-    assert turns <= 2 * connections and refused >= connections / 6 and outcome["p99_ms"] <= 200
+    assert turns <= 2 * connections and refused >= connections / 6 and outcome["p99_ms"] <= 1000
 
 
 def cpu_seconds(process):
@@ -213,13 +213,14 @@ def test_bad_frames(start, context):
         Peer(context).connect(zmq.REQ),
         Peer(context).connect(name=name),
     )
+    usual = max(seconds_to_answer(victim) for _ in range(100))
     bad = [[b"odd", b"one"], [b"an", b"even", b"one"], [name, seal("{hello}")], [b""], [b""] * 999_999, [b"by REQ"]]
     for number, message in enumerate(bad, 1):
         (delimiting if message == bad[-1] else attacker).socket.send_multipart(message)
         while server.log().count("[E] 0x0084 Invalid incoming data") < number:
             slowest = max(slowest, seconds_to_answer(victim))
-    print(f"the slowest answer took {slowest * 1000:.0f} ms")
-    assert slowest <= 0.5
+    print(f"the slowest answer took {slowest * 1000:.0f} ms, before {usual * 1000:.0f} ms")
+    assert slowest <= usual + 0.5
     assert not any(peer.socket.poll(100) for peer in (attacker, delimiting, victim))
     assert server.log().count("[E]") == len(bad)
 
