@@ -171,6 +171,9 @@ def test_garbage(start, peer):
                 connection.sendall(garbage)
                 time.sleep(0.05)  # closed at once, it would take back what has not been read
             connections += 1
+        with raw_peer() as connection:
+            connection.sendall(b"\2" + (1 << 62).to_bytes(8, "big"))  # the length of a frame that no memory holds
+            assert connection.recv(1) == b""
     outcome = assert_all_counted(fleet)
     turns, refused = (server.log().count(f"[E] {text}") for text in ("Received Invalid Content", "0x0084"))
     say(outcome, connections=connections, turns=turns, refused=refused)
