@@ -86,8 +86,10 @@ check "lnav's format" env HOME="$scratch" lnav -i deploy/lnav/korvaneugs.json
 errors() { HOME=$scratch lnav -n -c ";SELECT count(*) AS errors FROM korvaneugs WHERE log_level='error'" "$log"; }
 check "a log in lnav" grep -wF -- "$(grep -c '\]\[E\] ' "$log")" <(errors)
 
-check "strict frames in the service" grep -x "Environment=UGS_FRAMES=strict" "$scratch/root/lib/systemd/system/korvaneugs.service"
+unit=$scratch/root/usr/lib/systemd/system/korvaneugs.service
+check "strict frames in the service" grep -x "Environment=UGS_FRAMES=strict" "$unit"
 check "strict frames in the container" grep -x "ENV UGS_FRAMES=strict" deploy/Containerfile
+
 # What is compiled in, in the versions that the compiler sees and in those that a package's list says.
 parts() {
   g++ -E -P -x c++ - <<'PARTS' | tail -n 5 | awk '{print $1, NF == 2 ? int($2 / 1e4)"."int($2 / 100) % 100"."$2 % 100 : $2"."$3"."$4}' | sort
