@@ -39,10 +39,12 @@ SLOW_FLEET = ("--json", "--instances", "50", "--period", "30", "--duration", "17
 def neighbours(number, payload, count="inf", rate="inf"):
     command = [sys.executable, ROOT / "bench/neighbour.py", str(number), count, rate, payload.hex()]
     with subprocess.Popen(command, stdout=subprocess.PIPE) as process:
-        assert process.stdout.readline()
-        yield
-        assert process.poll() is None
-        process.kill()
+        try:
+            assert process.stdout.readline()
+            yield
+            assert process.poll() is None
+        finally:
+            process.kill()
 
 
 def seconds_to_answer(peer):
