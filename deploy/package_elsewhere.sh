@@ -10,6 +10,8 @@ can_make_roots || { echo "package: needs root and namespaces for another release
 if [ "$architecture" = amd64 ]; then root_for "$release"; else root_for "$release" "$architecture"; fi
 install -d -m 700 "$root/ugs/keys-to-build-in"
 cp --preserve=mode,timestamps "$keys/public.pem" "$keys/private.scrambled" "$root/ugs/keys-to-build-in/"
-in_root "$root" /ugs/dev package --keys /ugs/keys-to-build-in --arch "$architecture" ${suffix:+--suffix "$suffix"}
+# What it prints names the place where they are here.
+in_root "$root" /ugs/dev package --keys /ugs/keys-to-build-in --arch "$architecture" ${suffix:+--suffix "$suffix"} |
+  sed "s|^build/packages/|$packages/|"
 rm -rf "$packages" "$root/ugs/keys-to-build-in"
 cp -r "$root/ugs/build/packages" "$packages"
