@@ -5,15 +5,34 @@ own_release=$(. /etc/os-release && echo "${VERSION_CODENAME-}")
 # Whether this user may make roots, and networks of their own.
 can_make_roots() { [ "$(id -u)" = 0 ] && unshare --net --mount --pid --fork true 2>/dev/null; }
 
-# bare_root RELEASE: makes build/roots/RELEASE.base, the least that Debian starts with, if it is not there.
+# emulating_arm64 COMMAND...: runs it where the kernel starts arm64 programs under qemu. If this machine does not have
+# that already, then in a user namespace, which may have its own list of such formats (from Linux 6.7 on).
+emulating_arm64() (
+  if arch-test arm64 >/dev/null; then exec "$@"; fi
+  pid=$BASHPID
+  {
+    while [ /proc/$pid/ns/user -ef /proc/self/ns/user ]; do sleep 0.01; done
+    for ids in uid gid; do echo 0 0 4294967295 >/proc/$pid/${ids}_map; done
+  } &
+  exec unshare --user --mount bash -euo pipefail -c '
+    until read -r < /proc/self/gid_map; do sleep 0.01; done
+    mount -t binfmt_misc binfmt_misc /proc/sys/fs/binfmt_misc
+    cat /usr/lib/binfmt.d/qemu-aarch64.conf >/proc/sys/fs/binfmt_misc/register
+    exec "$@"' bash "$@"
+)
+
+# bare_root RELEASE [ARCHITECTURE]: makes `base`, the least that Debian starts with, below build/roots, if it is not
+# there.
 bare_root() {
-  local release=$1 root=build/roots/$1.base part=build/roots/$1.part mirror
+  local release=$1 architecture=${2-} root part mirror
+  base=build/roots/$release${architecture:+.$architecture}.base root=$base part=$base.part
   [ ! -e "$root" ] || return 0
   mirror=$(apt-get indextargets --format '$(SITE) $(RELEASE)' | awk -v own="$own_release" '$2 == own {print $1; exit}')
-  echo "Making a root of $release" >&2
+  echo "Making a root of $release${architecture:+ for $architecture}" >&2
   rm -rf --one-file-system "$part"
   mkdir -p build/roots
-  mmdebstrap --quiet --variant=minbase --include=systemd-sysv "$release" "$part" "deb $mirror $release main"
+  mmdebstrap --quiet --variant=minbase --include=systemd-sysv ${architecture:+--architectures="$architecture"} \
+    "$release" "$part" "deb $mirror $release main"
   rm -f "$part/etc/apt/sources.list"
   cp -r /etc/apt/sources.list* /etc/apt/apt.conf.d "$part/etc/apt/"
   find "$part"/etc/apt/sources.list* -type f -exec sed -i "s/\b$own_release\b/$release/g" {} +
@@ -62,7 +81,7 @@ root_for() {
   bare_root "$release"
   if [ "$(cat "$root/root/packages" 2>/dev/null)" != "$lists" ]; then
     rm -rf --one-file-system "$root"
-    cp -a "build/roots/$release.base" "$root"
+    cp -a "$base" "$root"
     echo "Installing what building needs in $root" >&2
   fi
   checkout_in "$root"

@@ -26,7 +26,7 @@ podman() {
 in_container() { podman exec ugs "$@"; }
 
 bare_root "$release"
-cp -a "build/roots/$release.base" "$scratch/base"
+cp -a "$base" "$scratch/base"
 # Debian's own image has no systemd.
 in_root "$scratch/base" apt-get purge -qq -y --auto-remove systemd-sysv systemd >/dev/null 2>&1 || fail "no base"
 tar -C "$scratch/base" -c . | podman import - "localhost/debian:$release-slim" >/dev/null || fail "no base"

@@ -1,13 +1,18 @@
 #!/usr/bin/env bash
 # Installs, greets, boots, upgrades, removes and purges the packages of directory $2 in a minimal root of the Debian
 # release $1. $3: directory of the same with a higher version. With a release $4, those are for it, and the root is
-# upgraded to it first. Needs root, and in build/node an installation of the npm package.
+# upgraded to it first. Packages for arm64 get a root of arm64, under qemu, which is not booted. Needs root, and in
+# build/node an installation of the npm package.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 . deploy/roots.sh
 . tests/deploy/shown.sh
 release=$1 packages=$2 newer=$3 next=${4-}
-root=$PWD/build/roots/$release.packages
+root=$PWD/build/roots/$release.packages architecture=
+if [ -e "$(echo "$packages"/korvaneugs_*_arm64.deb)" ] && [ "$(dpkg --print-architecture)" != arm64 ]; then
+  [ -n "${emulating-}" ] || { emulating=1 emulating_arm64 tests/deploy/packages.sh "$@"; exit; }
+  root+=-arm64 architecture=arm64
+fi
 documents=$root/usr/share/doc
 
 fail() {
@@ -59,11 +64,14 @@ serve() {
   kill "$server"
   wait "$server" || fail "the server ended with $?"
   [ -s "$root/var/log/korvaneugs/logs/KorvaneUGS.log.txt" ] || fail "no log"
+  grep -q "MaxCameras    : in use: 4" "$root/var/log/korvaneugs/logs/KorvaneUGS.log.txt" || fail "not in the sums"
   grep -q "Error 0x00AE06" "$root/var/log/korvaneugs/logs/KorvaneUGS.log.txt" || fail "another key is not told"
 }
 
 report() {
   local answer
+  answer=$(inside ugs report --id hall-7 --camera rtsp://10.0.0.9/1 --use MaxCameras=4 2>&1) || true
+  [ "$answer" = "0 (counted)" ] || fail "report: $answer"
   reports Python python3 -c "$(shown python "$documents/python3-ugs-client/README.md")"
   # A report for another server's key: told as such, whatever OpenSSL makes of its padding.
   inside sh -c '[ -e /tmp/other ] || ugs keygen --out /tmp/other >/dev/null'
@@ -208,9 +216,9 @@ report_in_languages() {
 
 export root documents
 export -f fail inside shown reports serve report report_in_languages
-bare_root "$release"
+bare_root "$release" $architecture
 rm -rf --one-file-system "$root"
-cp -a "build/roots/$release.base" "$root"
+cp -a "$base" "$root"
 install_from "$packages"
 without_network serve report
 if [ -n "$next" ]; then
@@ -223,16 +231,19 @@ inside sh -c 'systemd-analyze verify --man=no /lib/systemd/system/korvaneugs*.se
 inside sh -c 'systemd-analyze security --offline=true --threshold=15 /lib/systemd/system/korvaneugs*.service' >/dev/null ||
   fail "a unit is more exposed than 1.5"
 [ -L "$root/etc/systemd/system/multi-user.target.wants/korvaneugs.service" ] || fail "the service is not enabled"
-boot
+[ -n "$architecture" ] || boot
 install_from "$newer"
 without_network serve report
-install_languages
-without_network serve report_in_languages
-rm -r "$root/tmp/first"
+if [ -z "$architecture" ]; then
+  install_languages
+  without_network serve report_in_languages
+  rm -r "$root/tmp/first"
+fi
 [ "$(inside stat -c '%a %U %G' /usr/sbin/KorvaneUGS)" = "750 root korvaneugs-key" ] || fail "an upgrade opened the program"
 inside apt-get remove -qq -y korvaneugs >/dev/null 2>&1
 [ -d "$root/var/log/korvaneugs" ] || fail "removing took the logs away"
 inside sh -c 'dpkg --purge korvaneugs korvaneugs-page korvaneugs-tools python3-ugs-client libugs-client-dev libugs-client1' >/dev/null
 left=$(find "$root" -xdev \( -iname '*korvaneugs*' -o -name 'ugs.*' -o -name '*ugs[-_]client*' \) ! -path '*/tmp/packages*' ! -path '*/root/newer*')
 [ -z "$left" ] || fail "left after a purge: $left"
-echo "packages for $release${next:+ and $next}: installed, answered, also in C and JavaScript, confined by systemd, restarted, upgraded, removed and purged"
+[ -n "$architecture" ] || more=", in C and JavaScript too, confined by systemd, restarted"
+echo "packages for $release${next:+ and $next}${architecture:+ on $architecture}: installed, answered${more-}, upgraded, removed and purged"

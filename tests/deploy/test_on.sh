@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Does on the Debian release $1 what a newcomer does, in a root and a network of its own: starts the server, sends the
 # first report of the README, and runs the tests. With --arch arm64: builds for arm64, runs the unit tests and the
-# vectors under qemu, and lets each architecture's instances report to the other's server. With --quick: without
-# debugger's data. With -- COMMAND: runs only that there, in this machine's network. For ./dev test-on.
+# vectors under qemu, lets each architecture's instances report to the other's server, and makes, installs and uses the
+# packages. With --quick: without debugger's data. With -- COMMAND: runs only that there, in this machine's network. For
+# ./dev test-on.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 . deploy/roots.sh
@@ -72,6 +73,7 @@ amd64() {
 }
 
 arm64_too() {
+  ./dev need lintian mmdebstrap qemu-user-static arch-test
   ./dev ugs --help >/dev/null
   cmake --build build/release --target KorvaneUGS ugs-client-static >/dev/null  # whose key pair both have
   mkdir -p build/emulated/ugs
@@ -87,6 +89,10 @@ arm64_too() {
   without_network inside test_arm64
   without_network counted here arm64
   without_network counted arm64 here
+  packages=build/packages-$release-arm64
+  ./dev package --release "$release" --arch arm64
+  lintian --fail-on error "$packages"/*.deb || fail "the packages are not in order"
+  tests/deploy/packages.sh "$release" "$packages" "$packages"
 }
 
 if ! can_make_roots; then
