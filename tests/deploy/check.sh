@@ -3,7 +3,7 @@
 # $1: directory of the packages; $2: directory into which the npm package was installed. For ./dev check-deploy.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
-. tests/deploy/shown.sh
+. tests/deploy/first_program.sh
 packages=$1 node=$(readlink -f "$2") monitoring=$PWD/deploy/monitoring
 scratch=$(mktemp -d)
 trap 'kill $(jobs -p) 2>/dev/null; wait; rm -rf "$scratch"' EXIT
@@ -120,8 +120,8 @@ done
 
 # Programs that call the C library of the packages, as the page shows them.
 mkdir "$scratch/shown"
-shown java docs/protocol.md >"$scratch/shown/Report.java"
-shown go docs/protocol.md >"$scratch/shown/report.go"
+first_program java docs/protocol.md >"$scratch/shown/Report.java"
+first_program go docs/protocol.md >"$scratch/shown/report.go"
 cp docs/vectors/test-public.pem "$scratch/shown/public.pem"
 libraries=$(dirname "$scratch"/root/usr/lib/*/libugs-client.so)
 export LD_LIBRARY_PATH=$libraries PKG_CONFIG_PATH=$libraries/pkgconfig

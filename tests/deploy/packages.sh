@@ -6,7 +6,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 . deploy/roots.sh
-. tests/deploy/shown.sh
+. tests/deploy/first_program.sh
 release=$1 packages=$2 newer=$3 next=${4-}
 root=$PWD/build/roots/$release.packages architecture=
 if [ -e "$(echo "$packages"/korvaneugs_*_arm64.deb)" ] && [ "$(dpkg --print-architecture)" != arm64 ]; then
@@ -49,8 +49,8 @@ install_languages() {
     fail "installing a compiler and Node failed"
   mkdir "$first"
   cp -r build/node/node_modules "$root/usr/share/korvaneugs/public.pem" "$first"
-  shown c "$documents/korvaneugs-tools/protocol.md" >"$first/report.c"
-  shown js "$first/node_modules/ugs-client/README.md" >"$first/report.mjs"
+  first_program c "$documents/korvaneugs-tools/protocol.md" >"$first/report.c"
+  first_program js "$first/node_modules/ugs-client/README.md" >"$first/report.mjs"
 }
 
 # serve COMMAND...: runs the server as its unit does, greets it, and runs the command beside it.
@@ -72,7 +72,7 @@ report() {
   local answer
   answer=$(inside ugs report --id hall-7 --camera rtsp://10.0.0.9/1 --use MaxCameras=4 2>&1) || true
   [ "$answer" = "0 (counted)" ] || fail "report: $answer"
-  reports Python python3 -c "$(shown python "$documents/python3-ugs-client/README.md")"
+  reports Python python3 -c "$(first_program python "$documents/python3-ugs-client/README.md")"
   # A report for another server's key: told as such, whatever OpenSSL makes of its padding.
   inside sh -c '[ -e /tmp/other ] || ugs keygen --out /tmp/other >/dev/null'
   answer=$(inside ugs report --key /tmp/other/public.pem --id other --camera rtsp://10.0.0.9/1 2>&1) || true
@@ -215,7 +215,7 @@ report_in_languages() {
 }
 
 export root documents
-export -f fail inside shown reports serve report report_in_languages
+export -f fail inside first_program reports serve report report_in_languages
 bare_root "$release" $architecture
 rm -rf --one-file-system "$root"
 cp -a "$base" "$root"
