@@ -16,7 +16,7 @@ trap 'rm -rf --one-file-system "$scratch"' EXIT
 
 fail() {
   echo "container for $release: $*" >&2
-  tail -n 5 "$scratch/err" >&2
+  tail -n 5 "$scratch/err" 2>/dev/null >&2 || true
   exit 1
 }
 podman() {
@@ -27,8 +27,8 @@ in_container() { podman exec ugs "$@"; }
 
 bare_root "$release"
 cp -a "$base" "$scratch/base"
-# Debian's own image has no systemd.
-in_root "$scratch/base" apt-get purge -qq -y --auto-remove systemd-sysv systemd >/dev/null 2>&1 || fail "no base"
+# Debian's own image has no systemd, which is essential on 13.
+in_root "$scratch/base" apt-get purge -qq -y --allow-remove-essential --auto-remove systemd-sysv systemd >/dev/null 2>&1 || fail "no base"
 tar -C "$scratch/base" -c . | podman import - "localhost/debian:$release-slim" >/dev/null || fail "no base"
 podman build --layers=false --isolation chroot --pull=never --format docker --build-arg RELEASE="$release" -f deploy/Containerfile \
   -t korvaneugs "$packages" >"$scratch/build.out" || fail "the build failed: $(tail -n 3 "$scratch/build.out")"
