@@ -202,7 +202,7 @@ std::map<std::string, std::string> MakeMeanings() {
       {"0x00AE04", "the envelope lacks data2"},
       {"0x00AE05", "the envelope lacks data3"},
       {"0x00AE06", "sealed with another server's public key"},
-      {"0x476", "no JSON object, or its version is wrong"},
+      {"0x476", "no JSON object, or its version is none"},
       {"0x442", "no identity, or no camera URL"},
       {"0xE099", std::string(ugs::kInstanceIdMember) + " is missing"},
       {"0xE126", std::string(ugs::kContainerMember) + " is missing"},

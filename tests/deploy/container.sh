@@ -16,7 +16,7 @@ trap 'rm -rf --one-file-system "$scratch"' EXIT
 
 fail() {
   echo "container for $release: $*" >&2
-  tail -n 5 "$scratch/err" 2>/dev/null >&2 || true
+  [ ! -e "$scratch/err" ] || tail -n 5 "$scratch/err" >&2
   exit 1
 }
 podman() {
