@@ -131,6 +131,7 @@ def saturated_rate(records, least):
     with running("bench/prefilled-server", str(records)):
         outcome = fleet(200, "--rate", 130, "--duration", 20)
     row(f"replies per second when saturated, {records:,} records", outcome["per_second"], least, "/s", at_least=True)
+    return outcome["per_second"]
 
 
 def work_of_a_turn():
@@ -273,15 +274,17 @@ def a_watched_server(seconds):
     medians = bench_medians("Status(Snapshot|Text)/10000$")
     row("a snapshot of 10,000 instances", medians["StatusText/10000"] / 1000, 50, "ms")
     row("the registry's lock held for it", medians["StatusSnapshot/10000"] / 1000, 2, "ms")
+    # A machine that carries less is watched as near to its limit as one that carries 94/s is at 85/s.
+    rate = min(85, int(0.9 * saturated_rate(10000, 88)))
     p99 = {}
     for name, watchers in (("nobody", contextlib.nullcontext), ("ugs top and three pages", watched)):
         with tempfile.TemporaryDirectory() as directory:
             path = os.path.join(directory, "status")
             with running("KorvaneUGS", UGS_STATUS=path), watchers(*[path] if watchers is watched else []):
-                outcome = fleet(10000, "--rate", 85, "--duration", seconds)
-        what = f"10,000 instances at 85/s for {seconds} s, watched by {name}: "
+                outcome = fleet(10000, "--rate", rate, "--duration", seconds)
+        what = f"10,000 instances at {rate}/s for {seconds} s, watched by {name}: "
         p99[name] = outcome["p99_ms"]
-        row(what + "replies per second", outcome["per_second"], 84.9, "/s", at_least=True)
+        row(what + "replies per second", outcome["per_second"], rate - 0.1, "/s", at_least=True)
         row(what + "p99 latency", outcome["p99_ms"], None if name == "nobody" else p99["nobody"] + 1, "ms")
 
 
