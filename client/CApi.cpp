@@ -6,6 +6,7 @@
 #include <system_error>
 #include <utility>
 
+#include "Mutex.h"
 #include "UgsClient.h"
 #include "ugs_client.h"
 
@@ -39,10 +40,10 @@ namespace {
 struct Shared {
   explicit Shared(ugs::Usage first) : usage(std::move(first)) {}
 
-  std::mutex usageMutex;  // guards `usage`
-  ugs::Usage usage;
-  std::mutex outcomeMutex;  // guards `outcome`
-  ugs::Outcome outcome;     // the newest
+  ugs::Mutex usageMutex;
+  ugs::Usage usage UGS_GUARDED_BY(usageMutex);
+  ugs::Mutex outcomeMutex;
+  ugs::Outcome outcome UGS_GUARDED_BY(outcomeMutex);  // the newest
 };
 
 thread_local ugs::Error threadError;
@@ -147,7 +148,7 @@ int Copy(const ugs::Counters& from, ugs_counters* to) {
 
 ugs::Reporter::Source SourceOf(std::shared_ptr<Shared> shared) {
   return [shared = std::move(shared)] {
-    const std::scoped_lock lock(shared->usageMutex);
+    const ugs::MutexLock lock(shared->usageMutex);
     return shared->usage;
   };
 }
@@ -155,10 +156,10 @@ ugs::Reporter::Source SourceOf(std::shared_ptr<Shared> shared) {
 ugs::Reporter::OutcomeListener ListenerOf(std::shared_ptr<Shared> shared, ugs_listener listener,
                                           void* context) {
   return [shared = std::move(shared), listener, context](const ugs::Outcome& outcome) {
-    {
-      // Not waited for: in the child of a fork it may be held for ever.
-      const std::unique_lock lock(shared->outcomeMutex, std::try_to_lock);
-      if (lock) shared->outcome = outcome;
+    // Not waited for: in the child of a fork it may be held for ever.
+    if (shared->outcomeMutex.TryLock()) {
+      const ugs::MutexLock lock(shared->outcomeMutex, std::adopt_lock);
+      shared->outcome = outcome;
     }
     if (listener == nullptr) return;
     listener(context, outcome.code.value_or(-1), static_cast<ugs_error>(outcome.kind), outcome.text.c_str());
@@ -281,7 +282,7 @@ int ugs_reporter_update(ugs_reporter* reporter, const ugs_usage* usage) {
     static_cast<void>(Handle(reporter, "reporter")->reporter.GetCounters());
     ugs::Usage next = Reportable(usage);
     {
-      const std::scoped_lock lock(reporter->shared->usageMutex);
+      const ugs::MutexLock lock(reporter->shared->usageMutex);
       reporter->shared->usage = std::move(next);
     }
     reporter->reporter.ReportNow();
@@ -292,8 +293,9 @@ int ugs_reporter_update(ugs_reporter* reporter, const ugs_usage* usage) {
 int ugs_reporter_sign_off(ugs_reporter* reporter) {
   return Guarded(-1, [&] {
     const std::optional<int> code = Handle(reporter, "reporter")->reporter.SignOff();
-    const std::scoped_lock lock(reporter->shared->outcomeMutex);
-    const ugs::Outcome& outcome = reporter->shared->outcome;
+    Shared& shared = *reporter->shared;
+    const ugs::MutexLock lock(shared.outcomeMutex);
+    const ugs::Outcome outcome = shared.outcome;
     if (outcome.kind != ErrorKind::None)
       Keep(threadError, outcome.kind, outcome.text.c_str());
     else if (!code)

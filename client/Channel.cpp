@@ -10,6 +10,8 @@
 #include <cstring>
 #include <utility>
 
+#include "UGSDefs.h"
+
 namespace ugs {
 namespace {
 
@@ -123,7 +125,7 @@ void Channel::End(const Outcome& outcome) {
   probe_.reset();
   // What was not answered may be answered late: not on a connection that the next request uses.
   if (!outcome.code) link_.reset();
-  if (outcome.code == 2) destination_.ReadKeyAgain();
+  if (outcome.code == UGSDefs::Failed) destination_.ReadKeyAgain();
 }
 
 void Channel::AddPollItems(std::vector<zmq_pollitem_t>& items) {
@@ -222,7 +224,8 @@ std::optional<Outcome> Channel::TakeReply() {
   if (error != std::errc() || last != end) {
     return Failure(ErrorKind::NoAnswer, "what answers at " + Server() + " is no KorvaneUGS server");
   }
-  if (code == 2) return Outcome{code, ErrorKind::Refused, "refused by " + Server() + "; its log says why"};
+  if (code == UGSDefs::Failed)
+    return Outcome{code, ErrorKind::Refused, "refused by " + Server() + "; its log says why"};
   return Outcome{code, ErrorKind::None, {}};
 }
 

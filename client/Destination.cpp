@@ -28,17 +28,17 @@ void RequireDescriptors() {
 }
 
 void Tally::Connected() {
-  const std::scoped_lock lock(mutex_);
+  const MutexLock lock(mutex_);
   if (std::exchange(wasConnected_, true)) ++counters_.reconnects;
 }
 
 void Tally::Sent() {
-  const std::scoped_lock lock(mutex_);
+  const MutexLock lock(mutex_);
   ++counters_.sent;
 }
 
 void Tally::Ended(const Outcome& outcome, bool wasSent) {
-  const std::scoped_lock lock(mutex_);
+  const MutexLock lock(mutex_);
   if (wasSent && !outcome.code) ++counters_.unanswered;
   if (outcome.code == 2) ++counters_.refused;
   if (outcome.code != 0) return;
@@ -47,7 +47,7 @@ void Tally::Ended(const Outcome& outcome, bool wasSent) {
 }
 
 Counters Tally::Get() const {
-  const std::scoped_lock lock(mutex_);
+  const MutexLock lock(mutex_);
   return counters_;
 }
 

@@ -3,11 +3,11 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <zmq.hpp>
 
+#include "Mutex.h"
 #include "Sealer.h"
 #include "UgsClient.h"
 
@@ -22,9 +22,9 @@ class Tally {
   [[nodiscard]] Counters Get() const;
 
  private:
-  mutable std::mutex mutex_;  // guards the rest
-  Counters counters_;
-  bool wasConnected_ = false;
+  mutable Mutex mutex_;
+  Counters counters_ UGS_GUARDED_BY(mutex_);
+  bool wasConnected_ UGS_GUARDED_BY(mutex_) = false;
 };
 
 // The server that a client or reporter reports to, as it knows it. One thread, but for `tally` and IsForeign.

@@ -20,7 +20,7 @@ constexpr milliseconds kFirstPause = std::chrono::seconds(10);
 constexpr milliseconds kLongestPause = std::chrono::seconds(100);
 
 // One line carries some 80 reports a second. More of them help only when the server's answers are late.
-constexpr std::size_t kMostLines = 32;
+constexpr std::size_t kMaxLines = 32;
 constexpr std::chrono::minutes kIdle(2);
 
 // A child that lives this long after a fork is not about to call exec.
@@ -72,7 +72,7 @@ void ReporterLoop::Start() {
   static const int watching = (WatchForks(), 0);
   static_cast<void>(watching);
   {
-    const std::scoped_lock lock(loopsMutex_);
+    const MutexLock lock(loopsMutex_);
     nextLoop_ = std::exchange(firstLoop_, this);
   }
   const BlockedSignals block;
@@ -80,7 +80,7 @@ void ReporterLoop::Start() {
 }
 
 ReporterLoop::~ReporterLoop() {
-  const std::scoped_lock lock(loopsMutex_);
+  const MutexLock lock(loopsMutex_);
   for (ReporterLoop** link = &firstLoop_; *link != nullptr; link = &(*link)->nextLoop_) {
     if (*link != this) continue;
     *link = nextLoop_;
@@ -136,7 +136,7 @@ Counters ReporterLoop::GetCounters() const {
 void ReporterLoop::Post(std::function<void()> command) {
   destination_.RequireOwnProcess();
   {
-    const std::scoped_lock lock(mutex_);
+    const MutexLock lock(mutex_);
     commands_.push_back(std::move(command));
   }
   wakeup_.Raise();
@@ -229,7 +229,7 @@ void ReporterLoop::ObeyCommands() {
   wakeup_.Clear();  // before the look: what comes after it raises again
   std::vector<std::function<void()>> commands;
   {
-    const std::scoped_lock lock(mutex_);
+    const MutexLock lock(mutex_);
     commands.swap(commands_);
   }
   for (const std::function<void()>& command : commands) command();
@@ -258,13 +258,13 @@ ReporterLoop::Line* ReporterLoop::FreeLine() {
     isConnecting = isConnecting || (channel.IsBusy() && !channel.IsConnected());
   }
   if (isConnecting || idle != nullptr) return isConnecting ? nullptr : idle;
-  if (lines_.size() == kMostLines) return nullptr;
+  if (lines_.size() == kMaxLines) return nullptr;
   return lines_.emplace_back(std::make_unique<Line>(destination_)).get();
 }
 
 void ReporterLoop::Begin(Instance& instance, Line& line) {
   std::string envelope;
-  if (const std::optional<Outcome> problem = Seal(instance, envelope)) return Conclude(instance, *problem);
+  if (const std::optional<Outcome> problem = Seal(instance, envelope)) return Finish(instance, *problem);
   line.instance = &instance;
   line.channel.Begin(std::move(envelope));
   Advance(line);
@@ -305,7 +305,7 @@ void ReporterLoop::Advance(Line& line) {
   const std::optional<Outcome> outcome = line.channel.Advance();
   if (!outcome) return;
   line.idleSince = Clock::now();
-  if (Instance* instance = std::exchange(line.instance, nullptr)) Conclude(*instance, *outcome);
+  if (Instance* instance = std::exchange(line.instance, nullptr)) Finish(*instance, *outcome);
   if (outcome->kind == ErrorKind::NotConnected || outcome->kind == ErrorKind::NoSuchHost) {
     FailWhatIsDue(*outcome);
   }
@@ -317,7 +317,7 @@ void ReporterLoop::FailWhatIsDue(const Outcome& outcome) {
   while (!stop_ && !schedule_.empty() && schedule_.begin()->first <= now) {
     Instance& instance = *schedule_.begin()->second;
     schedule_.erase(schedule_.begin());
-    Conclude(instance, outcome);
+    Finish(instance, outcome);
   }
 }
 
@@ -328,7 +328,7 @@ void ReporterLoop::CloseIdleLines() {
   }
 }
 
-void ReporterLoop::Conclude(Instance& instance, const Outcome& outcome) {
+void ReporterLoop::Finish(Instance& instance, const Outcome& outcome) {
   Tell(instance.name, outcome);
   if (stop_) return;  // by the listener
   const Clock::time_point now = Clock::now();
@@ -366,12 +366,12 @@ void ReporterLoop::Write(const std::string& line) const {
 // A host that becomes a daemon after it made its reporter would be silent for ever: the thread stays behind
 // in the parent. So the child tells its listener, unless it is one that only calls exec.
 void ReporterLoop::WatchForks() {
-  pthread_atfork([] { loopsMutex_.lock(); }, [] { loopsMutex_.unlock(); },
-                 [] {
-                   loopsMutex_.unlock();
-                   for (ReporterLoop* loop = firstLoop_; loop != nullptr; loop = loop->nextLoop_)
-                     loop->TellOfFork();
-                 });
+  pthread_atfork(&BeforeFork, &AfterFork, &AfterForkInChild);
+}
+
+void ReporterLoop::AfterForkInChild() {
+  for (ReporterLoop* loop = firstLoop_; loop != nullptr; loop = loop->nextLoop_) loop->TellOfFork();
+  loopsMutex_.Unlock();
 }
 
 void ReporterLoop::TellOfFork() {

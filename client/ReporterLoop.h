@@ -17,6 +17,7 @@
 
 #include "Channel.h"
 #include "Destination.h"
+#include "Mutex.h"
 #include "UgsClient.h"
 #include "Wakeup.h"
 
@@ -85,7 +86,7 @@ class __attribute__((visibility("hidden"))) ReporterLoop : public std::enable_sh
   // The reason, if there is no envelope to send.
   std::optional<Outcome> Seal(const Instance& instance, std::string& envelope) const;
   void Advance(Line& line);
-  void Conclude(Instance& instance, const Outcome& outcome);
+  void Finish(Instance& instance, const Outcome& outcome);
   void FailWhatIsDue(const Outcome& outcome);
   void Schedule(Instance& instance, Clock::time_point due);
   void ScheduleNow(Instance& instance);
@@ -96,7 +97,11 @@ class __attribute__((visibility("hidden"))) ReporterLoop : public std::enable_sh
   void Write(const std::string& line) const;
   void JoinOrLeave();
 
+  // The handlers of pthread_atfork(3).
   static void WatchForks();
+  static void BeforeFork() UGS_ACQUIRES(loopsMutex_) { loopsMutex_.Lock(); }
+  static void AfterFork() UGS_RELEASES(loopsMutex_) { loopsMutex_.Unlock(); }
+  static void AfterForkInChild() UGS_RELEASES(loopsMutex_);
   void TellOfFork();
 
   const std::chrono::milliseconds period_;
@@ -106,8 +111,8 @@ class __attribute__((visibility("hidden"))) ReporterLoop : public std::enable_sh
   std::atomic<bool> stop_ = false;
   std::atomic<bool> finish_ = false;  // once no instance is left
 
-  std::mutex mutex_;  // guards the next one
-  std::vector<std::function<void()>> commands_;
+  Mutex mutex_;
+  std::vector<std::function<void()>> commands_ UGS_GUARDED_BY(mutex_);
 
   // The thread's. Counters and IsForeign of the destination are everybody's.
   Destination destination_;
@@ -117,11 +122,12 @@ class __attribute__((visibility("hidden"))) ReporterLoop : public std::enable_sh
   std::optional<int> lastCode_;  // the owner's, too, once the thread is joined
   std::minstd_rand random_{std::random_device{}()};
 
-  std::recursive_mutex telling_;  // in a child of a fork: held while it calls the listener
+  // In a child of a fork: held while it calls the listener, which may stop its reporter.
+  std::recursive_mutex telling_;
 
-  static inline std::mutex loopsMutex_;  // guards the next two
-  static inline ReporterLoop* firstLoop_ = nullptr;
-  ReporterLoop* nextLoop_ = nullptr;
+  static inline Mutex loopsMutex_;
+  static inline ReporterLoop* firstLoop_ UGS_GUARDED_BY(loopsMutex_) = nullptr;
+  ReporterLoop* nextLoop_ UGS_GUARDED_BY(loopsMutex_) = nullptr;
 
   std::thread thread_;  // the owner's; or its own, if a listener destroys the owner
 };

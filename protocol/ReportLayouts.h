@@ -8,6 +8,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <span>
 #include <string_view>
 
@@ -21,7 +22,7 @@ inline constexpr const char* kContainerMember = "DockerID";
 inline constexpr const char* kCameraUrlsMember = "CamRtspUrls";
 inline constexpr const char* kCountsMember = "InUse";
 
-inline constexpr std::size_t kNeverPrinted = 0;
+inline constexpr std::size_t kNeverPrinted = std::numeric_limits<std::size_t>::max();
 
 struct CountField {
   const char* key;  // inside "InUse"
@@ -110,7 +111,8 @@ static_assert(EveryCountHasOneRow(), "a member of UsageCounts has no row, or two
 inline constexpr auto kPrintedCounts = [] {
   std::array<CountField, detail::PrintedCounts()> fields{};
   detail::ForEachCount([&](const CountField& field) {
-    if (field.line != kNeverPrinted) fields.at(field.line - 1) = field;  // out of range: does not compile
+    if (field.line != kNeverPrinted)
+      fields.at(field.line - 1) = field;  // one without a line does not compile
   });
   return fields;
 }();

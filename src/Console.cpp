@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr std::chrono::milliseconds kPatience(50);
+constexpr std::chrono::milliseconds kTimeout(50);
 
 // True if a write may do something, if only fail; at once if `deadline` is past.
 bool AwaitRoom(std::chrono::steady_clock::time_point deadline) {
@@ -44,9 +44,9 @@ Console::~Console() {
 }
 
 void Console::Write(std::string_view text) {
-  const MutexLock lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   const bool stuck = lost_ > 0 || !rest_.empty();
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  const auto deadline = std::chrono::steady_clock::now() + kTimeout;
   if (stuck ? CatchUp() && Put(text, {}) : Put(text, deadline)) return;
   ++lost_;
 }

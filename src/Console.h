@@ -33,7 +33,7 @@ class Console {
   long WriteSome(std::string_view text) UGS_REQUIRES(mutex_);
   long WriteToTerminal(std::string_view text) UGS_REQUIRES(mutex_);
 
-  Mutex mutex_;
+  ugs::Mutex mutex_;
   std::string rest_ UGS_GUARDED_BY(mutex_);        // of a text that the console took in part
   std::uint64_t lost_ UGS_GUARDED_BY(mutex_) = 0;  // texts since the console last took one
   int terminal_ UGS_GUARDED_BY(mutex_) = -1;       // standard output opened anew, once it was a terminal

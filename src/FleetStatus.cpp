@@ -9,23 +9,19 @@
 #include <cstdlib>
 
 #include "Logging.h"
+#include "StatusRules.h"
 #include "UsageRecords.h"
 
 namespace {
 
 constexpr std::size_t kShownBytes = 512;  // of a string of a peer's; it may have sent a megabyte
 constexpr std::size_t kShownCameras = 256;
-constexpr std::size_t kLosses = 1000;  // a site's outage loses hundreds in one second
 constexpr std::size_t kAddresses = 256;
 constexpr std::size_t kHours = 48;
 constexpr std::int64_t kSecondsPerHour = 3600;
-constexpr std::int64_t kExpiry = 120;  // seconds, as in the registry
 
-// Turns come every 10 ms. After a longer gap the machine was asleep or its clock was set: nothing was seen.
+// A tick comes every 10 ms. After a longer gap the machine was asleep or its clock was set: nothing was seen.
 constexpr std::int64_t kLongestStep = 10;
-
-// Above it a count is a negative number in disguise.
-constexpr std::uint32_t kLargestCount = 1U << 31U;
 
 std::int64_t Now() {
   return clockFunction();
@@ -96,20 +92,20 @@ FleetStatus::FleetStatus() {
 
 void FleetStatus::BeginRequest(std::string address) {
   ForgetLastError();
-  const MutexLock lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   request_ = Request();
   request_.address = std::move(address);
 }
 
 void FleetStatus::ReadDocument(const char* layout, std::string_view identity) {
-  const MutexLock lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   request_.layout = layout;
   request_.identity = Cut(identity);
 }
 
 void FleetStatus::EndRequest(std::int32_t reply) {
   const std::int64_t now = Now();
-  const MutexLock lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   if (reply == UGSDefs::Failed) {
     Refuse(request_.address, ErrorCodeIn(LastError()), request_.identity, now);
   } else if (reply == UGSDefs::Hello) {
@@ -119,7 +115,7 @@ void FleetStatus::EndRequest(std::int32_t reply) {
 
 void FleetStatus::RefuseMalformed(const std::string& address) {
   const std::int64_t now = Now();
-  const MutexLock lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   Refuse(address, ErrorCodeIn(LastError()), {}, now);
 }
 
@@ -141,7 +137,7 @@ void FleetStatus::Refuse(std::string address, const std::string& code, const std
 
 void FleetStatus::Stored(const std::string& key, const UGSRequest::RequestData& request) {
   const std::int64_t now = request.timeStamp;
-  const MutexLock lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   auto next = std::make_shared<Instance>();
   next->address = request_.address;
   next->layout = request_.layout;
@@ -153,6 +149,7 @@ void FleetStatus::Stored(const std::string& key, const UGSRequest::RequestData& 
   if (row == nullptr) {
     next->who = MakeWho(key, request);
     ChangeUse(nullptr, &next->counts, now);
+    cameras_ += next->who->allCameras;
     next->seenBefore = seen_;
     const auto loss = std::ranges::find(
         losses_, key, [](const Loss& one) -> const std::string& { return one.instance->who->key; });
@@ -183,7 +180,7 @@ void FleetStatus::Stored(const std::string& key, const UGSRequest::RequestData& 
 
 void FleetStatus::Erased(const std::string& key) {
   const std::int64_t now = Now();
-  const MutexLock lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   const auto row = rows_.find(key);
   if (row != rows_.end()) Lose(row, LossReason::Silent, now);
 }
@@ -195,6 +192,7 @@ void FleetStatus::Lose(Rows::iterator row, LossReason reason, std::int64_t now) 
     --notBack_;
   }
   ChangeUse(&row->second->counts, nullptr, now);
+  cameras_ -= row->second->who->allCameras;
   ++(reason == LossReason::Silent ? server_.silent : server_.neverBack);
   if (row->second->HasSignedOff()) {
     reason = LossReason::SignedOff;
@@ -202,15 +200,15 @@ void FleetStatus::Lose(Rows::iterator row, LossReason reason, std::int64_t now) 
   }
   losses_.push_front(
       {.instance = WithoutCameras(*row->second), .lost = now, .seen = seen_, .reason = reason});
-  if (losses_.size() > kLosses) losses_.pop_back();
+  if (losses_.size() > ugs::kLossesKept) losses_.pop_back();
   rows_.erase(row);
 }
 
-void FleetStatus::EndTurn(const Turn& turn) {
+void FleetStatus::EndTick(const Tick& tick) {
   const std::int64_t now = Now();
-  const MutexLock lock(mutex_);
-  server_.turn = turn;
-  server_.queuePeak = std::max(server_.queuePeak, turn.queue);
+  const ugs::MutexLock lock(mutex_);
+  server_.tick = tick;
+  server_.queuePeak = std::max(server_.queuePeak, tick.queue);
   if (now == advancedTo_) return;
   AdvanceTo(now);
   if (notBack_ > 0) LoseThoseNotBack(now);
@@ -221,7 +219,7 @@ void FleetStatus::LoseThoseNotBack(std::int64_t now) {
   for (auto row = rows_.begin(); row != rows_.end();) {
     const auto next = std::next(row);
     const Instance& instance = *row->second;
-    if (instance.generation != generation_ && std::abs(now - instance.last) > kExpiry) {
+    if (instance.generation != generation_ && std::abs(now - instance.last) > UsageRecords::kExpiryTimeout) {
       Lose(row, LossReason::NotBack, now);
     }
     row = next;
@@ -230,53 +228,62 @@ void FleetStatus::LoseThoseNotBack(std::int64_t now) {
 
 void FleetStatus::Rebuilt() {
   const std::int64_t now = Now();
-  const MutexLock lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   ++generation_;
   notBack_ = rows_.size();
   totals_ = {};
   server_.rebuilt = now;
-  server_.repliesLostBefore += server_.turn.repliesLost;
-  server_.turn = {};
+  server_.repliesLostBefore += server_.tick.repliesLost;
+  server_.tick = {};
 }
 
 // What the fleet uses becomes other than it was: `before` leaves it and `after` joins it. Each may be null.
 void FleetStatus::ChangeUse(const ugs::UsageCounts* before, const ugs::UsageCounts* after, std::int64_t now) {
   AdvanceTo(now);
+  Hour& hour = HourOf(now);
   const ugs::CountSlots none{};
   const auto leaving = before != nullptr ? std::bit_cast<ugs::CountSlots>(*before) : none;
   const auto joining = after != nullptr ? std::bit_cast<ugs::CountSlots>(*after) : none;
   for (std::size_t slot = 0; slot < inUse_.size(); ++slot) {
-    if (leaving[slot] < kLargestCount) inUse_[slot] -= leaving[slot];
-    if (joining[slot] < kLargestCount) inUse_[slot] += joining[slot];
-    Use& use = hours_.front().uses[slot];
+    if (leaving[slot] < ugs::kNegativeFrom) inUse_[slot] -= leaving[slot];
+    if (joining[slot] < ugs::kNegativeFrom) inUse_[slot] += joining[slot];
+    Use& use = hour.uses[slot];
     if (inUse_[slot] > use.peak) use = {inUse_[slot], now, use.unitSeconds};
   }
 }
 
-// Adds what was in use since the last call to its hours. Afterwards the first hour is that of `now`.
+// Adds what was in use since the last call to its hours. Afterwards that of `now` is one of them.
 void FleetStatus::AdvanceTo(std::int64_t now) {
   const bool seen = now > advancedTo_ && now - advancedTo_ <= kLongestStep;
   std::int64_t from = seen ? advancedTo_ : now;
   advancedTo_ = now;
   seen_ += static_cast<std::uint64_t>(now - from);
   for (;;) {
-    const std::int64_t hour = from - from % kSecondsPerHour;
-    if (hours_.empty() || hours_.front().start != hour) {
-      hours_.push_front({.start = hour});
-      for (std::size_t slot = 0; slot < inUse_.size(); ++slot) {
-        hours_.front().uses[slot] = {inUse_[slot], from, 0};
-      }
-      if (hours_.size() > kHours) hours_.pop_back();
-    }
-    const std::int64_t end = std::min(now, hour + kSecondsPerHour);
+    Hour& hour = HourOf(from);
+    const std::int64_t next = hour.start + kSecondsPerHour;
+    const std::int64_t end = std::min(now, next);
     const auto step = static_cast<std::uint64_t>(end - from);
-    hours_.front().seen += end - from;
+    hour.seen += end - from;
     for (std::size_t slot = 0; slot < inUse_.size(); ++slot) {
-      hours_.front().uses[slot].unitSeconds += inUse_[slot] * step;
+      Use& use = hour.uses[slot];
+      if (inUse_[slot] > use.peak) use = {inUse_[slot], from, use.unitSeconds};
+      use.unitSeconds += inUse_[slot] * step;
     }
-    if (end == now && now != hour + kSecondsPerHour) return;
+    if (end == now && now != next) return;
     from = end;
   }
+}
+
+// The hour of `time`, which may be an earlier one if the clock was set back.
+FleetStatus::Hour& FleetStatus::HourOf(std::int64_t time) {
+  const std::int64_t start = time - time % kSecondsPerHour;
+  auto hour = std::ranges::find_if(hours_, [&](const Hour& one) { return one.start <= start; });
+  if (hour == hours_.end() || hour->start != start) hour = hours_.insert(hour, {.start = start});
+  Hour& found = *hour;
+  if (hours_.size() > kHours) {
+    &found == &hours_.back() ? hours_.pop_front() : hours_.pop_back();
+  }
+  return found;
 }
 
 double FleetStatus::ReportsPerSecond(std::int64_t now) const {
@@ -290,7 +297,7 @@ double FleetStatus::ReportsPerSecond(std::int64_t now) const {
 
 FleetStatus::Snapshot FleetStatus::TakeSnapshot() const {
   Snapshot snapshot;
-  const MutexLock lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   snapshot.time = Now();
   snapshot.generation = generation_;
   snapshot.seen = seen_;
@@ -306,8 +313,6 @@ FleetStatus::Snapshot FleetStatus::TakeSnapshot() const {
 }
 
 FleetStatus::Summary FleetStatus::TakeSummary() const {
-  const MutexLock lock(mutex_);
-  // maxCameras is the first of the counts.
-  return {
-      .instances = rows_.size(), .cameras = inUse_.front(), .lastReport = server_.lastReport, .time = Now()};
+  const ugs::MutexLock lock(mutex_);
+  return {.instances = rows_.size(), .cameras = cameras_, .lastReport = server_.lastReport, .time = Now()};
 }

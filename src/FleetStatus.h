@@ -80,8 +80,8 @@ class FleetStatus {
     std::array<Use, ugs::CountSlots().size()> uses{};
   };
 
-  // What the intake knows at the end of a turn.
-  struct Turn {
+  // What the intake knows at the end of a tick.
+  struct Tick {
     std::size_t queue = 0;
     std::uint64_t repliesLost = 0;  // since the last rebuild
     bool serving = false;
@@ -100,7 +100,7 @@ class FleetStatus {
     double reportsPerSecond = 0;
     std::size_t queuePeak = 0;
     std::uint64_t repliesLostBefore = 0;  // before the last rebuild
-    Turn turn;
+    Tick tick;
   };
 
   // A consistent picture. Making it copies pointers only, so the lock is held for a millisecond at 10,000
@@ -135,7 +135,7 @@ class FleetStatus {
   void BeginRequest(std::string address) UGS_EXCLUDES(mutex_);
   void ReadDocument(const char* layout, std::string_view identity) UGS_EXCLUDES(mutex_);
   void EndRequest(std::int32_t reply) UGS_EXCLUDES(mutex_);
-  void EndTurn(const Turn& turn) UGS_EXCLUDES(mutex_);
+  void EndTick(const Tick& tick) UGS_EXCLUDES(mutex_);
 
   // The transport's thread: `address` sent what is no request.
   void RefuseMalformed(const std::string& address) UGS_EXCLUDES(mutex_);
@@ -163,9 +163,10 @@ class FleetStatus {
   void ChangeUse(const ugs::UsageCounts* before, const ugs::UsageCounts* after, std::int64_t now)
       UGS_REQUIRES(mutex_);
   void AdvanceTo(std::int64_t now) UGS_REQUIRES(mutex_);
+  Hour& HourOf(std::int64_t time) UGS_REQUIRES(mutex_);
   [[nodiscard]] double ReportsPerSecond(std::int64_t now) const UGS_REQUIRES(mutex_);
 
-  mutable Mutex mutex_;
+  mutable ugs::Mutex mutex_;
   Request request_ UGS_GUARDED_BY(mutex_);
   Server server_ UGS_GUARDED_BY(mutex_);
   Rows rows_ UGS_GUARDED_BY(mutex_);
@@ -176,8 +177,9 @@ class FleetStatus {
   std::map<AddressAndCode, Refusal> refusals_ UGS_GUARDED_BY(mutex_);
   std::map<std::string, int, std::less<>> refusedAddresses_ UGS_GUARDED_BY(mutex_);
 
-  Totals inUse_ UGS_GUARDED_BY(mutex_){};  // of all rows
-  std::deque<Hour> hours_ UGS_GUARDED_BY(mutex_);
+  Totals inUse_ UGS_GUARDED_BY(mutex_){};             // of all rows
+  std::uint64_t cameras_ UGS_GUARDED_BY(mutex_) = 0;  // of all rows: the URLs
+  std::deque<Hour> hours_ UGS_GUARDED_BY(mutex_);     // newest first
   std::int64_t advancedTo_ UGS_GUARDED_BY(mutex_) = 0;
   std::uint64_t seen_ UGS_GUARDED_BY(mutex_) = 0;
   struct Second {

@@ -21,7 +21,7 @@ constexpr std::chrono::milliseconds kTick(10);  // one request at most in each
 // What peers have sent may leave megabytes behind that the C library would keep: a message of which the last
 // frame never came, for one, is gathered outside of the queue. So it is asked to give them back, about once a
 // minute.
-constexpr std::uint64_t kTurnsBetweenTrims = 5000;
+constexpr std::uint64_t kTicksBetweenTrims = 5000;
 
 }  // namespace
 
@@ -41,7 +41,7 @@ KorvaneControllerServer::~KorvaneControllerServer() {
     // The callback puts requests into the queue under this mutex: none is half put in when it is removed. The
     // worker may have copied it before and call it once more, which is why the queue outlives the
     // communicator.
-    const MutexLock lock(queueMutex_);
+    const ugs::MutexLock lock(queueMutex_);
     communicator_->SetRequestCallback({});
   }
   StopLoop();
@@ -63,7 +63,7 @@ void KorvaneControllerServer::Start() {
     communicator_->SetRequestCallback(
         [this, &communicator = *communicator_](std::string identity, std::string payload) {
           std::string address = status_ != nullptr ? communicator.RequestAddress() : std::string();
-          const MutexLock lock(queueMutex_);
+          const ugs::MutexLock lock(queueMutex_);
           queue_.push({std::move(identity), std::move(payload), std::move(address)});
           HoldRequestsIfFull(communicator);
         });
@@ -83,7 +83,7 @@ void KorvaneControllerServer::ProcessLoop() {
     std::this_thread::sleep_until(DeadlineAfter(kTick));
     records_.CheckTimeStamp();
     if (auto request = TakeRequest()) Answer(std::move(*request));
-    EndTurn();
+    EndTick();
   } while (runState_ == 1);
 }
 
@@ -94,20 +94,20 @@ void KorvaneControllerServer::Answer(Request request) {
   if (status_ != nullptr) status_->EndRequest(reply);
 }
 
-void KorvaneControllerServer::EndTurn() {
-  if (++turns_ % kTurnsBetweenTrims == 0) malloc_trim(0);
+void KorvaneControllerServer::EndTick() {
+  if (++ticks_ % kTicksBetweenTrims == 0) malloc_trim(0);
   if (status_ == nullptr || communicator_ == nullptr) return;
   std::size_t queued = 0;
   {
-    const MutexLock lock(queueMutex_);
+    const ugs::MutexLock lock(queueMutex_);
     queued = queue_.size();
   }
-  status_->EndTurn(
+  status_->EndTick(
       {.queue = queued, .repliesLost = communicator_->RepliesLost(), .serving = communicator_->IsServing()});
 }
 
 std::optional<KorvaneControllerServer::Request> KorvaneControllerServer::TakeRequest() {
-  const MutexLock lock(queueMutex_);
+  const ugs::MutexLock lock(queueMutex_);
   if (queue_.empty()) return std::nullopt;
   Request request = std::move(queue_.front());
   queue_.pop();

@@ -44,10 +44,10 @@ class KorvaneControllerServer {
 
   UsageRecords& Records() { return records_; }
 
-  // Any thread. Whether the port is open, and how many turns the intake has made: a number that no longer
+  // Any thread. Whether the port is open, and how many ticks the intake has made: a number that no longer
   // grows is that of an intake that hangs.
   [[nodiscard]] bool IsServing() const { return communicator_ != nullptr && communicator_->IsServing(); }
-  [[nodiscard]] std::uint64_t Turns() const { return turns_; }
+  [[nodiscard]] std::uint64_t Ticks() const { return ticks_; }
 
   // Intake thread, or a caller of a server that was not started.
 
@@ -69,7 +69,7 @@ class KorvaneControllerServer {
   void ProcessLoop();
   std::optional<Request> TakeRequest() UGS_EXCLUDES(queueMutex_);
   void Answer(Request request);
-  void EndTurn();
+  void EndTick();
   void HoldRequestsIfFull(KorvaneUGSCommunicator& communicator) UGS_REQUIRES(queueMutex_);
   UGSDefs::ReplyCode ProcessDocument(std::string_view text);
 
@@ -80,13 +80,13 @@ class KorvaneControllerServer {
 
   UsageRecords records_;
 
-  Mutex queueMutex_;
+  ugs::Mutex queueMutex_;
   std::queue<Request> queue_ UGS_GUARDED_BY(queueMutex_);
 
   // After the queue, which its worker may touch until it is joined.
   std::unique_ptr<KorvaneUGSCommunicator> communicator_;
 
-  std::atomic<std::uint64_t> turns_ = 0;
+  std::atomic<std::uint64_t> ticks_ = 0;
   std::atomic<int> runState_ = 0;  // the loop runs while this is 1
   std::thread loop_;
 };

@@ -35,7 +35,7 @@ class KorvaneUGSCommunicator {
 
   // Any thread. An empty callback makes the transport drop requests.
   void SetRequestCallback(RequestCallback callback) UGS_EXCLUDES(callbackMutex_) {
-    const MutexLock lock(callbackMutex_);
+    const ugs::MutexLock lock(callbackMutex_);
     requestCallback.swap(callback);
   }
 
@@ -66,7 +66,7 @@ class KorvaneUGSCommunicator {
  protected:
   [[nodiscard]] bool RequestsAreHeld() const { return held_; }
   [[nodiscard]] RequestCallback CopyRequestCallback() UGS_EXCLUDES(callbackMutex_) {
-    const MutexLock lock(callbackMutex_);
+    const ugs::MutexLock lock(callbackMutex_);
     return requestCallback;
   }
   void SetServing(bool serving) { serving_ = serving; }
@@ -80,5 +80,5 @@ class KorvaneUGSCommunicator {
   std::atomic<bool> held_ = false;
   std::atomic<bool> serving_ = false;
   std::atomic<std::uint64_t> repliesLost_ = 0;
-  Mutex callbackMutex_;  // held only to copy or assign the callback, never while it runs
+  ugs::Mutex callbackMutex_;  // held only to copy or assign the callback, never while it runs
 };

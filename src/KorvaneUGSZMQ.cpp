@@ -161,7 +161,7 @@ void KorvaneUGSZMQ::WaitingThreadWorker(std::uint32_t port) {
 // From here on Reply takes the worker to be serving. Only after the channel is bound: a Reply never connects
 // to an endpoint that is not there yet.
 void KorvaneUGSZMQ::Publish(Sockets& sockets) {
-  const MutexLock lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   replySocket_.reset();
   reservedReplySocket_ = std::move(sockets.reservedReply);
   context_ = sockets.context;
@@ -172,7 +172,7 @@ void KorvaneUGSZMQ::Withdraw() {
   static constexpr FunctionLog log("KorvaneUGSZMQ::WaitingThreadWorker");
   std::shared_ptr<zmq::socket_t> replySocket;
   {
-    const MutexLock lock(mutex_);
+    const ugs::MutexLock lock(mutex_);
     context_.reset();
     replySocket = std::move(replySocket_);
     reservedReplySocket_.reset();
@@ -249,7 +249,7 @@ void KorvaneUGSZMQ::ForwardReply(zmq::socket_t& router, zmq::socket_t& forwardin
 
 void KorvaneUGSZMQ::Reply(std::string identity, std::string reply) {
   static constexpr FunctionLog log("KorvaneUGSZMQ::Reply");
-  const MutexLock lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   if (context_ == nullptr) {
     if (replySocket_ != nullptr) {  // left by a worker that ended without withdrawing it
       log.Info("Closing up Reply channel");

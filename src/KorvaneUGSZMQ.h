@@ -30,7 +30,7 @@ enum class RequestFrames {
 class KorvaneUGSZMQ : public KorvaneUGSCommunicator {
  public:
   explicit KorvaneUGSZMQ(RequestFrames frames = RequestFrames::Pairs) : frames_(frames) {}
-  ~KorvaneUGSZMQ() override;  // blocks for up to 1.2 s while serving
+  ~KorvaneUGSZMQ() override;  // blocks for up to 1.3 s while serving
 
   bool Start() override;
   void Reply(std::string identity, std::string reply) override;
@@ -59,7 +59,7 @@ class KorvaneUGSZMQ : public KorvaneUGSCommunicator {
   const RequestFrames frames_;
   zmq::message_t* request_ = nullptr;  // worker's, while the callback runs: the payload
 
-  Mutex mutex_;  // held by Reply for its whole run
+  ugs::Mutex mutex_;  // held by Reply for its whole run
   // The callers' end of the channel, connected by the first Reply.
   std::shared_ptr<zmq::socket_t> replySocket_ UGS_GUARDED_BY(mutex_);
   // Made at the start, for the first Reply to use; null afterwards.

@@ -13,12 +13,12 @@ constexpr std::chrono::seconds kRetryPeriod(1);
 
 LogFile::LogFile(std::string path, std::size_t maxSize, std::size_t olderFiles, std::string pattern)
     : path_(std::move(path)), maxSize_(maxSize), olderFiles_(olderFiles), pattern_(std::move(pattern)) {
-  const MutexLock lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   Open();
 }
 
 void LogFile::log(const spdlog::details::log_msg& message) {
-  const MutexLock lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   const bool isOpen = UseFile([&]() UGS_REQUIRES(mutex_) {
     file_->log(message);
     written_ = std::chrono::system_clock::to_time_t(message.time);
@@ -27,7 +27,7 @@ void LogFile::log(const spdlog::details::log_msg& message) {
 }
 
 void LogFile::flush() {
-  const MutexLock lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   if (file_ != nullptr && !IsStillAtPath()) file_.reset();
   UseFile([&]() UGS_REQUIRES(mutex_) { file_->flush(); });
 }

@@ -54,7 +54,7 @@ class LogFile final : public spdlog::sinks::sink {
   std::atomic<std::int64_t> failed_ = 0;
   std::atomic<std::uint64_t> failures_ = 0;
 
-  Mutex mutex_;
+  ugs::Mutex mutex_;
   std::unique_ptr<spdlog::sinks::rotating_file_sink_st> file_ UGS_GUARDED_BY(mutex_);  // null after a failure
   Clock::time_point nextTry_ UGS_GUARDED_BY(mutex_);                                   // of opening it again
   // Of the open file.

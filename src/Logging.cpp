@@ -24,16 +24,16 @@ std::shared_ptr<LogFile> logFile;  // set before there are threads
 class ErrorCounts {
  public:
   void Count(const std::string& code) {
-    const MutexLock lock(mutex_);
+    const ugs::MutexLock lock(mutex_);
     ++counts_[code];
   }
   [[nodiscard]] std::map<std::string, std::uint64_t> Get() const {
-    const MutexLock lock(mutex_);
+    const ugs::MutexLock lock(mutex_);
     return counts_;
   }
 
  private:
-  mutable Mutex mutex_;  // a leaf
+  mutable ugs::Mutex mutex_;  // a leaf
   std::map<std::string, std::uint64_t> counts_ UGS_GUARDED_BY(mutex_);
 };
 

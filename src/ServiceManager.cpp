@@ -24,13 +24,14 @@ void ServiceManager::Tell(const KorvaneControllerServer& server,
     Send("READY=1");
   }
   // A rebuild begins the count anew.
-  const std::uint64_t turns = server.Turns();
-  if (turns != turns_) Send("WATCHDOG=1");
-  turns_ = turns;
+  const std::uint64_t ticks = server.Ticks();
+  if (ticks != ticks_) Send("WATCHDOG=1");
+  ticks_ = ticks;
   if (!summary) return;
   if (summary->lastReport == 0) return Send("STATUS=no report yet");
-  Send(fmt::format("STATUS={} instances, {} cameras, last report {} s ago", summary->instances,
-                   summary->cameras, summary->time - summary->lastReport));
+  Send(fmt::format("STATUS={} instance{}, {} camera{}, last report {} s ago", summary->instances,
+                   summary->instances == 1 ? "" : "s", summary->cameras, summary->cameras == 1 ? "" : "s",
+                   summary->time - summary->lastReport));
 }
 
 // A manager that does not listen is not waited for.

@@ -10,7 +10,7 @@
 class KorvaneControllerServer;
 
 // Tells the service manager that started this process how it is, if one did (sd_notify(3)): READY=1 once the
-// port is open, WATCHDOG=1 while the intake turns, and a line for `systemctl status`. Main thread only.
+// port is open, WATCHDOG=1 while the intake ticks, and a line for `systemctl status`. Main thread only.
 class ServiceManager {
  public:
   ServiceManager();
@@ -25,5 +25,5 @@ class ServiceManager {
 
   std::string path_;  // of the manager's datagram socket; empty if there is none
   bool isReady_ = false;
-  std::uint64_t turns_ = 0;  // of the intake, at the last call
+  std::uint64_t ticks_ = 0;  // of the intake, at the last call
 };

@@ -24,7 +24,7 @@ using Clock = std::chrono::steady_clock;
 using Text = StatusSocket::Text;
 
 constexpr std::size_t kReaders = 16;
-constexpr std::chrono::seconds kPatience(2);
+constexpr std::chrono::seconds kTimeout(2);
 constexpr std::chrono::milliseconds kSnapshotAge(500);  // so that many readers cost little more than one
 constexpr std::chrono::seconds kPauseAfterFailure(1);
 
@@ -48,7 +48,7 @@ class Reader {
   FileDescriptor socket_;
   Text rest_;
   std::size_t written_ = 0;
-  Clock::time_point deadline_ = Clock::now() + kPatience;
+  Clock::time_point deadline_ = Clock::now() + kTimeout;
 };
 
 sockaddr_un AddressOf(const std::string& path) {

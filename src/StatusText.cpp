@@ -21,15 +21,13 @@
 #include "KorvaneControllerServer.h"
 #include "Logging.h"
 #include "ReportLayouts.h"
+#include "StatusRules.h"
 
 namespace {
 
 constexpr int kSchema = 1;
 constexpr unsigned kReportsPerSecondLimit = 93;  // measured: docs/performance.md
 constexpr std::int64_t kNewFor = 120;            // seconds
-constexpr std::int64_t kLateGrace = 5;           // seconds beyond two periods
-constexpr double kUnknownPeriod = 60;            // seconds after which one report was the last
-constexpr std::uint32_t kLargestCount = 1U << 31U;
 
 // The key of the count in each slot; null for the spares.
 constexpr auto kKeys = [] {
@@ -83,16 +81,15 @@ class Duplicates {
 
 bool HasHugeCount(const ugs::UsageCounts& counts) {
   return std::ranges::any_of(std::bit_cast<ugs::CountSlots>(counts),
-                             [](std::uint32_t count) { return count >= kLargestCount; });
+                             [](std::uint32_t count) { return count >= ugs::kNegativeFrom; });
 }
 
 const char* StateOf(const FleetStatus::Instance& instance, const FleetStatus::Snapshot& snapshot) {
-  const bool hasPeriod = instance.period > 0;
-  const double due = hasPeriod ? 2 * instance.period + kLateGrace : kUnknownPeriod;
-  const bool isOverdue = static_cast<double>(snapshot.time - instance.last) > due;
+  const bool isOverdue =
+      static_cast<double>(snapshot.time - instance.last) > ugs::OverdueAfter(instance.period);
   if (isOverdue && instance.HasSignedOff()) return "signed_off";
   if (instance.generation != snapshot.generation) return "not_back";
-  return hasPeriod && isOverdue ? "late" : "alive";
+  return instance.period > 0 && isOverdue ? "late" : "alive";
 }
 
 const char* NameOf(FleetStatus::LossReason reason) {
@@ -213,7 +210,7 @@ void AddServer(Lines& lines, const FleetStatus::Snapshot& snapshot, const Proces
     lines.Member("started", server.started);
     lines.Member("rebuilt", server.rebuilt);
     lines.Member("rebuilds", snapshot.generation);
-    lines.Member("serving", server.turn.serving);
+    lines.Member("serving", server.tick.serving);
     lines.Member("reports", server.reports);
     lines.Member("greetings", server.greetings);
     lines.Member("refused", server.refused);
@@ -226,13 +223,13 @@ void AddServer(Lines& lines, const FleetStatus::Snapshot& snapshot, const Proces
     });
     lines.Member("reports_per_second", server.reportsPerSecond);
     lines.Member("reports_per_second_limit", kReportsPerSecondLimit);
-    lines.Member("queue", server.turn.queue);
+    lines.Member("queue", server.tick.queue);
     lines.Member("queue_peak", server.queuePeak);
     lines.Member("queue_limit", KorvaneControllerServer::kQueueRoom);
     lines.Member("connections", process.connections);
     lines.Member("open_files", process.openFiles);
     lines.Member("open_files_limit", process.openFilesLimit);
-    lines.Member("replies_lost", server.repliesLostBefore + server.turn.repliesLost);
+    lines.Member("replies_lost", server.repliesLostBefore + server.tick.repliesLost);
     lines.Member("log_written", process.logWritten);
     lines.Member("log_failed", process.logFailed);
     lines.Member("log_failures", process.logFailures);

@@ -38,7 +38,7 @@ std::int32_t UsageRecords::ApplyRequest(UGSRequest::RequestData& request) {
   // Three steps, each under the lock; nobody but the intake thread changes records, so they fit together.
   request.timeStamp = clockFunction();
   {
-    const MutexLock lock(mutex_);
+    const ugs::MutexLock lock(mutex_);
     PrintRequestDetails(ProspectiveTotals(key, request.counts));
   }
   Store(key, request);
@@ -62,7 +62,7 @@ void UsageRecords::PrintRequestDetails(const ugs::UsageCounts& prospectiveTotals
 }
 
 void UsageRecords::Store(const std::string& key, const UGSRequest::RequestData& request) {
-  const MutexLock lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   const auto place = LowerBound(key);
   if (place != records_.end() && place->key == key) {
     totals_ -= place->request.counts;
@@ -80,7 +80,7 @@ void UsageRecords::CheckTimeStamp() {
 
 bool UsageRecords::EraseExpired() {
   static constexpr FunctionLog log("UsageRecords::CheckTimeStamp");
-  const MutexLock lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   // The clock is read for every record. A time in the future counts by its distance, as one in the past does.
   const auto eraseIfSilent = [this](const Record& record) UGS_REQUIRES(mutex_) {
     const std::int32_t silence = Distance(clockFunction(), record.request.timeStamp);
@@ -95,7 +95,7 @@ bool UsageRecords::EraseExpired() {
 
 void UsageRecords::PrintStatus() const {
   if (!FunctionLog::ShowsInfo()) return;  // summing a large fleet takes longer than the rest of a report
-  const MutexLock lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   // From the records, not the running totals: the report shows what is stored.
   ugs::CountSlots sums{};
   for (const Record& record : records_) sums += record.request.counts;
@@ -103,7 +103,7 @@ void UsageRecords::PrintStatus() const {
 }
 
 UsageRecords::Records UsageRecords::Snapshot() const {
-  const MutexLock lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   return records_;
 }
 
@@ -114,6 +114,6 @@ std::uint64_t UsageRecords::TotalCameras() const {
 }
 
 ugs::UsageCounts UsageRecords::Totals() const {
-  const MutexLock lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   return totals_;
 }

@@ -20,6 +20,9 @@ class FleetStatus;
 // Invariant: the running totals equal the sum of `counts` over all records, modulo 2^32.
 class UsageRecords {
  public:
+  // Seconds of silence after which an instance is forgotten.
+  static constexpr std::int64_t kExpiryTimeout = 120;
+
   // What ApplyRequest answers.
   enum Result : std::int32_t {
     Stored = 1,
@@ -71,9 +74,9 @@ class UsageRecords {
   [[nodiscard]] bool EraseExpired() UGS_EXCLUDES(mutex_);
 
   FleetStatus* const status_;
-  const std::int64_t expiryTimeout_ = 120;  // seconds
+  const std::int64_t expiryTimeout_ = kExpiryTimeout;
 
-  mutable Mutex mutex_;
+  mutable ugs::Mutex mutex_;
   Records records_ UGS_GUARDED_BY(mutex_);
   ugs::UsageCounts totals_ UGS_GUARDED_BY(mutex_);
 };

@@ -18,14 +18,14 @@ void MakeFile(const std::string& path) {
 
 }  // namespace
 
-Database::Database(const std::string& path, Mode mode, std::chrono::milliseconds patience) : path_(path) {
+Database::Database(const std::string& path, Mode mode, std::chrono::milliseconds timeout) : path_(path) {
   if (mode == Mode::Write) MakeFile(path);
   sqlite3* handle = nullptr;
   const int flags = mode == Mode::Write ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY;
   const int result = sqlite3_open_v2(path.c_str(), &handle, flags, nullptr);
   handle_.reset(handle);
   if (result != SQLITE_OK) FailToOpen(mode);
-  sqlite3_busy_timeout(handle, static_cast<int>(patience.count()));
+  sqlite3_busy_timeout(handle, static_cast<int>(timeout.count()));
 }
 
 void Database::FailToOpen(Mode mode) const {

@@ -20,8 +20,8 @@ class Database {
   enum class Mode { Read, Write };
 
   // Throws DatabaseError. With Mode::Write, a file that is not there is made, readable by owner and group.
-  // `patience`: how long to wait for others, of this process or another, that write, or read.
-  Database(const std::string& path, Mode mode, std::chrono::milliseconds patience);
+  // `timeout`: how long to wait for others, of this process or another, that write, or read.
+  Database(const std::string& path, Mode mode, std::chrono::milliseconds timeout);
 
   // Statements without parameters and results. Throws DatabaseError, as all else here.
   void Run(const std::string& statements);

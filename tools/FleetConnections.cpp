@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::uint32_t kConnectBatch = 100;  // what a listener's backlog takes at once
 constexpr rlim_t kOwnDescriptors = 64;        // of this process, beside the connections
-constexpr std::chrono::seconds kReasonPatience(1);
+constexpr std::chrono::seconds kReasonTimeout(1);
 constexpr const char* kMonitorEndpoint = "inproc://events";
 
 std::string Name(std::uint32_t connection) {
@@ -35,7 +35,7 @@ void RaiseOpenFileLimit(std::uint32_t connections) {
 }  // namespace
 
 FleetConnections::FleetConnections(const ugs::Address& address, std::uint32_t count,
-                                   std::chrono::milliseconds patience)
+                                   std::chrono::milliseconds timeout)
     : socket_(context_, zmq::socket_type::router), monitor_(context_, zmq::socket_type::pair) {
   RaiseOpenFileLimit(count);
   socket_.set(zmq::sockopt::linger, 0);
@@ -51,19 +51,19 @@ FleetConnections::FleetConnections(const ugs::Address& address, std::uint32_t co
   for (std::uint32_t i = 0; i < count; ++i) {
     socket_.set(zmq::sockopt::connect_routing_id, Name(i));
     socket_.connect(endpoint);
-    if ((i + 1) % kConnectBatch == 0 || i + 1 == count) AwaitConnected(i + 1, address, patience);
+    if ((i + 1) % kConnectBatch == 0 || i + 1 == count) AwaitConnected(i + 1, address, timeout);
   }
 }
 
 // Batch by batch, or a backlog that overflows would cost seconds of retries.
 void FleetConnections::AwaitConnected(std::uint32_t count, const ugs::Address& address,
-                                      std::chrono::milliseconds patience) {
-  monitor_.set(zmq::sockopt::rcvtimeo, static_cast<int>(patience.count()));
+                                      std::chrono::milliseconds timeout) {
+  monitor_.set(zmq::sockopt::rcvtimeo, static_cast<int>(timeout.count()));
   for (; connected_ < count; ++connected_) {
     zmq::message_t event;
     zmq::message_t source;
     if (!monitor_.recv(event) || !monitor_.recv(source)) {
-      const std::string reason = WhyUnreachable(address, kReasonPatience);
+      const std::string reason = WhyUnreachable(address, kReasonTimeout);
       throw NoServer(fmt::format("only {} of {} connections to {}:{} came about{}{}", connected_, count,
                                  address.host, address.port, reason.empty() ? "" : "; ", reason));
     }

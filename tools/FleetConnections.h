@@ -27,15 +27,15 @@ class FleetConnections {
   };
 
   // Blocks until all `count` connections are made. Throws NoServer if the next one takes longer than
-  // `patience`, std::runtime_error if they need more descriptors than this process may have.
-  FleetConnections(const ugs::Address& address, std::uint32_t count, std::chrono::milliseconds patience);
+  // `timeout`, std::runtime_error if they need more descriptors than this process may have.
+  FleetConnections(const ugs::Address& address, std::uint32_t count, std::chrono::milliseconds timeout);
 
   void Send(std::uint32_t connection, const std::string& payload);
   [[nodiscard]] std::optional<Answer> Receive();  // does not wait
   void WaitForAnswer(Clock::time_point until);
 
  private:
-  void AwaitConnected(std::uint32_t count, const ugs::Address& address, std::chrono::milliseconds patience);
+  void AwaitConnected(std::uint32_t count, const ugs::Address& address, std::chrono::milliseconds timeout);
 
   zmq::context_t context_;
   zmq::socket_t socket_;

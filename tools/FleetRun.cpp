@@ -17,7 +17,7 @@ using Seconds = std::chrono::duration<double>;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
 constexpr auto kProgressPeriod = std::chrono::milliseconds(500);
-constexpr double kLeastPatience = 5;  // seconds, for a server that is busy
+constexpr double kLeastTimeout = 5;  // seconds, for a server that is busy
 constexpr std::uint32_t kMaxCount = 50;
 // A prime: instances of neighbouring seeds share no generator.
 constexpr std::uint64_t kSeedStride = 1'000'003;
@@ -95,7 +95,7 @@ FleetRun::FleetRun(const FleetOptions& options, double reportsPerSecond)
       sealer_(options.key),
       connections_(
           ugs::ParseAddress(options.server), connectionCount_,
-          std::chrono::ceil<std::chrono::milliseconds>(Seconds(std::max(options.drain, kLeastPatience)))),
+          std::chrono::ceil<std::chrono::milliseconds>(Seconds(std::max(options.drain, kLeastTimeout)))),
       inFlight_(connectionCount_) {
   for (std::uint32_t i = 0; i < options.instances; ++i) instances_.emplace_back(options, i);
   record_.connections = connectionCount_;

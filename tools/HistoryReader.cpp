@@ -16,8 +16,8 @@ HistorySpan& DayOfMonth(HistoryMonth& month, std::int64_t time) {
 
 }  // namespace
 
-HistoryReader::HistoryReader(const std::string& path, std::chrono::milliseconds patience)
-    : database_(path, Database::Mode::Read, patience) {
+HistoryReader::HistoryReader(const std::string& path, std::chrono::milliseconds timeout)
+    : database_(path, Database::Mode::Read, timeout) {
   database_.Run("BEGIN");  // one state for all that follows
   CheckHistory(database_);
 }

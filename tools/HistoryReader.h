@@ -42,7 +42,7 @@ struct HistoryInstance {
 class HistoryReader {
  public:
   explicit HistoryReader(const std::string& path,
-                         std::chrono::milliseconds patience = std::chrono::seconds(5));
+                         std::chrono::milliseconds timeout = std::chrono::seconds(5));
 
   // `now` says how much of it has passed; up to a minute of that may not have been written yet.
   HistoryMonth Month(const UtcMonth& month, std::int64_t now);

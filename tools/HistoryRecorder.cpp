@@ -42,7 +42,7 @@ HistoryRecorder::~HistoryRecorder() {
 }
 
 std::string HistoryRecorder::Trouble() const {
-  const std::lock_guard lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   return trouble_;
 }
 
@@ -105,6 +105,6 @@ void HistoryRecorder::Report(const std::string& trouble) {
               << (trouble.empty() ? "the history is written again" : trouble + "; tried again each minute")
               << std::endl;
   }
-  const std::lock_guard lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   trouble_ = trouble;
 }

@@ -6,11 +6,11 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "Mutex.h"
 #include "Status.h"
 #include "Wakeup.h"
 
@@ -52,8 +52,8 @@ class HistoryRecorder {
   const Source newest_;
   std::deque<Waiting> waiting_;  // by run
   Clock::time_point due_ = Clock::now();
-  mutable std::mutex mutex_;
-  std::string trouble_;
+  mutable ugs::Mutex mutex_;
+  std::string trouble_ UGS_GUARDED_BY(mutex_);
   const ugs::Wakeup ending_;
   std::thread thread_;
 };

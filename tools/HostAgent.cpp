@@ -98,7 +98,7 @@ void HostAgent::Report(const std::string& name, File file, const ugs::Usage& usa
   const bool isNew = found == files_.end() || found->second.instance != file.instance;
   if (isNew) {
     SignOff(name);  // what it described before
-    const std::scoped_lock lock(mutex_);
+    const ugs::MutexLock lock(mutex_);
     told_[file.instance].file = name;
   }
   group_.Join(file.instance, [usage] { return usage; });
@@ -111,7 +111,7 @@ void HostAgent::SignOff(const std::string& name) {
   if (found == files_.end()) return;
   group_.SignOff(found->second.instance);
   std::cout << name << ": signed off" << std::endl;
-  const std::scoped_lock lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   told_.erase(found->second.instance);
   files_.erase(found);
 }
@@ -136,7 +136,7 @@ void HostAgent::TakeEvents() {
 
 // On the group's thread. Only what is new, unless more is asked for.
 void HostAgent::Tell(const std::string& instance, const ugs::Outcome& outcome) {
-  const std::scoped_lock lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   const auto found = told_.find(instance);
   if (found == told_.end()) return;  // signed off
   const std::string text = outcome.code == 0 ? "0 (counted)" : outcome.text;

@@ -3,10 +3,10 @@
 #include <chrono>
 #include <filesystem>
 #include <map>
-#include <mutex>
 #include <string>
 
 #include "FileDescriptor.h"
+#include "Mutex.h"
 #include "UgsClient.h"
 
 // Reports for the instances that a directory describes, one JSON file for each, named *.json, and follows
@@ -45,8 +45,8 @@ class HostAgent {
   std::map<std::string, File> files_;  // those that are reported, by name
   bool isStarted_ = false;
 
-  std::mutex mutex_;                  // guards the next one
-  std::map<std::string, Told> told_;  // by instance
+  ugs::Mutex mutex_;
+  std::map<std::string, Told> told_ UGS_GUARDED_BY(mutex_);  // by instance
 
   ugs::ReporterGroup group_;
 };

@@ -16,6 +16,7 @@
 #include "Shown.h"
 #include "StatusChecks.h"
 #include "StatusListings.h"
+#include "StatusRules.h"
 
 namespace {
 
@@ -73,8 +74,6 @@ class MetricsText {
   std::string sample_;
 };
 
-constexpr std::int64_t kLargestCount = std::int64_t{1} << 31;
-
 void AddServer(MetricsText& text, const StatusServer& server, std::int64_t starts) {
   text.Begin("ugs_build_info", "gauge", "1, with the server's version.");
   text.Add(1, {{"version", server.version}});
@@ -125,7 +124,7 @@ void AddUses(MetricsText& text, const StatusSnapshot& snapshot) {
   std::map<std::string, std::int64_t> steady;
   for (const StatusInstance& instance : snapshot.instances) {
     for (const auto& [feature, count] : instance->counts)
-      steady[feature] += count < kLargestCount ? count : 0;
+      steady[feature] += count < std::int64_t{ugs::kNegativeFrom} ? count : 0;
   }
   const std::vector<std::string> features = FeatureNames();
   text.Begin("ugs_in_use", "gauge", "The sum over the instances, as the log's newest status block has it.");

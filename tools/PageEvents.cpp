@@ -40,12 +40,12 @@ std::string News(const View& before, const View& now) {
 void PageEvents::Publish(SharedView view) {
   SharedView before;
   {
-    const std::lock_guard lock(mutex_);
+    const ugs::MutexLock lock(mutex_);
     if (!streams_.empty()) before = view_;
   }
   // Only this thread changes the view, so that it need not be locked while the text is made.
   Text text = before ? std::make_shared<const std::string>(News(*before, *view)) : nullptr;
-  const std::lock_guard lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   view_ = std::move(view);
   Keep(std::move(text));
   for (Stream* stream : streams_) Wake(*stream);
@@ -82,7 +82,7 @@ void PageEvents::Wake(Stream& stream) {
 std::optional<Answer> PageEvents::Open(MHD_Connection* connection) {
   auto stream = std::make_unique<Stream>(Stream{*this, connection, nullptr});
   {
-    const std::lock_guard lock(mutex_);
+    const ugs::MutexLock lock(mutex_);
     if (isEnding_ || !view_ || streams_.size() >= kStreams) return std::nullopt;
     streams_.insert(stream.get());
   }
@@ -91,14 +91,14 @@ std::optional<Answer> PageEvents::Open(MHD_Connection* connection) {
   if (response) {
     static_cast<void>(stream.release());  // the library hands it to Close
   } else {
-    const std::lock_guard lock(mutex_);
+    const ugs::MutexLock lock(mutex_);
     streams_.erase(stream.get());
   }
   return MakeAnswer(MHD_HTTP_OK, "text/event-stream", std::move(response));
 }
 
 void PageEvents::End() {
-  const std::lock_guard lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   isEnding_ = true;
   for (Stream* stream : streams_) Wake(*stream);
 }
@@ -113,12 +113,12 @@ ssize_t PageEvents::Read(void* stream, std::uint64_t /*position*/, char* buffer,
 
 void PageEvents::Close(void* stream) {
   const std::unique_ptr<Stream> ours(static_cast<Stream*>(stream));
-  const std::lock_guard lock(ours->events.mutex_);
+  const ugs::MutexLock lock(ours->events.mutex_);
   ours->events.streams_.erase(ours.get());
 }
 
 ssize_t PageEvents::Take(Stream& stream, char* buffer, std::size_t size) {
-  const std::lock_guard lock(mutex_);
+  const ugs::MutexLock lock(mutex_);
   if (isEnding_ || stream.isDropped) return MHD_CONTENT_READER_END_OF_STREAM;
   if (!stream.text && !Advance(stream)) {
     stream.isWaiting = true;

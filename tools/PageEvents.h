@@ -7,11 +7,11 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
 
+#include "Mutex.h"
 #include "PageAnswer.h"
 #include "PageView.h"
 
@@ -52,22 +52,22 @@ class PageEvents {
   static ssize_t Read(void* stream, std::uint64_t position, char* buffer, std::size_t size);
   static void Close(void* stream);
 
-  ssize_t Take(Stream& stream, char* buffer, std::size_t size);
-  bool Advance(Stream& stream);
-  const Text& Whole();
-  void Keep(Text text);
-  void ForgetOldest();
-  void Wake(Stream& stream);
-  [[nodiscard]] std::uint64_t Following() const { return first_ + recent_.size(); }
+  ssize_t Take(Stream& stream, char* buffer, std::size_t size) UGS_EXCLUDES(mutex_);
+  bool Advance(Stream& stream) UGS_REQUIRES(mutex_);
+  const Text& Whole() UGS_REQUIRES(mutex_);
+  void Keep(Text text) UGS_REQUIRES(mutex_);
+  void ForgetOldest() UGS_REQUIRES(mutex_);
+  void Wake(Stream& stream) UGS_REQUIRES(mutex_);
+  [[nodiscard]] std::uint64_t Following() const UGS_REQUIRES(mutex_) { return first_ + recent_.size(); }
 
   const bool hasHistory_;
-  std::mutex mutex_;  // guards what follows; the library's own are taken while it is held
-  std::set<Stream*> streams_;
-  SharedView view_;
-  std::deque<Text> recent_;
-  std::size_t recentSize_ = 0;  // bytes
-  std::uint64_t first_ = 1;     // number of the oldest that is kept
-  Text whole_;
-  std::uint64_t afterWhole_ = 0;  // number of the first event that it does not hold
-  bool isEnding_ = false;
+  ugs::Mutex mutex_;  // the library's own are taken while it is held
+  std::set<Stream*> streams_ UGS_GUARDED_BY(mutex_);
+  SharedView view_ UGS_GUARDED_BY(mutex_);
+  std::deque<Text> recent_ UGS_GUARDED_BY(mutex_);
+  std::size_t recentSize_ UGS_GUARDED_BY(mutex_) = 0;  // bytes
+  std::uint64_t first_ UGS_GUARDED_BY(mutex_) = 1;     // number of the oldest that is kept
+  Text whole_ UGS_GUARDED_BY(mutex_);
+  std::uint64_t afterWhole_ UGS_GUARDED_BY(mutex_) = 0;  // number of the first event that it does not hold
+  bool isEnding_ UGS_GUARDED_BY(mutex_) = false;
 };

@@ -3,11 +3,11 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
 
+#include "Mutex.h"
 #include "Status.h"
 
 // What is known at one time.
@@ -22,12 +22,12 @@ using SharedView = std::shared_ptr<const View>;
 class Newest {
  public:
   void Set(SharedView view) {
-    const std::lock_guard lock(mutex_);
+    const ugs::MutexLock lock(mutex_);
     view_.swap(view);  // the old one dies outside the lock
   }
 
   [[nodiscard]] SharedView Get() const {
-    const std::lock_guard lock(mutex_);
+    const ugs::MutexLock lock(mutex_);
     return view_;
   }
 
@@ -39,6 +39,7 @@ class Newest {
   }
 
  private:
-  mutable std::mutex mutex_;
-  SharedView view_ = std::make_shared<const View>(View{std::nullopt, "the server was not asked yet", 0});
+  mutable ugs::Mutex mutex_;
+  SharedView view_ UGS_GUARDED_BY(mutex_) = std::make_shared<const View>(View{
+      std::nullopt, "the server was not asked yet", 0});
 };

@@ -28,7 +28,7 @@ void PageWatcher::RunUntil(const FileDescriptor& signals) {
 
 // Until the next question, or until the wait for this answer is given up.
 std::chrono::milliseconds PageWatcher::UntilDue() const {
-  const auto due = asked_ + (connection_ ? kPatience : kPeriod);
+  const auto due = asked_ + (connection_ ? kTimeout : kPeriod);
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now());
   return std::max(left, std::chrono::milliseconds(0));
 }

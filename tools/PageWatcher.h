@@ -24,7 +24,7 @@ class PageWatcher {
  private:
   using Clock = std::chrono::steady_clock;
   static constexpr std::chrono::seconds kPeriod{1};
-  static constexpr std::chrono::seconds kPatience{5};
+  static constexpr std::chrono::seconds kTimeout{5};
 
   [[nodiscard]] std::chrono::milliseconds UntilDue() const;
   void Look(bool isReadable);

@@ -23,8 +23,8 @@ void Await(int descriptor, short event, Clock::time_point deadline) {
 
 }  // namespace
 
-std::string WhyUnreachable(const ugs::Address& server, std::chrono::milliseconds patience) {
-  const auto deadline = Clock::now() + patience;
+std::string WhyUnreachable(const ugs::Address& server, std::chrono::milliseconds timeout) {
+  const auto deadline = Clock::now() + timeout;
   const ugs::Lookup lookup(server.host);
   Await(lookup.Descriptor(), POLLIN, deadline);
   if (!lookup.IsDone()) return fmt::format("host {}: the resolver does not answer", server.host);

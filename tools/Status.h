@@ -88,9 +88,6 @@ struct StatusInstance {
   const StatusFacts* operator->() const { return facts.get(); }
 };
 
-// So many losses the server keeps: with as many, there may have been others before them.
-inline constexpr std::size_t kLossesKept = 1000;
-
 struct StatusLoss : StatusPeer {
   std::int64_t cameraSeconds = 0;
   std::int64_t lost = 0;

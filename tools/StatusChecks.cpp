@@ -12,6 +12,7 @@
 #include "Listing.h"
 #include "ReportLayouts.h"
 #include "Shown.h"
+#include "StatusRules.h"
 
 namespace {
 
@@ -111,7 +112,7 @@ RecentLosses RecentLossesOf(const StatusSnapshot& snapshot) {
       recent.namesAway.push_back(Name(loss) + " at " + ShownTime(loss.lost, now));
     }
   }
-  recent.areAll = losses.size() < kLossesKept || now - losses.back().lost >= kHour;
+  recent.areAll = losses.size() < ugs::kLossesKept || now - losses.back().lost >= kHour;
   return recent;
 }
 
@@ -231,10 +232,8 @@ std::string RemarkOnLosses(const StatusSnapshot& snapshot) {
 
 bool IsOverdue(const StatusInstance& instance, std::int64_t now) {
   if (instance->state == "late") return true;
-  constexpr double grace = 5;  // as the server judges `late`
-  constexpr double whileUnknown = 60;
-  const double due = instance->period > 0 ? 2 * instance->period + grace : whileUnknown;
-  return instance->state == "not_back" && static_cast<double>(now - instance->last) > due;
+  return instance->state == "not_back" &&
+         static_cast<double>(now - instance->last) > ugs::OverdueAfter(instance->period);
 }
 
 const std::map<std::string, std::string>& MeaningsOfRefusals() {

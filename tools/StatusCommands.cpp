@@ -14,6 +14,7 @@
 #include "Shown.h"
 #include "StatusJson.h"
 #include "StatusListings.h"
+#include "StatusRules.h"
 
 namespace {
 
@@ -189,7 +190,7 @@ void ShowLosses(const StatusOptions& options) {
   const StatusServer& server = snapshot.server;
   PrintListing(ListLosses(snapshot.losses), options, "losses", server.time,
                "no instance was lost since the server's start", NoExtra);
-  if (snapshot.losses.size() >= kLossesKept && !options.json && !options.csv) {
+  if (snapshot.losses.size() >= ugs::kLossesKept && !options.json && !options.csv) {
     std::cout << fmt::format(
         "older losses are not kept; {} were lost since the start: {} silent, {} not back\n",
         Counted(server.expired + server.neverBack, "instance"), server.expired, server.neverBack);

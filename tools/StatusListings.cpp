@@ -30,10 +30,11 @@ void SortInstances(std::vector<StatusInstance>& instances, const std::string& or
   }
 }
 
-Listing ListInstances(const std::vector<StatusInstance>& instances, std::int64_t now,
-                      const std::string& feature) {
+namespace {
+
+std::vector<ColumnOf<StatusInstance>> InstanceColumns(std::int64_t now) {
   using Row = StatusInstance;
-  std::vector<ColumnOf<Row>> columns{
+  return {
       {{"identity", "identity"},
        [](const Row& row) {
          return row->identity;
@@ -91,6 +92,14 @@ Listing ListInstances(const std::vector<StatusInstance>& instances, std::int64_t
          return row->cameras;
        }},
   };
+}
+
+}  // namespace
+
+Listing ListInstances(const std::vector<StatusInstance>& instances, std::int64_t now,
+                      const std::string& feature) {
+  using Row = StatusInstance;
+  std::vector<ColumnOf<Row>> columns = InstanceColumns(now);
   // Else these look the same.
   if (std::ranges::any_of(instances, [](const Row& row) { return row->Has("same_identity"); })) {
     columns.insert(columns.begin() + 1, {{"", "key"}, [](const Row& row) {

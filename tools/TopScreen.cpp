@@ -19,7 +19,7 @@ constexpr std::string_view kEnter = "\x1b[?1049h\x1b[?25l";
 constexpr std::string_view kLeave = "\x1b[?25h\x1b[?1049l";
 constexpr std::string_view kClearToEnd = "\x1b[J";
 
-constexpr int kPatience = 500;  // ms for which a terminal that takes nothing is waited for
+constexpr int kTimeout = 500;  // ms for which a terminal that takes nothing is waited for
 
 // The terminal once more, for writes that do not wait: with output stopped (Ctrl-S), or with nobody behind
 // it, a write that waits would wait through every signal. O_NONBLOCK on standard output itself would be the
@@ -64,7 +64,7 @@ void TopScreen::Write(std::string_view text) const {
     if (written > 0) text.remove_prefix(static_cast<std::size_t>(written));
     if (written == -1 && errno != EINTR && errno != EAGAIN)
       return;  // a terminal that is gone also ends the input
-    if (written == -1 && errno == EAGAIN && poll(&room, 1, kPatience) == 0) return;
+    if (written == -1 && errno == EAGAIN && poll(&room, 1, kTimeout) == 0) return;
   }
 }
 

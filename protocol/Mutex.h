@@ -12,11 +12,18 @@
 #endif
 #define UGS_GUARDED_BY(mutex) UGS_THREAD_ATTRIBUTE(guarded_by(mutex))
 #define UGS_REQUIRES(mutex) UGS_THREAD_ATTRIBUTE(requires_capability(mutex))
+#define UGS_ACQUIRES(mutex) UGS_THREAD_ATTRIBUTE(acquire_capability(mutex))
+#define UGS_RELEASES(mutex) UGS_THREAD_ATTRIBUTE(release_capability(mutex))
 #define UGS_EXCLUDES(mutex) UGS_THREAD_ATTRIBUTE(locks_excluded(mutex))
+
+namespace ugs {
 
 class UGS_THREAD_ATTRIBUTE(capability("mutex")) Mutex {
  public:
   void Lock() UGS_THREAD_ATTRIBUTE(acquire_capability()) { mutex_.lock(); }
+  [[nodiscard]] bool TryLock() UGS_THREAD_ATTRIBUTE(try_acquire_capability(true)) {
+    return mutex_.try_lock();
+  }
   void Unlock() UGS_THREAD_ATTRIBUTE(release_capability()) { mutex_.unlock(); }
 
  private:
@@ -25,9 +32,9 @@ class UGS_THREAD_ATTRIBUTE(capability("mutex")) Mutex {
 
 class UGS_THREAD_ATTRIBUTE(scoped_lockable) MutexLock {
  public:
-  explicit MutexLock(Mutex& mutex) UGS_THREAD_ATTRIBUTE(acquire_capability(mutex)) : mutex_(mutex) {
-    mutex_.Lock();
-  }
+  explicit MutexLock(Mutex& mutex) UGS_ACQUIRES(mutex) : mutex_(mutex) { mutex_.Lock(); }
+  // Of one that this thread has locked.
+  MutexLock(Mutex& mutex, std::adopt_lock_t) UGS_REQUIRES(mutex) : mutex_(mutex) {}
   ~MutexLock() UGS_THREAD_ATTRIBUTE(release_capability()) { mutex_.Unlock(); }
   MutexLock(const MutexLock&) = delete;
   MutexLock& operator=(const MutexLock&) = delete;
@@ -35,3 +42,5 @@ class UGS_THREAD_ATTRIBUTE(scoped_lockable) MutexLock {
  private:
   Mutex& mutex_;
 };
+
+}  // namespace ugs
