@@ -34,9 +34,9 @@ class FleetStatusTest : public testing::Test {
     auto request = RequestOf(id, counts);
     records->ApplyRequest(request);
   }
-  void EndTurn() {
+  void EndTick() {
     records->CheckTimeStamp();
-    status.EndTurn({});
+    status.EndTick({});
   }
   void Rebuild() {
     records = std::make_unique<UsageRecords>(&status);
@@ -77,7 +77,7 @@ TEST_F(FleetStatusTest, ItsTotalsAreThoseOfTheLogAtAnyMoment) {
     // Seldom the later ones, so that they expire.
     const auto id = static_cast<int>(below(below(40) + 1));
     if (below(10) != 0) Report(id, {.maxCameras = below(9) + huge, .numPX = below(3)});
-    EndTurn();
+    EndTick();
     const FleetStatus::Snapshot shown = status.TakeSnapshot();
     EXPECT_EQ(Printed([&] { LogStatus(clock.now, shown.totals); }), Printed([&] { records->PrintStatus(); }));
     EXPECT_EQ(std::ranges::count(shown.instances, shown.generation,
@@ -97,9 +97,9 @@ TEST_F(FleetStatusTest, WhatWasUsedIsExactToTheSecondAcrossHours) {
   clock.now += 5;
   Report(2, {.maxCameras = 3});
   clock.now += 10;
-  EndTurn();
+  EndTick();
   clock.now += 11;  // too long a step to say what was used meanwhile
-  EndTurn();
+  EndTick();
   const auto& [now, before] = [&] {
     const auto hours = status.TakeSnapshot().hours;
     return std::pair(hours.at(0), hours.at(1));
@@ -111,11 +111,19 @@ TEST_F(FleetStatusTest, WhatWasUsedIsExactToTheSecondAcrossHours) {
   };
   EXPECT_EQ(figures(before), (std::vector<std::int64_t>{hour - 3600, 10, 7, hour - 5, 4 * 5 + 7 * 5}));
   EXPECT_EQ(figures(now), (std::vector<std::int64_t>{hour, 5, 7, hour, 7 * 5}));
-  EXPECT_EQ(Shown("\"camera_seconds\":15,"), 1U);
-  EXPECT_EQ(Shown("\"camera_seconds\":10,"), 1U);
+  clock.now = hour - 3;  // the clock is set back, into the hour before
+  EndTick();
+  clock.now += 3;
+  Report(3, {.maxCameras = 1});
+  const auto hours = status.TakeSnapshot().hours;
+  ASSERT_EQ(hours.size(), 2U);
+  EXPECT_EQ(figures(hours[1]), (std::vector<std::int64_t>{hour - 3600, 13, 7, hour - 5, 4 * 5 + 7 * 8}));
+  EXPECT_EQ(figures(hours[0]), (std::vector<std::int64_t>{hour, 5, 8, hour, 7 * 5}));
+  EXPECT_EQ(Shown("\"camera_seconds\":18,"), 1U);
+  EXPECT_EQ(Shown("\"camera_seconds\":13,"), 1U);
   for (int later = 0; later < 48; ++later) {
     clock.now += 3600;
-    status.EndTurn({});
+    status.EndTick({});
   }
   EXPECT_EQ(status.TakeSnapshot().hours.size(), 48U);
   EXPECT_EQ(status.TakeSnapshot().hours.back().start, hour + 3600);
@@ -146,7 +154,7 @@ TEST_F(FleetStatusTest, AnInstanceTurnsLateAfterTwoPeriodsAndIsLostAfterTwoMinut
   const std::int32_t last = clock.now - 30;
   const auto stateAfter = [&](std::int32_t silence) {
     clock.now = last + silence;
-    EndTurn();
+    EndTick();
     for (const char* state : {"alive", "late"}) {
       if (Shown("\"state\":\"" + std::string(state)) == 1) return state;
     }
@@ -174,7 +182,7 @@ TEST_F(FleetStatusTest, AnInstanceThatSignedOffIsNeitherLateNorMissed) {
   Report(7, {});
   for (const std::int32_t later : {187, 188}) {  // once a second
     clock.now = last + later;
-    EndTurn();
+    EndTick();
   }
   EXPECT_EQ(Shown("\"reason\":\"signed_off\""), 2U);
   EXPECT_EQ(Shown("\"expired\":1,\"never_back\":1,\"signed_off\":2,"), 1U);
@@ -265,7 +273,7 @@ TEST(ServiceManagerTest, TheWatchdogIsFedWhileTheIntakeTurnsAndThroughARebuild) 
     return listener.Told() == fed;
   };
   manager.Tell(*server, std::nullopt);
-  EXPECT_TRUE(listener.Told().empty());  // the port is not open, and nothing turns
+  EXPECT_TRUE(listener.Told().empty());  // the port is not open, and nothing ticks
   server->Start();
   manager.Tell(*server, std::nullopt);
   EXPECT_EQ(listener.Told().front(), "READY=1");
@@ -273,7 +281,7 @@ TEST(ServiceManagerTest, TheWatchdogIsFedWhileTheIntakeTurnsAndThroughARebuild) 
 
   transport->Request();
   ASSERT_TRUE(Await([&] { return transport->isStuck.load(); }));
-  feeds();  // for the turns until then
+  feeds();  // for the ticks until then
   EXPECT_FALSE(feeds());
   EXPECT_FALSE(feeds());
   transport->LetGo();
@@ -285,6 +293,12 @@ TEST(ServiceManagerTest, TheWatchdogIsFedWhileTheIntakeTurnsAndThroughARebuild) 
   FleetStatus::Summary summary{.instances = 2, .cameras = 9, .lastReport = 95, .time = 100};
   manager.Tell(*server, summary);
   EXPECT_EQ(listener.Told().back(), "STATUS=2 instances, 9 cameras, last report 5 s ago");
+  FleetStatus status;
+  UsageRecords records(&status);
+  auto request = RequestOf(1, {.maxCameras = 9});  // licensed, not all connected
+  records.ApplyRequest(request);
+  manager.Tell(*server, status.TakeSummary());
+  EXPECT_EQ(listener.Told().back(), "STATUS=1 instance, 1 camera, last report 0 s ago");
 }
 
 }  // namespace

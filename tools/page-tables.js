@@ -224,6 +224,7 @@ function drawAges() {
 const LOSS_COLUMNS = [
   ["Lost", (loss) => moment(loss.lost, now()), "time"],
   ["Identity", (loss) => foreign(loss.identity), "identity"],
+  ["Container", (loss) => loss.container && foreign(loss.container), "container"],
   ["Address", (loss) => foreign(loss.address), "address"],
   ["Last report", (loss) => moment(loss.last, now()), "time"],
   ["Why", (loss) => REASONS[loss.reason] ?? loss.reason, "words"],

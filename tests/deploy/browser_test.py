@@ -9,6 +9,7 @@ from conftest import context, network, peer, serve, start  # noqa: F401
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
+from selenium.webdriver.common.keys import Keys
 from support import UGS, sealed_report, wait_until
 
 EVIL = "<script>document.title='evil'</script>"
@@ -60,7 +61,7 @@ def test_an_instance_appears_turns_late_is_lost_and_comes_back_without_a_reload(
     shows(page, "#instances", "lobby-1")
     shows(page, "#instances", "MaxCameras 4")
     button = page.find_element(By.CSS_SELECTOR, "button.name")
-    button.click()
+    button.send_keys(Keys.ENTER)
     shows(page, "#instances", "layout")
     server.shift_clock(60)
     shows(page, "#instances", "late")

@@ -24,7 +24,7 @@ dangling_links() {
 }
 check "the links of installed documents" diff /dev/null <(dangling_links)
 for unit in deploy/*.service; do
-  check "the sandbox of $unit" systemd-analyze security --offline=true --threshold=15 "$unit"
+  check "the sandbox of $unit" systemd-analyze security --offline=true --threshold=13 "$unit"
 done
 cd "$monitoring"
 check "Prometheus' configuration" promtool check config prometheus.yml

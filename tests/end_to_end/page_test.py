@@ -12,7 +12,7 @@ import make
 import pytest
 import report
 from status_test import END, HOSTILE, NOW, SERVER, instance, lines, run, steers_a_terminal
-from support import KEY, SANITIZER, TIMEOUT, UGS, wait_until
+from support import KEY, ROOT, SANITIZER, TIMEOUT, UGS, wait_until
 
 PORT = 9305
 HEADERS = {
@@ -96,13 +96,13 @@ def test_bytes_that_the_server_stored_steer_nothing(start, peer, tmp_path, page,
     start(env={"UGS_STATUS": str(path)})
     peer.meet()
     root = json.loads(make.report("i" + evil, DockerID="c" + evil, Plates=2))
-    next(member for member in (root, *root.values()) if "CamRtspUrls" in member)["CamRtspUrls"] = ["u" + evil]
+    next(member for member in (root, *root.values()) if "CamRtspUrls" in member)["CamRtspUrls"] = ["u" + evil, "rtsp://u:secret@h/1"]
     assert peer.ask(report.seal(json.dumps(root).encode().replace(b"RAW", b"\xff\x9b\xc3"), KEY)) == b"0"
     shown = evil.replace("RAW", 3 * "\ufffd")
     forms = ("status",), ("top",), ("instances",), ("instances", "--csv"), ("instances", "--json")
     outputs = [run(*form, path=path).stdout for form in forms]
     (told,) = json.loads(outputs[-1])["instances"]
-    assert (told["identity"], told["container"], told["cameras"]) == ("i" + shown, "c" + shown, ["u" + shown])
+    assert (told["identity"], told["container"], told["cameras"]) == ("i" + shown, "c" + shown, ["u" + shown, "rtsp://***@h/1"])
     page(path)
     wait_until(lambda: ask("/status")[0] == 200)
     asked = "/status", "/instances", "/plain", "/metrics?instances=1"
@@ -119,6 +119,32 @@ def test_bytes_that_the_server_stored_steer_nothing(start, peer, tmp_path, page,
     outputs.append(re.sub(r"\x1b\[[?0-9;]*[A-Za-z]", "", terminal.logfile_read.getvalue()).encode())
     assert not any(steers_a_terminal(output) for output in outputs)
     assert all(b"[2J" in output for output in outputs[2:])
+    assert not any(b"secret" in output for output in outputs)
+
+
+def luminance(colour):
+    """WCAG 2.1, relative luminance."""
+    digits = colour[1:] if len(colour) == 7 else "".join(2 * digit for digit in colour[1:])
+    parts = [int(digits[at : at + 2], 16) / 255 for at in (0, 2, 4)]
+    parts = [part / 12.92 if part <= 0.04045 else ((part + 0.055) / 1.055) ** 2.4 for part in parts]
+    return sum(weight * part for weight, part in zip((0.2126, 0.7152, 0.0722), parts))
+
+
+def test_text_and_lines_stand_out_in_light_and_dark():
+    themes = re.findall(r":root \{(.*?)\}", (ROOT / "tools/page.css").read_text(), re.DOTALL)
+    assert len(themes) == 2
+    for theme in themes:
+        colour = {name: luminance(value) for name, value in re.findall(r"--([a-z-]+): (#\w+);", theme)}
+
+        def contrast(front, back):
+            dark, light = sorted((colour[front], colour[back]))
+            return (light + 0.05) / (dark + 0.05)
+
+        for text in ("ink", "faint", "link", "good", "warn", "bad"):
+            assert min(contrast(text, "paper"), contrast(text, "card")) >= 4.5, text
+        for text in ("good", "warn", "bad"):
+            assert contrast(text, text + "-paper") >= 4.5, text
+        assert min(contrast("edge", "paper"), contrast("edge", "card"), contrast("line", "card")) >= 3
 
 
 def test_clients_that_never_finish_their_request_hold_nobody_up(tmp_path, page):

@@ -12,11 +12,13 @@ import socket
 import subprocess
 import termios
 import time
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pexpect
 import psutil
 import pytest
+from status_socket_test import snapshot
 from support import END_OF_STATUS, HALF_HOUR, IS_RELEASE, LOG_SIZE, TIMEOUT, PORT, SANITIZER, SERVER
 from support import Peer, begin_fleet, fill_log, raw_peer, seal, sealed_report, unread, wait_until
 
@@ -352,14 +354,24 @@ def test_a_taken_port_is_said_and_served_from_the_next_rebuild_on(start, peer):
     assert peer.meet().ask(sealed_report()) == b"0"
 
 
-def test_rebuilds_under_a_stream_of_reports_lose_nothing_but_time(start, peer):
-    server = start(clock="")
+def test_rebuilds_under_a_stream_of_reports_lose_nothing_but_time(start, peer, tmp_path):
+    path = tmp_path / "status"
+    server = start(clock="", env={"UGS_STATUS": str(path)})
     peer.meet()
     stream = begin_fleet("--json", "--rate", "150", "--duration", "8" if SANITIZER == "thread" else "3", "--drain", "1")
-    for number in itertools.count(1):
-        if stream.poll() is not None:
-            break
-        server.rebuild(number)
-        peer.meet()
+
+    def look():
+        while stream.poll() is None:
+            snapshot(path)
+
+    with ThreadPoolExecutor() as pool:
+        looking = pool.submit(look)
+        for number in itertools.count(1):
+            if stream.poll() is not None:
+                break
+            server.rebuild(number)
+            peer.meet()
+        looking.result()
+    assert snapshot(path)["server"][0]["rebuilds"] >= number - 1
     assert list(json.loads(stream.communicate()[0])["answered"]) == ["0"]
     assert "0x008" not in server.console()

@@ -210,7 +210,7 @@ def test_wait_outlasts_a_refusal_a_silence_and_a_late_start(start):
 
 
 def test_key_prints_the_name_that_the_log_gives_an_instance():
-    assert run("key", "--id", "a", "--camera", "b").stdout == "89c4407b545986a\n"
+    assert run("key", "--id", "lobby-1", "--camera", "rtsp://10.0.0.7/1").stdout == "da5e93494cca79e\n"
 
 
 def test_a_directory_of_instances_is_reported_and_followed(start, tmp_path):
