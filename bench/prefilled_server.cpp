@@ -1,6 +1,6 @@
-// The server with a registry that is full from the start: `prefilled-server RECORDS [status]` serves on the
-// usual port, from its first status report on, until SIGTERM; with `status` it keeps what it would show with
-// UGS_STATUS. A fleet alone cannot fill one to more than a tick's rate times 120 s.
+// The server with a registry that is full from the start: `prefilled-server RECORDS [SOCKET]` serves on the
+// usual port, from its first status report on, until SIGTERM, and shows its status on SOCKET. A fleet alone
+// cannot fill one to more than a tick's rate times 120 s.
 
 #include <csignal>
 #include <cstdlib>
@@ -12,6 +12,8 @@
 #include "KorvaneUGSZMQ.h"
 #include "Logging.h"
 #include "PrivateKey.h"
+#include "StatusSocket.h"
+#include "StatusText.h"
 #include "UGSDefs.h"
 
 int main(int argc, char** argv) {
@@ -35,6 +37,13 @@ int main(int argc, char** argv) {
     server.Records().ApplyRequest(request);
   }
   spdlog::set_level(spdlog::level::info);
+  std::unique_ptr<StatusSocket> socket;
+  if (status != nullptr) {
+    socket = std::make_unique<StatusSocket>(
+        argv[2], [&status, process = ProcessWatch(), writer = StatusWriter()]() mutable {
+          return writer.Write(status->TakeSnapshot(), process.LookUp());
+        });
+  }
   server.Start();
   server.Records().PrintStatus();
   int signal = 0;
