@@ -15,7 +15,7 @@ import subprocess
 
 import pytest
 from status_test import END, HOSTILE, NOW, SERVER, instance, lines, steers_a_terminal
-from support import SANITIZER, TIMEOUT, UGS, wait_until
+from support import SANITIZER, TIMEOUT, UGS, sealed_report, wait_until
 
 HOUR, DAY = 3600, 86400
 
@@ -183,6 +183,25 @@ def test_the_figures_are_exact_whenever_the_page_looked(tell, keep, file, monkey
     assert losses == [("a", RUNS[0][0] + 2400)]
     with sqlite3.connect(file) as database:  # what is older than two days is kept by day
         assert not database.execute("SELECT * FROM instance_hour").fetchall()
+
+
+def test_what_reports_say_is_in_the_history(start, peer, keep, file, tmp_path):
+    start(env={"UGS_STATUS": str(tmp_path / "status")})
+    peer.meet()
+    for identity, plates in (("a", 2), ("b", 3), ("a", 1)):
+        assert peer.ask(sealed_report(identity, Plates=plates)) == b"0"
+    page = keep()
+    wait_until(lambda: ask("/status")[0] == 200)
+
+    def told_of_use():
+        status = json.loads(ask("/status")[1])
+        return all(row["camera_seconds"] for row in status["instances"]) and status["server"]
+
+    state = wait_until(told_of_use)
+    end(page)
+    figures = asked(file)["features"]["Plates"]
+    assert figures["peak"] == 5 and state["started"] <= figures["peak_time"] <= state["time"]
+    assert {row["identity"] for row in asked(file, "--instances")["instances"]} == {"a", "b"}
 
 
 def test_the_same_for_spreadsheets_and_browsers(tell, keep, file):

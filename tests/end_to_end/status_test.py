@@ -215,6 +215,15 @@ def test_top_fits_its_terminal_and_leaves_it_as_it_was(serve, open_terminal, row
     assert termios.tcgetattr(terminal.child_fd) == before
 
 
+def test_top_on_a_terminal_that_cannot_be_steered_is_the_status(serve, open_terminal):
+    path = serve(lines(SERVER, instance("hall-7"), END))
+    terminal = open_terminal(f"{UGS} status --socket {path}; echo =; {UGS} top --socket {path}; echo =; read wait")
+    terminal.expect_exact("=")
+    status = terminal.before
+    terminal.expect_exact("=")
+    assert terminal.before.strip() == status.strip() and "hall-7" not in status
+
+
 def test_top_gives_the_terminal_back_while_it_is_stopped_and_follows_its_size(serve, open_terminal):
     path = serve(lines(SERVER, *(instance(f"hall-{n:02}", last=NOW - n) for n in range(50)), END))
     top = f"TERM=xterm {UGS} top --socket {path}"
