@@ -293,9 +293,10 @@ int ugs_reporter_update(ugs_reporter* reporter, const ugs_usage* usage) {
 int ugs_reporter_sign_off(ugs_reporter* reporter) {
   return Guarded(-1, [&] {
     const std::optional<int> code = Handle(reporter, "reporter")->reporter.SignOff();
-    Shared& shared = *reporter->shared;
-    const ugs::MutexLock lock(shared.outcomeMutex);
-    const ugs::Outcome outcome = shared.outcome;
+    const ugs::Outcome outcome = [&shared = *reporter->shared] {
+      const ugs::MutexLock lock(shared.outcomeMutex);
+      return shared.outcome;
+    }();
     if (outcome.kind != ErrorKind::None)
       Keep(threadError, outcome.kind, outcome.text.c_str());
     else if (!code)

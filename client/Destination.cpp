@@ -8,6 +8,7 @@
 #include <system_error>
 #include <utility>
 
+#include "UGSDefs.h"
 #include "Wakeup.h"
 
 namespace ugs {
@@ -40,8 +41,8 @@ void Tally::Sent() {
 void Tally::Ended(const Outcome& outcome, bool wasSent) {
   const MutexLock lock(mutex_);
   if (wasSent && !outcome.code) ++counters_.unanswered;
-  if (outcome.code == 2) ++counters_.refused;
-  if (outcome.code != 0) return;
+  if (outcome.code == UGSDefs::Failed) ++counters_.refused;
+  if (outcome.code != UGSDefs::Ok) return;
   ++counters_.counted;
   counters_.lastCounted = std::chrono::system_clock::now();
 }

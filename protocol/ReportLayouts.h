@@ -111,8 +111,8 @@ static_assert(EveryCountHasOneRow(), "a member of UsageCounts has no row, or two
 inline constexpr auto kPrintedCounts = [] {
   std::array<CountField, detail::PrintedCounts()> fields{};
   detail::ForEachCount([&](const CountField& field) {
-    if (field.line != kNeverPrinted)
-      fields.at(field.line - 1) = field;  // one without a line does not compile
+    // Line 0, a row that names none, does not compile.
+    if (field.line != kNeverPrinted) fields.at(field.line - 1) = field;
   });
   return fields;
 }();

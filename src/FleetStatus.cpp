@@ -155,8 +155,10 @@ void FleetStatus::Stored(const std::string& key, const UGSRequest::RequestData& 
         losses_, key, [](const Loss& one) -> const std::string& { return one.instance->who->key; });
     if (loss != losses_.end() && loss->returned == 0) loss->returned = now;
   } else {
-    // The key is a digest of identity and cameras; only the container may have changed.
+    // The key is a digest of identity and cameras; the container may have changed. A peer may also have cut
+    // the same letters into other cameras.
     next->who = row->who->container == Cut(request.dockerId) ? row->who : MakeWho(key, request);
+    cameras_ += next->who->allCameras - row->who->allCameras;
     next->first = row->first;
     next->seenBefore = row->seenBefore;
     next->reports = row->reports + 1;
@@ -252,7 +254,7 @@ void FleetStatus::ChangeUse(const ugs::UsageCounts* before, const ugs::UsageCoun
   }
 }
 
-// Adds what was in use since the last call to its hours. Afterwards that of `now` is one of them.
+// Adds what was in use since the last call to its hours. Afterwards there is one for `now`.
 void FleetStatus::AdvanceTo(std::int64_t now) {
   const bool seen = now > advancedTo_ && now - advancedTo_ <= kLongestStep;
   std::int64_t from = seen ? advancedTo_ : now;
@@ -281,7 +283,8 @@ FleetStatus::Hour& FleetStatus::HourOf(std::int64_t time) {
   if (hour == hours_.end() || hour->start != start) hour = hours_.insert(hour, {.start = start});
   Hour& found = *hour;
   if (hours_.size() > kHours) {
-    &found == &hours_.back() ? hours_.pop_front() : hours_.pop_back();
+    const bool isNewestFarther = hours_.front().start - start > start - hours_.back().start;
+    isNewestFarther ? hours_.pop_front() : hours_.pop_back();
   }
   return found;
 }

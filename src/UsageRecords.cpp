@@ -84,7 +84,7 @@ bool UsageRecords::EraseExpired() {
   // The clock is read for every record. A time in the future counts by its distance, as one in the past does.
   const auto eraseIfSilent = [this](const Record& record) UGS_REQUIRES(mutex_) {
     const std::int32_t silence = Distance(clockFunction(), record.request.timeStamp);
-    if (record.request.timeStamp == -1 || silence <= expiryTimeout_) return false;
+    if (record.request.timeStamp == -1 || silence <= kExpiryTimeout) return false;
     log.Info(ugs::kExpiredText, record.key, silence);
     totals_ -= record.request.counts;
     if (status_ != nullptr) status_->Erased(record.key);

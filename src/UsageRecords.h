@@ -74,7 +74,6 @@ class UsageRecords {
   [[nodiscard]] bool EraseExpired() UGS_EXCLUDES(mutex_);
 
   FleetStatus* const status_;
-  const std::int64_t expiryTimeout_ = kExpiryTimeout;
 
   mutable ugs::Mutex mutex_;
   Records records_ UGS_GUARDED_BY(mutex_);

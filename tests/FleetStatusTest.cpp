@@ -127,6 +127,16 @@ TEST_F(FleetStatusTest, WhatWasUsedIsExactToTheSecondAcrossHours) {
   }
   EXPECT_EQ(status.TakeSnapshot().hours.size(), 48U);
   EXPECT_EQ(status.TakeSnapshot().hours.back().start, hour + 3600);
+  clock.now -= 100 * 3600;  // the hours ahead give way to those that now pass
+  const std::int64_t first = clock.now - clock.now % 3600;
+  for (int later = 0; later < 3; ++later) {
+    status.EndTick({});
+    clock.now += 3600;
+  }
+  const auto left = status.TakeSnapshot().hours;
+  EXPECT_EQ(left.size(), 48U);
+  EXPECT_EQ(left.back().start, first);
+  EXPECT_EQ(left.at(45).start, first + 2 * 3600);
 }
 
 TEST_F(FleetStatusTest, ACamerasPasswordIsShownToNobody) {
@@ -254,9 +264,10 @@ class Manager {
   FileDescriptor socket_;
 };
 
-TEST(ServiceManagerTest, TheWatchdogIsFedWhileTheIntakeTurnsAndThroughARebuild) {
+TEST(ServiceManagerTest, TheWatchdogIsFedWhileTheIntakeTicksAndThroughARebuild) {
   EXPECT_FALSE(ServiceManager().IsThere());
   const CapturedLog log;
+  const FakeClock clock{1'790'000'000};
   Manager listener;
   ServiceManager manager;
   ASSERT_TRUE(manager.IsThere());
@@ -299,6 +310,11 @@ TEST(ServiceManagerTest, TheWatchdogIsFedWhileTheIntakeTurnsAndThroughARebuild) 
   records.ApplyRequest(request);
   manager.Tell(*server, status.TakeSummary());
   EXPECT_EQ(listener.Told().back(), "STATUS=1 instance, 1 camera, last report 0 s ago");
+  request.dockerId = "other";
+  request.camRtspUrls = {"c", ""};  // the key is the same
+  records.ApplyRequest(request);
+  manager.Tell(*server, status.TakeSummary());
+  EXPECT_EQ(listener.Told().back(), "STATUS=1 instance, 2 cameras, last report 0 s ago");
 }
 
 }  // namespace

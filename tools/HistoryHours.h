@@ -11,7 +11,7 @@
 // Seconds seen of each hour, the newest first.
 using SeenHours = std::map<std::int64_t, std::int64_t, std::greater<>>;
 
-// The hours of a snapshot, each once: an hour in which the clock was set back has several lines.
+// The hours of a snapshot, each once, though a server may name one twice.
 std::vector<StatusHour> MergedHours(const std::vector<StatusHour>& hours);
 
 // Adds `use` to the one of its feature: the greater peak, of equal ones the first that was added.
