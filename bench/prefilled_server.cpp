@@ -37,9 +37,9 @@ int main(int argc, char** argv) {
     server.Records().ApplyRequest(request);
   }
   spdlog::set_level(spdlog::level::info);
-  std::unique_ptr<StatusSocket> socket;
+  std::unique_ptr<StatusSocket> statusSocket;
   if (status != nullptr) {
-    socket = std::make_unique<StatusSocket>(
+    statusSocket = std::make_unique<StatusSocket>(
         argv[2], [&status, process = ProcessWatch(), writer = StatusWriter()]() mutable {
           return writer.Write(status->TakeSnapshot(), process.LookUp());
         });

@@ -1,8 +1,8 @@
 // Does the time of a private-key operation tell its result? As in dudect (Reparaz, Balasch, Verbauwhede,
 // "Dude, is my code constant time?", 2017): blocks of two classes in random order, Welch's t of their times,
 // all of them and the fastest 99, 95, 90, 75 and 50 %; the largest |t|. Above 4.5 the classes can be told
-// apart. The last row shows what would be seen. Usage: rsa-timing [MEASUREMENTS], of each row and class;
-// for a quiet machine.
+// apart. The last row shows what would be seen. Usage: rsa-timing [MEASUREMENTS], for each figure
+// (60000), on a quiet machine.
 
 #define OPENSSL_SUPPRESS_DEPRECATED  // the low-level calls, as the server makes them
 
@@ -15,8 +15,9 @@
 #include <array>
 #include <chrono>
 #include <cmath>
+#include <cstddef>
 #include <cstdio>
-#include <cstdlib>
+#include <exception>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -120,14 +121,16 @@ double LargestT(std::vector<Measurement> all) {
 int main(int argc, char** argv) try {
   const std::size_t number = argc > 1 ? std::stoul(argv[1]) : 60000;
   const RsaPtr ours = MakeKey();
-  const RsaPtr openssls(RSAPrivateKey_dup(ours.get()));
+  const RsaPtr theirs(RSAPrivateKey_dup(ours.get()));
   const RsaPtr unblinded(RSAPrivateKey_dup(ours.get()));
+  if (theirs == nullptr || unblinded == nullptr) throw std::runtime_error("no key");
+  if (number < 1000) throw std::runtime_error("fewer than 1000 measurements tell nothing");
   UseKeptBlinding(ours.get());
   RSA_set_flags(unblinded.get(), RSA_FLAG_NO_BLINDING);
   std::printf("%s, %zu measurements of each\n%-30s %12s %12s\n", OpenSSL_version(OPENSSL_VERSION), number,
               "largest |t|, 255 bytes against", "8 bytes", "232 bytes");
-  for (const Row& row : {Row{"the server's blinding", ours.get(), {}},
-                         Row{"OpenSSL's own", openssls.get(), {}}, Row{"none", unblinded.get(), {}},
+  for (const Row& row : {Row{"the server's blinding", ours.get(), {}}, Row{"OpenSSL's own", theirs.get(), {}},
+                         Row{"no blinding", unblinded.get(), {}},
                          Row{"the server's and 5 us", ours.get(), std::chrono::microseconds(5)}}) {
     std::printf("%-30s", row.name);
     for (const std::size_t width : {8UL, 232UL}) {

@@ -163,7 +163,7 @@ GARBAGE = [
 
 
 def test_garbage(start, peer):
-    """Bytes of no protocol cost a turn or two for each connection, and nobody else anything but that time."""
+    """Bytes of no protocol cost a tick or two for each connection, and nobody else anything but that time."""
     server = start(env=STRICT)
     peer.meet()
     fleet, connections = begin_fleet(*FLEET, "20"), 0
@@ -177,9 +177,9 @@ def test_garbage(start, peer):
             connection.sendall(b"\2" + (1 << 62).to_bytes(8, "big"))  # the length of a frame that no memory holds
             assert connection.recv(1) == b""
     outcome = assert_all_counted(fleet)
-    turns, refused = (server.log().count(f"[E] {text}") for text in ("Received Invalid Content", "0x0084"))
-    say(outcome, connections=connections, turns=turns, refused=refused)
-    assert turns <= 2 * connections and refused >= connections / 6 and outcome["p99_ms"] <= 1000
+    ticks, refused = (server.log().count(f"[E] {text}") for text in ("Received Invalid Content", "0x0084"))
+    say(outcome, connections=connections, ticks=ticks, refused=refused)
+    assert ticks <= 2 * connections and refused >= connections / 6 and outcome["p99_ms"] <= 1000
 
 
 def cpu_seconds(process):
@@ -188,7 +188,7 @@ def cpu_seconds(process):
 
 
 def test_large_payloads(start, context):
-    """Such a turn, for which the others wait, costs little more than Python's reading of the text. The best of five
+    """Such a tick, for which the others wait, costs little more than Python's reading of the text. The best of five
     tries: others may use the machine, too."""
     server, attacker, other = start(env=STRICT), Peer(context).meet(), Peer(context).meet()
     members = b"{" + b'"a":1,' * 5_000_000 + b'"z":1}'

@@ -193,7 +193,7 @@ def test_what_reports_say_is_in_the_history(start, peer, keep, file, tmp_path):
     page = keep()
     wait_until(lambda: ask("/status")[0] == 200)
 
-    def told_of_use():
+    def told_of_use():  # an instance of no camera-seconds is not written
         status = json.loads(ask("/status")[1])
         return all(row["camera_seconds"] for row in status["instances"]) and status["server"]
 

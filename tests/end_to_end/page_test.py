@@ -96,13 +96,20 @@ def test_bytes_that_the_server_stored_steer_nothing(start, peer, tmp_path, page,
     start(env={"UGS_STATUS": str(path)})
     peer.meet()
     root = json.loads(make.report("i" + evil, DockerID="c" + evil, Plates=2))
-    next(member for member in (root, *root.values()) if "CamRtspUrls" in member)["CamRtspUrls"] = ["u" + evil, "rtsp://u:secret@h/1"]
+    next(member for member in (root, *root.values()) if "CamRtspUrls" in member)["CamRtspUrls"] = [
+        "u" + evil,
+        "rtsp://u:secret@h/1",
+    ]
     assert peer.ask(report.seal(json.dumps(root).encode().replace(b"RAW", b"\xff\x9b\xc3"), KEY)) == b"0"
     shown = evil.replace("RAW", 3 * "\ufffd")
     forms = ("status",), ("top",), ("instances",), ("instances", "--csv"), ("instances", "--json")
     outputs = [run(*form, path=path).stdout for form in forms]
     (told,) = json.loads(outputs[-1])["instances"]
-    assert (told["identity"], told["container"], told["cameras"]) == ("i" + shown, "c" + shown, ["u" + shown, "rtsp://***@h/1"])
+    assert (told["identity"], told["container"], told["cameras"]) == (
+        "i" + shown,
+        "c" + shown,
+        ["u" + shown, "rtsp://***@h/1"],
+    )
     page(path)
     wait_until(lambda: ask("/status")[0] == 200)
     asked = "/status", "/instances", "/plain", "/metrics?instances=1"

@@ -372,6 +372,6 @@ def test_rebuilds_under_a_stream_of_reports_lose_nothing_but_time(start, peer, t
             server.rebuild(number)
             peer.meet()
         looking.result()
-    assert snapshot(path)["server"][0]["rebuilds"] >= number - 1
+    assert snapshot(path)["server"][0]["rebuilds"] == number - 1 > 0
     assert list(json.loads(stream.communicate()[0])["answered"]) == ["0"]
     assert "0x008" not in server.console()
