@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <bit>
+#include <chrono>
 #include <cstdlib>
+#include <thread>
 
 #include "Logging.h"
 #include "StatusRules.h"
@@ -18,6 +20,9 @@ constexpr std::size_t kShownBytes = 512;  // of a string of a peer's; it may hav
 constexpr std::size_t kShownCameras = 256;
 constexpr std::size_t kAddresses = 256;
 constexpr std::size_t kHours = 48;
+constexpr std::size_t kChanges = 1000;      // that are kept; a second has 93 at most
+constexpr std::size_t kCopiedAtOnce = 500;  // instances, with the lock held
+constexpr std::chrono::milliseconds kPauseOfCopy(1);
 constexpr std::int64_t kSecondsPerHour = 3600;
 
 // A tick comes every 10 ms. After a longer gap the machine was asleep or its clock was set: nothing was seen.
@@ -173,6 +178,7 @@ void FleetStatus::Stored(const std::string& key, const UGSRequest::RequestData& 
   }
   totals_ += next->counts;
   row = std::move(next);
+  NoteChange(key, row);
   ++server_.reports;
   server_.lastReport = now;
   Second& second = seconds_[static_cast<std::size_t>(now) % seconds_.size()];
@@ -203,7 +209,16 @@ void FleetStatus::Lose(Rows::iterator row, LossReason reason, std::int64_t now) 
   losses_.push_front(
       {.instance = WithoutCameras(*row->second), .lost = now, .seen = seen_, .reason = reason});
   if (losses_.size() > ugs::kLossesKept) losses_.pop_back();
+  NoteChange(row->first, nullptr);
   rows_.erase(row);
+}
+
+void FleetStatus::NoteChange(const std::string& key, const InstancePointer& instance) {
+  if (!keepsChanges_) return;
+  changes_[key] = instance;
+  if (changes_.size() <= kChanges) return;
+  keepsChanges_ = false;
+  changes_.clear();
 }
 
 void FleetStatus::EndTick(const Tick& tick) {
@@ -298,21 +313,72 @@ double FleetStatus::ReportsPerSecond(std::int64_t now) const {
   return static_cast<double>(reports) / static_cast<double>(span);
 }
 
-FleetStatus::Snapshot FleetStatus::TakeSnapshot() const {
+FleetStatus::Snapshot FleetStatus::TakeSnapshot() {
+  const ugs::MutexLock lock(snapshotMutex_);
   Snapshot snapshot;
+  Rows changes;
+  while (!TakeChanges(snapshot, changes)) CopyAll();
+  Apply(changes);
+  snapshot.instances = known_;
+  return snapshot;
+}
+
+// All but the instances, and which of these have changed. False if that was not kept.
+bool FleetStatus::TakeChanges(Snapshot& snapshot, Rows& changes) {
   const ugs::MutexLock lock(mutex_);
+  if (!keepsChanges_) return false;
+  changes.swap(changes_);
   snapshot.time = Now();
   snapshot.generation = generation_;
   snapshot.seen = seen_;
   snapshot.server = server_;
   snapshot.server.reportsPerSecond = ReportsPerSecond(snapshot.time);
   snapshot.totals = totals_;
-  snapshot.instances.reserve(rows_.size());
-  for (const auto& row : rows_) snapshot.instances.push_back(row.second);
   snapshot.losses = losses_;
   snapshot.refusals = refusals_;
   snapshot.hours = hours_;
-  return snapshot;
+  return true;
+}
+
+// In pieces, so that the intake waits for none of them long. What changes meanwhile is kept.
+void FleetStatus::CopyAll() {
+  std::size_t size = 0;
+  {
+    const ugs::MutexLock lock(mutex_);
+    changes_.clear();
+    keepsChanges_ = true;
+    size = rows_.size();
+  }
+  known_.clear();
+  known_.reserve(size + kCopiedAtOnce);
+  while (CopySome()) std::this_thread::sleep_for(kPauseOfCopy);
+}
+
+// False if none are left.
+bool FleetStatus::CopySome() {
+  const ugs::MutexLock lock(mutex_);
+  auto row = known_.empty() ? rows_.begin() : rows_.upper_bound(known_.back()->who->key);
+  for (std::size_t copied = 0; copied < kCopiedAtOnce && row != rows_.end(); ++copied, ++row) {
+    known_.push_back(row->second);
+  }
+  return row != rows_.end();
+}
+
+void FleetStatus::Apply(const Rows& changes) {
+  const auto keyOf = [](const InstancePointer& instance) -> const std::string& {
+    return instance->who->key;
+  };
+  for (const auto& [key, instance] : changes) {
+    const auto at = std::ranges::lower_bound(known_, key, {}, keyOf);
+    const bool isKnown = at != known_.end() && keyOf(*at) == key;
+    if (isKnown && instance != nullptr) {
+      *at = instance;
+    } else if (isKnown) {
+      known_.erase(at);
+    } else if (instance != nullptr) {
+      known_.insert(at, instance);
+    }
+  }
 }
 
 FleetStatus::Summary FleetStatus::TakeSummary() const {

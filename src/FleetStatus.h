@@ -20,7 +20,7 @@
 // that a rebuild makes nobody disappear.
 //
 // Nothing that is counted depends on it. Thread-safe: one mutex, a leaf; the registry holds its own while it
-// tells of a change, so that both change in one step.
+// tells of a change, so that both change in one step. Whoever takes a snapshot has a second one, held first.
 //
 // Times are seconds since 1970-01-01 UTC, of the registry's clock; 0 is never.
 class FleetStatus {
@@ -103,16 +103,15 @@ class FleetStatus {
     Tick tick;
   };
 
-  // A consistent picture. Making it copies pointers only, so the lock is held for a millisecond at 10,000
-  // instances.
+  // A consistent picture.
   struct Snapshot {
     std::int64_t time = 0;
     std::uint32_t generation = 0;  // instances of an older one are not back yet
     std::uint64_t seen = 0;        // seconds that were seen since the start: the sum of the hours'
     Server server;
-    ugs::UsageCounts totals;  // of the instances that are back
-    std::vector<InstancePointer> instances;
-    std::deque<Loss> losses;  // newest first
+    ugs::UsageCounts totals;                 // of the instances that are back
+    std::vector<InstancePointer> instances;  // by key
+    std::deque<Loss> losses;                 // newest first
     std::map<AddressAndCode, Refusal> refusals;
     std::deque<Hour> hours;  // newest first
   };
@@ -143,7 +142,9 @@ class FleetStatus {
   // Main thread: the registry begins anew, and whoever it knew has to come back.
   void Rebuilt() UGS_EXCLUDES(mutex_);
 
-  [[nodiscard]] Snapshot TakeSnapshot() const UGS_EXCLUDES(mutex_);
+  // What has not changed since the last snapshot comes from there: to copy ten thousand pointers would hold
+  // up the intake for milliseconds, most of them for memory that no cache has.
+  [[nodiscard]] Snapshot TakeSnapshot() UGS_EXCLUDES(mutex_);
   [[nodiscard]] Summary TakeSummary() const UGS_EXCLUDES(mutex_);
 
  private:
@@ -165,8 +166,18 @@ class FleetStatus {
   void AdvanceTo(std::int64_t now) UGS_REQUIRES(mutex_);
   Hour& HourOf(std::int64_t time) UGS_REQUIRES(mutex_);
   [[nodiscard]] double ReportsPerSecond(std::int64_t now) const UGS_REQUIRES(mutex_);
+  void NoteChange(const std::string& key, const InstancePointer& instance) UGS_REQUIRES(mutex_);
+  [[nodiscard]] bool TakeChanges(Snapshot& snapshot, Rows& changes) UGS_EXCLUDES(mutex_);
+  void CopyAll() UGS_REQUIRES(snapshotMutex_) UGS_EXCLUDES(mutex_);
+  [[nodiscard]] bool CopySome() UGS_REQUIRES(snapshotMutex_) UGS_EXCLUDES(mutex_);
+  void Apply(const Rows& changes) UGS_REQUIRES(snapshotMutex_);
+
+  ugs::Mutex snapshotMutex_;
+  std::vector<InstancePointer> known_ UGS_GUARDED_BY(snapshotMutex_);  // the last snapshot's
 
   mutable ugs::Mutex mutex_;
+  Rows changes_ UGS_GUARDED_BY(mutex_);  // since the last snapshot: null if the instance was lost
+  bool keepsChanges_ UGS_GUARDED_BY(mutex_) = false;  // not if they are too many
   Request request_ UGS_GUARDED_BY(mutex_);
   Server server_ UGS_GUARDED_BY(mutex_);
   Rows rows_ UGS_GUARDED_BY(mutex_);

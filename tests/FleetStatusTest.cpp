@@ -43,7 +43,7 @@ class FleetStatusTest : public testing::Test {
     status.Rebuilt();
   }
   // How often `text` stands in what the socket would show now.
-  [[nodiscard]] std::size_t Shown(const std::string& text) const {
+  [[nodiscard]] std::size_t Shown(const std::string& text) {
     const std::string shown = *StatusWriter().Write(status.TakeSnapshot(), {});
     std::size_t number = 0;
     for (auto at = shown.find(text); at != std::string::npos; at = shown.find(text, at + 1)) ++number;
@@ -88,6 +88,33 @@ TEST_F(FleetStatusTest, ItsTotalsAreThoseOfTheLogAtAnyMoment) {
   }
   EXPECT_GT(Shown("\"reason\":\"silent\""), 10U);
   EXPECT_GT(Shown("\"reason\":\"not_back\""), 5U);
+}
+
+// Whether they are copied all, in pieces, or those only that have changed.
+TEST_F(FleetStatusTest, ASnapshotHasEveryInstanceHoweverManyHaveChanged) {
+  const auto expectAll = [&] {
+    const auto shown = status.TakeSnapshot().instances;
+    const auto stored = records->Snapshot();
+    EXPECT_TRUE(std::ranges::equal(shown, stored, [](const auto& one, const UsageRecords::Record& record) {
+      return one->who->key == record.key && one->counts == record.request.counts;
+    })) << shown.size();
+  };
+  expectAll();
+  for (const int reports : {1200, 1, 1000, 3, 1001, 2000}) {
+    for (int id = 0; id < reports; ++id) Report(id, {.maxCameras = static_cast<std::uint32_t>(reports)});
+    expectAll();
+    expectAll();
+  }
+  clock.now += 100;
+  for (int id = 7; id < 1990; ++id) Report(id, {});
+  expectAll();
+  clock.now += 100;  // 17 are lost
+  EndTick();
+  expectAll();
+  clock.now += 100;
+  EndTick();
+  expectAll();
+  EXPECT_TRUE(status.TakeSnapshot().instances.empty());
 }
 
 TEST_F(FleetStatusTest, WhatWasUsedIsExactToTheSecondAcrossHours) {
