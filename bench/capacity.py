@@ -55,8 +55,9 @@ def fleet_command(instances, *arguments):
     return [*UGS, "fleet", *KEY, "--json", "--instances", str(instances), *map(str, arguments)]
 
 
-def fleet(instances, *arguments):
-    output = subprocess.run(fleet_command(instances, *arguments), check=False, capture_output=True, text=True)
+def fleet(instances, *arguments, prefix=()):
+    command = [*prefix, *fleet_command(instances, *arguments)]
+    output = subprocess.run(command, check=False, capture_output=True, text=True)
     if not output.stdout:
         sys.exit(f"the fleet failed: {output.stderr}")
     return json.loads(output.stdout)
@@ -282,6 +283,8 @@ def a_watched_server(seconds):
     row("a snapshot taken, most of it without the lock", medians["StatusSnapshot/10000"] / 1000, 2, "ms")
     # A machine that carries less is watched as near to its limit as one that carries 94/s is at 85/s.
     rate = min(85, int(0.9 * saturated_rate(10000, 88)))
+    # The fleet stands for other machines, from which the watchers take no time.
+    ahead = ["chrt", "--fifo", "1"] if os.geteuid() == 0 else []
     p99 = {}
     for name, watchers in (("nobody", contextlib.nullcontext), ("ugs top and three pages", watched)):
         with tempfile.TemporaryDirectory() as directory:
@@ -289,7 +292,7 @@ def a_watched_server(seconds):
             # More instances join those that it has. Large blocks go back to the system as KorvaneUGS has it.
             server = running("bench/prefilled-server", "10000", path, MALLOC_MMAP_THRESHOLD_="131072")
             with server, watchers(*[path] if watchers is watched else []):
-                outcome = fleet(10000, "--rate", rate, "--duration", seconds)
+                outcome = fleet(10000, "--rate", rate, "--duration", seconds, prefix=ahead)
         what = f"10,000 instances and more at {rate}/s for {seconds} s, watched by {name}: "
         p99[name] = outcome["p99_ms"]
         row(what + "replies per second", outcome["per_second"], rate - 0.1, "/s", at_least=True)
