@@ -185,6 +185,7 @@ ugs_up 1
 1
 drwxr-x--- korvaneugs-page korvaneugs
 ugs_up 1
+ugs_up 1
 RestartUSec=200ms
 NRestarts=2
 ugs_up 0
