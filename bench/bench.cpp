@@ -140,8 +140,8 @@ BENCHMARK_CAPTURE(Registry, apply, Apply)->Apply(Sizes);
 BENCHMARK_CAPTURE(Registry, sweep, Sweep)->Apply(Sizes);
 BENCHMARK_CAPTURE(Registry, status, Status)->Apply(Sizes);
 
-// What a look at the status costs: the copy, for whose time the registry waits, and the whole text; again a
-// second later, when 85 of the instances have reported.
+// What a look at the status costs: the copy, and the whole text; again a second later, when 85 of the
+// instances have reported.
 void StatusSnapshot(benchmark::State& state) {
   FleetStatus status;
   UsageRecords records(&status);

@@ -38,12 +38,7 @@ int main(int argc, char** argv) {
   }
   spdlog::set_level(spdlog::level::info);
   std::unique_ptr<StatusSocket> statusSocket;
-  if (status != nullptr) {
-    statusSocket = std::make_unique<StatusSocket>(
-        argv[2], [&status, process = ProcessWatch(), writer = StatusWriter()]() mutable {
-          return writer.Write(status->TakeSnapshot(), process.LookUp());
-        });
-  }
+  if (status != nullptr) statusSocket = std::make_unique<StatusSocket>(argv[2], SnapshotsOf(*status));
   server.Start();
   server.Records().PrintStatus();
   int signal = 0;

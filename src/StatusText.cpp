@@ -449,3 +449,9 @@ std::shared_ptr<const std::string> StatusWriter::Write(const FleetStatus::Snapsh
   text_ = std::make_shared<const std::string>(lines.Text());
   return text_;
 }
+
+std::function<std::shared_ptr<const std::string>()> SnapshotsOf(FleetStatus& status) {
+  return [&status, process = ProcessWatch(), writer = StatusWriter()]() mutable {
+    return writer.Write(status.TakeSnapshot(), process.LookUp());
+  };
+}

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -60,3 +61,6 @@ class StatusWriter {
   std::shared_ptr<const std::string> text_ = std::make_shared<const std::string>();
   std::vector<Line> lines_;  // by key
 };
+
+// Makes a snapshot's text at each call, for a StatusSocket. One thread; `status` outlives it.
+std::function<std::shared_ptr<const std::string>()> SnapshotsOf(FleetStatus& status);

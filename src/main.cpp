@@ -104,10 +104,7 @@ std::unique_ptr<KorvaneControllerServer> MakeServer(RequestFrames frames, FleetS
 // Shows `status` to whoever connects. Null if that cannot be done; the server serves all the same.
 std::unique_ptr<StatusSocket> ShowStatus(FleetStatus& status, const char* path, const FunctionLog& log) {
   try {
-    return std::make_unique<StatusSocket>(
-        path, [&status, process = ProcessWatch(), writer = StatusWriter()]() mutable {
-          return writer.Write(status.TakeSnapshot(), process.LookUp());
-        });
+    return std::make_unique<StatusSocket>(path, SnapshotsOf(status));
   } catch (const std::system_error& error) {
     log.Warn("The status cannot be shown: {}", error.what());
     return nullptr;

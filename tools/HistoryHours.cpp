@@ -18,20 +18,6 @@ void AddUse(std::vector<StatusUse>& uses, const StatusUse& use) {
   same->unitSeconds += use.unitSeconds;
 }
 
-std::vector<StatusHour> MergedHours(const std::vector<StatusHour>& hours) {
-  std::map<std::int64_t, StatusHour> merged;
-  for (const StatusHour& hour : hours) {
-    StatusHour& whole = merged[hour.hour];
-    whole.hour = hour.hour;
-    whole.seen += hour.seen;
-    for (const StatusUse& use : hour.uses) AddUse(whole.uses, use);
-  }
-  std::vector<StatusHour> list;
-  list.reserve(merged.size());
-  for (auto& hour : merged) list.push_back(std::move(hour.second));
-  return list;
-}
-
 std::vector<InstanceHour> HoursOf(const StatusPeer& peer, std::int64_t cameraSeconds, std::int64_t until,
                                   const SeenHours& seen, std::int64_t since) {
   std::vector<InstanceHour> hours;

@@ -11,9 +11,6 @@
 // Seconds seen of each hour, the newest first.
 using SeenHours = std::map<std::int64_t, std::int64_t, std::greater<>>;
 
-// The hours of a snapshot, each once, though a server may name one twice.
-std::vector<StatusHour> MergedHours(const std::vector<StatusHour>& hours);
-
 // Adds `use` to the one of its feature: the greater peak, of equal ones the first that was added.
 void AddUse(std::vector<StatusUse>& uses, const StatusUse& use);
 

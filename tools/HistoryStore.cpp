@@ -92,12 +92,11 @@ HistoryStore::HistoryStore(const std::string& path) : database_(path, Database::
 }
 
 void HistoryStore::Keep(const StatusSnapshot& snapshot, const std::vector<StatusLoss>& gone) {
-  const std::vector<StatusHour> hours = MergedHours(snapshot.hours);
   Transaction transaction(database_);
   const Run run = Continue(snapshot.server);
-  KeepHours(hours, run);
+  KeepHours(snapshot.hours, run);
   for (const auto* losses : {&gone, &snapshot.losses}) KeepLosses(*losses, snapshot.server.time, run);
-  KeepInstances(snapshot, gone, hours, run);
+  KeepInstances(snapshot, gone, run);
   CloseDays(snapshot.server.time);
   transaction.Commit();
 }
@@ -159,9 +158,9 @@ void HistoryStore::KeepLosses(const std::vector<StatusLoss>& losses, std::int64_
 }
 
 void HistoryStore::KeepInstances(const StatusSnapshot& snapshot, const std::vector<StatusLoss>& gone,
-                                 const std::vector<StatusHour>& hours, const Run& run) {
+                                 const Run& run) {
   SeenHours seen;
-  for (const StatusHour& hour : hours) seen.emplace(hour.hour, hour.seen);
+  for (const StatusHour& hour : snapshot.hours) seen.emplace(hour.hour, hour.seen);
   InstanceWriter writer(database_, snapshot.server.time);
   for (const auto* losses : {&gone, &snapshot.losses}) {
     for (const StatusLoss& loss : *losses)

@@ -38,8 +38,7 @@ class HistoryStore {
   Run Continue(const StatusServer& server);
   void KeepHours(const std::vector<StatusHour>& hours, const Run& run);
   void KeepLosses(const std::vector<StatusLoss>& losses, std::int64_t time, const Run& run);
-  void KeepInstances(const StatusSnapshot& snapshot, const std::vector<StatusLoss>& gone,
-                     const std::vector<StatusHour>& hours, const Run& run);
+  void KeepInstances(const StatusSnapshot& snapshot, const std::vector<StatusLoss>& gone, const Run& run);
   void CloseDays(std::int64_t time);
 
   Database database_;
